@@ -1,0 +1,7 @@
+# Third-party libraries, all from the platform's packages (scripts/setup.sh installs them).
+
+find_package(ICU 72 REQUIRED COMPONENTS uc i18n)
+find_package(Boost 1.74 REQUIRED)
+find_package(PkgConfig REQUIRED)
+pkg_check_modules(CryptoPP REQUIRED IMPORTED_TARGET libcrypto++)
+find_package(Threads REQUIRED)

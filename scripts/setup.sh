@@ -1,0 +1,38 @@
+#!/usr/bin/env bash
+# Installs every Debian package that building, testing and benchmarking Veskan needs.
+# Idempotent: when everything is present it does nothing, and it refreshes the package
+# lists only when something has to be installed.
+set -euo pipefail
+
+packages=(
+  # toolchain
+  build-essential cmake pkg-config git
+  # library dependencies
+  libicu-dev libxerces-c-dev librdf0-dev libraptor2-dev librasqal3-dev libssl-dev zlib1g-dev
+  libboost-dev libboost-thread-dev libboost-filesystem-dev libboost-date-time-dev
+  libcrypto++-dev libtinyxml-dev libcurl4-gnutls-dev libsqlite3-dev
+  # tests, benchmarks, fuzzing, sanitizers, formatting
+  libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev libfuzzer-14-dev clang-format
+  # load tests and browser tests
+  wrk curl
+)
+
+missing=()
+for package in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${db:Status-Status}' "$package" 2>/dev/null || true)
+  [ "$status" = "installed" ] || missing+=("$package")
+done
+
+if [ ${#missing[@]} -eq 0 ]; then
+  exit 0
+fi
+
+sudo_cmd=()
+if [ "$(id -u)" -ne 0 ]; then
+  sudo_cmd=(sudo)
+fi
+
+echo "setup: installing ${missing[*]}"
+export DEBIAN_FRONTEND=noninteractive
+"${sudo_cmd[@]}" apt-get update -qq
+"${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"

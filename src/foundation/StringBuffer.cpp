@@ -1,0 +1,202 @@
+// StringBuffer's own members, its comparisons and the enumeration holders of the string family.
+#include <veskan/StringBuffer.h>
+
+#include "foundation/Utf.h"
+
+#include <unicode/stringoptions.h>
+#include <unicode/ustring.h>
+
+#include <cstring>
+#include <ostream>
+#include <utility>
+
+namespace Veskan {
+
+namespace {
+
+constexpr char16_t EmptyLiteral[] = u"";
+
+}  // namespace
+
+StringBuffer::StringBuffer() { getTerminatedBuffer(); }
+
+StringBuffer::StringBuffer(const StringBuffer& other) : icu::UnicodeString(other) {
+  getTerminatedBuffer();
+}
+
+StringBuffer::StringBuffer(StringBuffer&& other) noexcept
+    : icu::UnicodeString(std::move(other)) {}
+
+StringBuffer::StringBuffer(const icu::UnicodeString& other) : icu::UnicodeString(other) {
+  getTerminatedBuffer();
+}
+
+StringBuffer::StringBuffer(icu::UnicodeString&& other) noexcept
+    : icu::UnicodeString(std::move(other)) {}
+
+StringBuffer::StringBuffer(std::nullptr_t) { getTerminatedBuffer(); }
+
+StringBuffer::StringBuffer(const char16_t* text) : StringBuffer(text, -1) {}
+
+StringBuffer::StringBuffer(const char16_t* text, int length) {
+  if (text) setTo(text, length < 0 ? u_strlen(text) : length);
+  getTerminatedBuffer();
+}
+
+StringBuffer::StringBuffer(const char16_t* text, int start, int length)
+    : StringBuffer(text ? text + (start > 0 ? start : 0) : nullptr, length) {}
+
+StringBuffer::StringBuffer(const char* utf8) {
+  if (utf8) Detail::DecodeUtf8(utf8, static_cast<int32_t>(std::strlen(utf8)), *this);
+  getTerminatedBuffer();
+}
+
+StringBuffer::StringBuffer(const std::string& utf8) {
+  Detail::DecodeUtf8(utf8.data(), static_cast<int32_t>(utf8.size()), *this);
+  getTerminatedBuffer();
+}
+
+StringBuffer::~StringBuffer() = default;
+
+StringBuffer& StringBuffer::operator=(const StringBuffer& other) {
+  icu::UnicodeString::operator=(other);
+  getTerminatedBuffer();
+  return *this;
+}
+
+StringBuffer& StringBuffer::operator=(StringBuffer&& other) noexcept {
+  icu::UnicodeString::operator=(std::move(other));
+  return *this;
+}
+
+StringBuffer& StringBuffer::operator=(const icu::UnicodeString& other) {
+  icu::UnicodeString::operator=(other);
+  getTerminatedBuffer();
+  return *this;
+}
+
+StringBuffer& StringBuffer::operator=(const char16_t* text) {
+  return *this = StringBuffer(text);
+}
+
+StringBuffer& StringBuffer::operator=(const char* utf8) { return *this = StringBuffer(utf8); }
+
+StringBuffer& StringBuffer::operator+=(const icu::UnicodeString& other) {
+  append(other);
+  getTerminatedBuffer();
+  return *this;
+}
+
+StringBuffer& StringBuffer::operator+=(const char16_t* text) {
+  if (text) append(text, u_strlen(text));
+  getTerminatedBuffer();
+  return *this;
+}
+
+StringBuffer& StringBuffer::operator+=(char16_t unit) {
+  append(unit);
+  getTerminatedBuffer();
+  return *this;
+}
+
+bool StringBuffer::operator==(const char16_t* text) const {
+  if (!text) return isEmpty();
+  const int32_t textLength = u_strlen(text);
+  return textLength == length() && compare(text, textLength) == 0;
+}
+
+bool StringBuffer::operator!=(const char16_t* text) const { return !(*this == text); }
+
+bool StringBuffer::operator!() const { return isEmpty(); }
+
+StringBuffer::operator bool() const { return !isEmpty(); }
+
+StringBuffer::operator const char16_t*() const { return c_str(); }
+
+const char16_t* StringBuffer::c_str() const {
+  // Constructors and our own operators leave the buffer terminated: then this only reads.
+  const char16_t* buffer = getBuffer();
+  if (!buffer) return EmptyLiteral;  // bogus
+  const int32_t used = length();
+  if (used < getCapacity() && buffer[used] == 0) return buffer;
+  const char16_t* terminated = const_cast<StringBuffer*>(this)->getTerminatedBuffer();
+  return terminated ? terminated : EmptyLiteral;
+}
+
+std::string StringBuffer::ToUTF8() const { return Detail::EncodeUtf8(*this); }
+
+StringBuffer operator+(const StringBuffer& left, const StringBuffer& right) {
+  return left + static_cast<const icu::UnicodeString&>(right);
+}
+
+StringBuffer operator+(const StringBuffer& left, const icu::UnicodeString& right) {
+  StringBuffer result;
+  result.getBuffer(left.length() + right.length() + 1);  // one allocation for both halves
+  result.releaseBuffer(0);
+  result.append(left).append(right);
+  result.getTerminatedBuffer();
+  return result;
+}
+
+StringBuffer operator+(const StringBuffer& left, const char16_t* right) {
+  return left + StringBuffer(right);
+}
+
+StringBuffer operator+(const char16_t* left, const StringBuffer& right) {
+  return StringBuffer(left) + right;
+}
+
+bool operator==(const char16_t* left, const StringBuffer& right) { return right == left; }
+
+bool operator!=(const char16_t* left, const StringBuffer& right) { return right != left; }
+
+std::ostream& operator<<(std::ostream& stream, const StringBuffer& text) {
+  return stream << text.ToUTF8();
+}
+
+bool UnicodeStringTraitsI::operator()(const icu::UnicodeString& a,
+                                      const icu::UnicodeString& b) const {
+  return a.caseCompare(b, U_FOLD_CASE_DEFAULT) < 0;
+}
+
+const char16_t* FormattingStyles::ToString(Enumeration value) {
+  switch (value) {
+    case Default:
+      return u"Default";
+    case HexadecimalYesNo:
+      return u"HexadecimalYesNo";
+    case NumericBoolean:
+      return u"NumericBoolean";
+  }
+  return u"##invalid value##";
+}
+
+StringBuffer SortMethods::ToString(int value) {
+  if (value == Ascending) return StringBuffer(u"Ascending");
+  if (value & ~(Descending | Exact | Numeric)) return StringBuffer(u"##invalid value##");
+  StringBuffer names;
+  for (auto [flag, name] : {std::pair<int, const char16_t*>{Descending, u"Descending"},
+                            {Exact, u"Exact"},
+                            {Numeric, u"Numeric"}}) {
+    if (!(value & flag)) continue;
+    if (!names.isEmpty()) names += u'|';
+    names += name;
+  }
+  return names;
+}
+
+const char16_t* SafeStringLiteral(const char16_t* text) { return text ? text : EmptyLiteral; }
+
+int StringLength(const char16_t* text) { return text ? u_strlen(text) : 0; }
+
+bool IsEmptyString(const char16_t* text) { return !text || !*text; }
+
+bool IsEmptyString(const StringBuffer& text) { return text.isEmpty(); }
+
+bool CompareStringLiterals(const char16_t* a, const char16_t* b, bool ignoreCase) {
+  a = SafeStringLiteral(a);
+  b = SafeStringLiteral(b);
+  return ignoreCase ? u_strcasecmp(a, b, U_FOLD_CASE_DEFAULT) == 0 : u_strcmp(a, b) == 0;
+}
+
+}  // namespace Veskan
