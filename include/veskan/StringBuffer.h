@@ -63,8 +63,10 @@ class VESKAN_API StringBuffer : public icu::UnicodeString {
   // Exact code-unit comparison; a null pointer compares as the empty string.
   bool operator==(const char16_t* text) const;
   bool operator!=(const char16_t* text) const;
-  using icu::UnicodeString::operator==;
-  using icu::UnicodeString::operator!=;
+  bool operator==(const StringBuffer& other) const { return UnicodeString::operator==(other); }
+  bool operator!=(const StringBuffer& other) const { return UnicodeString::operator!=(other); }
+  bool operator==(const icu::UnicodeString& other) const { return UnicodeString::operator==(other); }
+  bool operator!=(const icu::UnicodeString& other) const { return UnicodeString::operator!=(other); }
 
   // True when empty.
   bool operator!() const;

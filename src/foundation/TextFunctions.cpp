@@ -5,6 +5,8 @@
 #include <unicode/regex.h>
 #include <unicode/ustring.h>
 
+#include <memory>
+
 namespace Veskan {
 
 namespace {
@@ -153,10 +155,16 @@ int Tokenize(const char16_t* text, StringList& list, const char16_t* delimiters)
 }
 
 bool Regex(const char16_t* text, const char16_t* pattern) {
+  // The steps of RegexPattern::matches, which crashes on a pattern that does not compile.
   UParseError where;
   UErrorCode status = U_ZERO_ERROR;
-  const bool matched =
-      icu::RegexPattern::matches(StringBuffer(pattern), StringBuffer(text), where, status);
+  std::unique_ptr<icu::RegexPattern> compiled(
+      icu::RegexPattern::compile(StringBuffer(pattern), 0, where, status));
+  if (U_FAILURE(status) || !compiled) return false;
+  const StringBuffer input(text);
+  std::unique_ptr<icu::RegexMatcher> matcher(compiled->matcher(input, status));
+  if (U_FAILURE(status) || !matcher) return false;
+  const bool matched = matcher->matches(status);
   return U_SUCCESS(status) && matched;
 }
 
