@@ -65,8 +65,12 @@ class VESKAN_API StringBuffer : public icu::UnicodeString {
   bool operator!=(const char16_t* text) const;
   bool operator==(const StringBuffer& other) const { return UnicodeString::operator==(other); }
   bool operator!=(const StringBuffer& other) const { return UnicodeString::operator!=(other); }
-  bool operator==(const icu::UnicodeString& other) const { return UnicodeString::operator==(other); }
-  bool operator!=(const icu::UnicodeString& other) const { return UnicodeString::operator!=(other); }
+  bool operator==(const icu::UnicodeString& other) const {
+    return UnicodeString::operator==(other);
+  }
+  bool operator!=(const icu::UnicodeString& other) const {
+    return UnicodeString::operator!=(other);
+  }
 
   // True when empty.
   bool operator!() const;
@@ -80,6 +84,10 @@ class VESKAN_API StringBuffer : public icu::UnicodeString {
 
   // The text as UTF-8.
   std::string ToUTF8() const;
+
+ private:
+  bool IsTerminated() const;
+  void KeepTerminated();
 };
 
 // A new buffer holding `left` then `right`.
@@ -190,7 +198,7 @@ VESKAN_API StringBuffer NormalizeWhitespace(const char16_t* text);
 // Pure-ASCII XML text: the five markup characters as entities, every code unit below 32 or above
 // 126 as "&#xHHHH;" (each half of a surrogate pair separately).
 VESKAN_API StringBuffer SafeForXml(const char16_t* text);
-VESKAN_API StringBuffer SafeForXml(const icu::UnicodeString& text);
+VESKAN_API StringBuffer SafeForXml(const StringBuffer& text);
 // Doubles every single '{' and '}' so the text can stand in an XQuery string; pairs stay.
 VESKAN_API StringBuffer DoubleBracesForXQuery(const char16_t* text);
 // Appends the tokens of `text` between any of the code units in `delimiters` to `list`; adjacent

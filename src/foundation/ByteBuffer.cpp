@@ -24,17 +24,23 @@ bool InBlock(const unsigned char* pointer, const unsigned char* block, int capac
 
 }  // namespace
 
-void ByteBuffer::FreeDeleter::operator()(unsigned char* block) const noexcept { std::free(block); }
+void ByteBuffer::FreeDeleter::operator()(unsigned char* block) const noexcept {
+  std::free(block);
+}
 
 ByteBuffer::ByteBuffer() = default;
 
-ByteBuffer::ByteBuffer(int size) { Resize(size); }
+ByteBuffer::ByteBuffer(int size) {
+  Resize(size);
+}
 
 ByteBuffer::ByteBuffer(const unsigned char* bytes, int offset, int length) {
   if (bytes && offset >= 0 && length > 0) Write(0, bytes + offset, 0, length, true);
 }
 
-ByteBuffer::ByteBuffer(const ByteBuffer& other) { Write(0, other.Data(), 0, other.length_, true); }
+ByteBuffer::ByteBuffer(const ByteBuffer& other) {
+  Write(0, other.Data(), 0, other.length_, true);
+}
 
 ByteBuffer::ByteBuffer(ByteBuffer&& other) noexcept
     : heap_(std::move(other.heap_)),
@@ -116,16 +122,17 @@ void ByteBuffer::Resize(int size) {
   if (mapped_) {
     if (size > capacity_) {
       static const char16_t Location[] = u"public void Veskan::ByteBuffer::Resize(int)";
-      throw MemoryMapException(Location, MemoryMapException::NotImplemented,
-                               StringBuffer(Location) +
-                                   u": not implemented: resizing a memory mapped buffer");
+      throw MemoryMapException(
+          Location, MemoryMapException::NotImplemented,
+          StringBuffer(Location) + u": not implemented: resizing a memory mapped buffer");
     }
     length_ = size;  // a view has no terminator of its own to move
     return;
   }
   if (size > MaxSize) throw std::bad_alloc();
   if (size > capacity_) GrowHeap(size);
-  if (size > length_) std::memset(heap_.get() + length_, 0, static_cast<std::size_t>(size - length_));
+  if (size > length_)
+    std::memset(heap_.get() + length_, 0, static_cast<std::size_t>(size - length_));
   length_ = size;
   heap_.get()[length_] = 0;
 }

@@ -30,7 +30,8 @@ class Utf16LineSink : public CryptoPP::Bufferless<CryptoPP::Sink> {
 
   size_t Put2(const CryptoPP::byte* in, size_t length, int, bool) override {
     if (lineLength_ <= 0) {
-      for (size_t i = 0; i < length; ++i) *next_++ = in[i];
+      for (size_t i = 0; i < length; ++i)
+        *next_++ = in[i];
       return 0;
     }
     for (size_t i = 0; i < length; ++i) {

@@ -18,8 +18,7 @@ namespace Veskan {
 
 namespace {
 
-void WriteToStandardError(Logger::Severity::Enumeration severity, const char* message,
-                          int number) {
+void WriteToStandardError(Logger::Severity::Enumeration severity, const char* message, int number) {
   // One fprintf per line, so lines of concurrent writers do not interleave.
   const std::string name = StringBuffer(Logger::Severity::ToString(severity)).ToUTF8();
   if (number != 0) {
@@ -78,9 +77,9 @@ Logger::Severity::Enumeration Logger::Severity::Parse(const char* text, Enumerat
   static const struct {
     const char* name;
     Enumeration value;
-  } Names[] = {{"trace", Trace},     {"debug", Debug}, {"information", Information},
+  } Names[] = {{"trace", Trace},      {"debug", Debug},     {"information", Information},
                {"info", Information}, {"warning", Warning}, {"error", Error},
-               {"off", Off},         {"none", Off}};
+               {"off", Off},          {"none", Off}};
   for (const auto& entry : Names) {
     if (EqualsIgnoringAsciiCase(text, entry.name)) return entry.value;
   }

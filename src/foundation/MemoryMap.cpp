@@ -18,14 +18,18 @@ MemoryMapException::MemoryMapException(const StringBuffer& location, int code,
                                        const StringBuffer& message)
     : location_(location), code_(code), message_(message), what_(message.ToUTF8()) {}
 
-const char* MemoryMapException::what() const noexcept { return what_.c_str(); }
+const char* MemoryMapException::what() const noexcept {
+  return what_.c_str();
+}
 
 namespace {
 
 constexpr char16_t HandleFormLocation[] =
     u"void Veskan::ByteBuffer::MemoryMap(HANDLE,HANDLE,boo,int,int)";
 
-StringBuffer Decimal(long long value) { return FormatInteger64(value); }
+StringBuffer Decimal(long long value) {
+  return FormatInteger64(value);
+}
 
 // Builds the exception for a failure the system reported: {0} the name, {1} the error number,
 // {2} its text, then `extra` as {3} and {4}.
@@ -56,8 +60,7 @@ void Extend(Sys::File& file, const StringBuffer& name, long long offset, long lo
     return MemoryMapException(
         name, error,
         MessageFormat(pattern, {icu::Formattable(name), icu::Formattable(Decimal(offset)),
-                                icu::Formattable(Decimal(length)),
-                                icu::Formattable(Decimal(error)),
+                                icu::Formattable(Decimal(length)), icu::Formattable(Decimal(error)),
                                 icu::Formattable(StringBuffer(Sys::ErrorText(error)))}));
   };
   int error = 0;
@@ -68,8 +71,7 @@ void Extend(Sys::File& file, const StringBuffer& name, long long offset, long lo
     throw failure(u"{0}: SetEndofFile at {1}+{2} bytes failed: error code {3}: {4}", error);
   }
   if (!file.SeekTo(0, error)) {
-    throw failure(u"{0}: SetFilePointer to beginning of file failed: error code {3}: {4}",
-                  error);
+    throw failure(u"{0}: SetFilePointer to beginning of file failed: error code {3}: {4}", error);
   }
 }
 
@@ -80,13 +82,11 @@ void ByteBuffer::MemoryMap(const char16_t* fileName, bool writable, int offset, 
   const StringBuffer name(fileName);
   auto mapped = std::make_unique<Detail::MappedFile>();
   int error = 0;
-  mapped->file = Sys::File::Open(Detail::PathToNative(fileName).c_str(),
-                                 writable ? Sys::File::Mode::ReadWriteAlways
-                                          : Sys::File::Mode::ReadExisting,
-                                 error);
+  mapped->file = Sys::File::Open(
+      Detail::PathToNative(fileName).c_str(),
+      writable ? Sys::File::Mode::ReadWriteAlways : Sys::File::Mode::ReadExisting, error);
   if (!mapped->file) throw SystemFailure(name, error, u"{0}: CreateFile failed: error {1}: {2}");
-  MapOpenFile(std::move(mapped), name, writable, offset, length,
-              u"{0}: cannot map a 0 byte file");
+  MapOpenFile(std::move(mapped), name, writable, offset, length, u"{0}: cannot map a 0 byte file");
 }
 
 void ByteBuffer::MemoryMap(FileHandle file, FileHandle mapping, bool writable, int offset,
@@ -162,8 +162,8 @@ void ByteBuffer::MapOpenFile(std::unique_ptr<Detail::MappedFile> mapped, const S
                         u"{0}: CreateFileMapping {3} bytes failed: error {1}: {2}",
                         {icu::Formattable(Decimal(size))});
   }
-  mapped->view = Sys::MappedView::Map(source, writable, offset,
-                                      static_cast<std::size_t>(viewLength), error);
+  mapped->view =
+      Sys::MappedView::Map(source, writable, offset, static_cast<std::size_t>(viewLength), error);
   if (!mapped->view.IsMapped()) {
     throw SystemFailure(name, error, u"{0}: MapViewOfFile {3}+{4} bytes failed: error {1}: {2}",
                         {icu::Formattable(Decimal(offset)), icu::Formattable(Decimal(viewLength))});
@@ -175,7 +175,9 @@ void ByteBuffer::MapOpenFile(std::unique_ptr<Detail::MappedFile> mapped, const S
   length_ = capacity_;
 }
 
-void ByteBuffer::Unmap() { Resize(0); }
+void ByteBuffer::Unmap() {
+  Resize(0);
+}
 
 ByteBuffer BytesFromFile(const char16_t* path) {
   ByteBuffer bytes;

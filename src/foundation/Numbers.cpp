@@ -5,8 +5,8 @@
 #include <unicode/stringoptions.h>
 #include <unicode/ustring.h>
 
-#include <charconv>
 #include <cfloat>
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstdint>
@@ -24,7 +24,8 @@ StringBuffer FromAscii(const char* text, std::size_t length) {
   StringBuffer result;
   char16_t* block = result.getBuffer(static_cast<std::int32_t>(length) + 1);
   if (!block) return result;
-  for (std::size_t i = 0; i < length; ++i) block[i] = static_cast<unsigned char>(text[i]);
+  for (std::size_t i = 0; i < length; ++i)
+    block[i] = static_cast<unsigned char>(text[i]);
   block[length] = 0;
   result.releaseBuffer(static_cast<std::int32_t>(length));
   return result;
@@ -37,8 +38,8 @@ StringBuffer FormatWholeNumber(Integer value, int style) {
   std::to_chars_result result;
   if (style == FormattingStyles::HexadecimalYesNo) {
     *next++ = '#';
-    result = std::to_chars(next, std::end(text), static_cast<std::make_unsigned_t<Integer>>(value),
-                           16);
+    result =
+        std::to_chars(next, std::end(text), static_cast<std::make_unsigned_t<Integer>>(value), 16);
   } else {
     result = std::to_chars(next, std::end(text), value);
   }
@@ -47,9 +48,11 @@ StringBuffer FormatWholeNumber(Integer value, int style) {
 
 // The number of decimals of a fixed-point text once trailing zeros are dropped.
 int SignificantDecimals(const char* begin, const char* end) {
-  const char* point = std::char_traits<char>::find(begin, static_cast<std::size_t>(end - begin), '.');
+  const char* point =
+      std::char_traits<char>::find(begin, static_cast<std::size_t>(end - begin), '.');
   if (!point) return 0;
-  while (end > point + 1 && end[-1] == '0') --end;
+  while (end > point + 1 && end[-1] == '0')
+    --end;
   return static_cast<int>(end - point - 1);
 }
 
@@ -109,7 +112,8 @@ long long ParseWholeNumber(const char16_t* text, int bits) {
     base = 16;
     text += 2;
   }
-  while (IsAsciiSpace(*text)) ++text;
+  while (IsAsciiSpace(*text))
+    ++text;
   const bool negative = *text == u'-';
   if (*text == u'-' || *text == u'+') ++text;
   int digits = 0;
@@ -145,7 +149,9 @@ const char16_t* FormatBoolean(bool value, int style) {
   }
 }
 
-StringBuffer FormatInteger(int value, int style) { return FormatWholeNumber(value, style); }
+StringBuffer FormatInteger(int value, int style) {
+  return FormatWholeNumber(value, style);
+}
 
 StringBuffer FormatInteger64(long long value, int style) {
   return FormatWholeNumber(value, style);
@@ -196,9 +202,13 @@ bool ParseBoolean(const char16_t* text) {
   return text[0] == u'1' && length == 1;
 }
 
-int ParseInteger(const char16_t* text) { return static_cast<int>(ParseWholeNumber(text, 32)); }
+int ParseInteger(const char16_t* text) {
+  return static_cast<int>(ParseWholeNumber(text, 32));
+}
 
-long long ParseInteger64(const char16_t* text) { return ParseWholeNumber(text, 64); }
+long long ParseInteger64(const char16_t* text) {
+  return ParseWholeNumber(text, 64);
+}
 
 double ParseDouble(const char16_t* text) {
   const std::int32_t length = StringLength(text);
@@ -212,7 +222,8 @@ double ParseDouble(const char16_t* text) {
   // A number is ASCII: narrow the leading ASCII run instead of a full UTF-8 conversion.
   std::string narrow;
   std::int32_t start = 0;
-  while (start < length && IsAsciiSpace(text[start])) ++start;
+  while (start < length && IsAsciiSpace(text[start]))
+    ++start;
   for (std::int32_t i = start; i < length && text[i] < 0x80; ++i) {
     narrow += static_cast<char>(text[i]);
   }

@@ -18,14 +18,15 @@ constexpr char16_t EmptyLiteral[] = u"";
 
 }  // namespace
 
-StringBuffer::StringBuffer() { getTerminatedBuffer(); }
-
-StringBuffer::StringBuffer(const StringBuffer& other) : icu::UnicodeString(other) {
+StringBuffer::StringBuffer() {
   getTerminatedBuffer();
 }
 
-StringBuffer::StringBuffer(StringBuffer&& other) noexcept
-    : icu::UnicodeString(std::move(other)) {}
+StringBuffer::StringBuffer(const StringBuffer& other) : icu::UnicodeString(other) {
+  KeepTerminated();
+}
+
+StringBuffer::StringBuffer(StringBuffer&& other) noexcept : icu::UnicodeString(std::move(other)) {}
 
 StringBuffer::StringBuffer(const icu::UnicodeString& other) : icu::UnicodeString(other) {
   getTerminatedBuffer();
@@ -34,7 +35,9 @@ StringBuffer::StringBuffer(const icu::UnicodeString& other) : icu::UnicodeString
 StringBuffer::StringBuffer(icu::UnicodeString&& other) noexcept
     : icu::UnicodeString(std::move(other)) {}
 
-StringBuffer::StringBuffer(std::nullptr_t) { getTerminatedBuffer(); }
+StringBuffer::StringBuffer(std::nullptr_t) {
+  getTerminatedBuffer();
+}
 
 StringBuffer::StringBuffer(const char16_t* text) : StringBuffer(text, -1) {}
 
@@ -60,7 +63,7 @@ StringBuffer::~StringBuffer() = default;
 
 StringBuffer& StringBuffer::operator=(const StringBuffer& other) {
   icu::UnicodeString::operator=(other);
-  getTerminatedBuffer();
+  KeepTerminated();
   return *this;
 }
 
@@ -79,7 +82,9 @@ StringBuffer& StringBuffer::operator=(const char16_t* text) {
   return *this = StringBuffer(text);
 }
 
-StringBuffer& StringBuffer::operator=(const char* utf8) { return *this = StringBuffer(utf8); }
+StringBuffer& StringBuffer::operator=(const char* utf8) {
+  return *this = StringBuffer(utf8);
+}
 
 StringBuffer& StringBuffer::operator+=(const icu::UnicodeString& other) {
   append(other);
@@ -105,25 +110,44 @@ bool StringBuffer::operator==(const char16_t* text) const {
   return textLength == length() && compare(text, textLength) == 0;
 }
 
-bool StringBuffer::operator!=(const char16_t* text) const { return !(*this == text); }
+bool StringBuffer::operator!=(const char16_t* text) const {
+  return !(*this == text);
+}
 
-bool StringBuffer::operator!() const { return isEmpty(); }
+bool StringBuffer::operator!() const {
+  return isEmpty();
+}
 
-StringBuffer::operator bool() const { return !isEmpty(); }
+StringBuffer::operator bool() const {
+  return !isEmpty();
+}
 
-StringBuffer::operator const char16_t*() const { return c_str(); }
+StringBuffer::operator const char16_t*() const {
+  return c_str();
+}
 
 const char16_t* StringBuffer::c_str() const {
-  // Constructors and our own operators leave the buffer terminated: then this only reads.
-  const char16_t* buffer = getBuffer();
-  if (!buffer) return EmptyLiteral;  // bogus
-  const int32_t used = length();
-  if (used < getCapacity() && buffer[used] == 0) return buffer;
+  if (IsTerminated()) return getBuffer();  // the usual case: a read, safe from many threads
+  if (isBogus()) return EmptyLiteral;
   const char16_t* terminated = const_cast<StringBuffer*>(this)->getTerminatedBuffer();
   return terminated ? terminated : EmptyLiteral;
 }
 
-std::string StringBuffer::ToUTF8() const { return Detail::EncodeUtf8(*this); }
+bool StringBuffer::IsTerminated() const {
+  const char16_t* buffer = getBuffer();
+  const int32_t used = length();
+  return buffer && used < getCapacity() && buffer[used] == 0;
+}
+
+// A buffer shared with the StringBuffer it was copied from already ends in NUL; terminating it
+// again would unshare it, copying the whole text.
+void StringBuffer::KeepTerminated() {
+  if (!IsTerminated()) getTerminatedBuffer();
+}
+
+std::string StringBuffer::ToUTF8() const {
+  return Detail::EncodeUtf8(*this);
+}
 
 StringBuffer operator+(const StringBuffer& left, const StringBuffer& right) {
   return left + static_cast<const icu::UnicodeString&>(right);
@@ -146,9 +170,13 @@ StringBuffer operator+(const char16_t* left, const StringBuffer& right) {
   return StringBuffer(left) + right;
 }
 
-bool operator==(const char16_t* left, const StringBuffer& right) { return right == left; }
+bool operator==(const char16_t* left, const StringBuffer& right) {
+  return right == left;
+}
 
-bool operator!=(const char16_t* left, const StringBuffer& right) { return right != left; }
+bool operator!=(const char16_t* left, const StringBuffer& right) {
+  return right != left;
+}
 
 std::ostream& operator<<(std::ostream& stream, const StringBuffer& text) {
   return stream << text.ToUTF8();
@@ -185,13 +213,21 @@ StringBuffer SortMethods::ToString(int value) {
   return names;
 }
 
-const char16_t* SafeStringLiteral(const char16_t* text) { return text ? text : EmptyLiteral; }
+const char16_t* SafeStringLiteral(const char16_t* text) {
+  return text ? text : EmptyLiteral;
+}
 
-int StringLength(const char16_t* text) { return text ? u_strlen(text) : 0; }
+int StringLength(const char16_t* text) {
+  return text ? u_strlen(text) : 0;
+}
 
-bool IsEmptyString(const char16_t* text) { return !text || !*text; }
+bool IsEmptyString(const char16_t* text) {
+  return !text || !*text;
+}
 
-bool IsEmptyString(const StringBuffer& text) { return text.isEmpty(); }
+bool IsEmptyString(const StringBuffer& text) {
+  return text.isEmpty();
+}
 
 bool CompareStringLiterals(const char16_t* a, const char16_t* b, bool ignoreCase) {
   a = SafeStringLiteral(a);

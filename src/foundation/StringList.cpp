@@ -37,7 +37,9 @@ StringList& StringList::operator=(StringList&& other) noexcept {
   return *this;
 }
 
-int StringList::Add(const char16_t* text) { return Add(StringBuffer(text)); }
+int StringList::Add(const char16_t* text) {
+  return Add(StringBuffer(text));
+}
 
 int StringList::Add(StringBuffer text) {
   const int index = count_;
@@ -128,8 +130,7 @@ void StringList::Sort(int methods) {
     SortIndexes(order, descending, [&](std::size_t a, std::size_t b) {
       if (collator) {
         UErrorCode compareStatus = U_ZERO_ERROR;
-        const UCollationResult result =
-            collator->compare(entries_[a], entries_[b], compareStatus);
+        const UCollationResult result = collator->compare(entries_[a], entries_[b], compareStatus);
         if (U_SUCCESS(compareStatus) && result != UCOL_EQUAL) return result == UCOL_LESS;
       }
       return exact(a, b);
@@ -138,7 +139,8 @@ void StringList::Sort(int methods) {
 
   std::vector<StringBuffer> sorted;
   sorted.reserve(entries_.size());
-  for (std::size_t index : order) sorted.push_back(std::move(entries_[index]));
+  for (std::size_t index : order)
+    sorted.push_back(std::move(entries_[index]));
   entries_ = std::move(sorted);
 }
 

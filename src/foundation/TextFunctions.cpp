@@ -5,7 +5,14 @@
 #include <unicode/regex.h>
 #include <unicode/ustring.h>
 
+#include <array>
+#include <cstdint>
+#include <cstring>
 #include <memory>
+
+#if defined(__SSE2__)
+#include <emmintrin.h>
+#endif
 
 namespace Veskan {
 
@@ -46,36 +53,124 @@ const char16_t* XmlEntity(char16_t unit) {
 }
 
 constexpr std::int32_t XmlEntityLength(char16_t unit) {
-  return unit == u'<' || unit == u'>' ? 4 : unit == u'&' ? 5 : unit == u'\'' || unit == u'"' ? 6 : 1;
+  return unit == u'<' || unit == u'>'    ? 4
+         : unit == u'&'                  ? 5
+         : unit == u'\'' || unit == u'"' ? 6
+                                         : 1;
 }
 
-bool NeedsNumericReference(char16_t unit) { return unit < 32 || unit > 126; }
+bool NeedsNumericReference(char16_t unit) {
+  return unit < 32 || unit > 126;
+}
 
-StringBuffer SafeForXml(const char16_t* text, std::int32_t length,
-                        const icu::UnicodeString* original) {
-  std::int64_t outputLength = 0;
-  for (std::int32_t i = 0; i < length; ++i) {
-    const char16_t unit = text[i];
-    outputLength += NeedsNumericReference(unit) ? 8 : XmlEntityLength(unit);
+// For each ASCII unit, whether SafeForXml changes it.
+constexpr std::array<bool, 128> AsciiEscapes = [] {
+  std::array<bool, 128> escapes{};
+  for (int unit = 0; unit < 128; ++unit) {
+    escapes[unit] = unit < 32 || unit > 126 || unit == '<' || unit == '>' || unit == '&' ||
+                    unit == '\'' || unit == '"';
   }
-  if (outputLength == length) return original ? StringBuffer(*original) : StringBuffer(text, length);
+  return escapes;
+}();
+
+// True when SafeForXml changes `unit`; NUL included.
+bool NeedsEscape(char16_t unit) {
+  return unit >= 128 || AsciiEscapes[unit];
+}
+
+template <typename Vector>
+bool AnyLaneSet(const Vector& lanes) {
+  std::uint64_t halves[2];
+  static_assert(sizeof lanes == sizeof halves, "16-byte vectors");
+  std::memcpy(halves, &lanes, sizeof halves);
+  return (halves[0] | halves[1]) != 0;
+}
+
+#if defined(__SSE2__)
+// Sixteen bytes, compared all at once (GCC and Clang vector extension).
+typedef std::uint8_t Bytes16 __attribute__((vector_size(16)));
+
+// Lanes of all ones where a byte needs escaping: outside printable ASCII, '"', '&' or '\''
+// (0x26 and 0x27 become 0x27 with the low bit set), '<' or '>' (0x3C and 0x3E become 0x3E with
+// bit 1 set).
+Bytes16 EscapeLanes(Bytes16 bytes) {
+  return ((bytes - 32) > 94) | (bytes == 0x22) | ((bytes | 1) == 0x27) | ((bytes | 2) == 0x3E);
+}
+
+// Whether any of the 32 units at `text` needs escaping. The units are packed into bytes with
+// unsigned saturation first (values from 0x100 become 0xFF, values from 0x8000 become 0: both
+// need escaping anyway), so one compare covers sixteen units.
+bool AnyToEscapeIn32(const char16_t* text) {
+  __m128i units[4];
+  std::memcpy(units, text, sizeof units);
+  const __m128i packed[2] = {_mm_packus_epi16(units[0], units[1]),
+                             _mm_packus_epi16(units[2], units[3])};
+  Bytes16 bytes[2];
+  std::memcpy(bytes, packed, sizeof bytes);
+  return AnyLaneSet(EscapeLanes(bytes[0]) | EscapeLanes(bytes[1]));
+}
+#else
+// Whether any of the 32 units at `text` needs escaping, eight units a compare.
+bool AnyToEscapeIn32(const char16_t* text) {
+  typedef std::uint16_t Units8 __attribute__((vector_size(16)));
+  Units8 units[4];
+  std::memcpy(units, text, sizeof units);
+  Units8 found{};
+  for (const Units8& u : units) {
+    found |= ((u - 32) > 94) | (u == 0x22) | ((u | 1) == 0x27) | ((u | 2) == 0x3E);
+  }
+  return AnyLaneSet(found);
+}
+#endif
+
+// The index of the first unit of `length` that needs escaping, or `length`. Clean text is the
+// common case, so it is scanned 32 units at a time. With `copy`, the units are copied there on
+// the way, which costs little more than the scan: those before the returned index, and up to 31
+// more, so `copy` must have room for `length` units.
+std::int32_t FirstToEscape(const char16_t* text, std::int32_t length, char16_t* copy = nullptr) {
+  std::int32_t i = 0;
+  for (; i + 32 <= length; i += 32) {
+    if (copy) std::memcpy(copy + i, text + i, 32 * sizeof *text);
+    if (AnyToEscapeIn32(text + i)) break;
+  }
+  for (; i < length && !NeedsEscape(text[i]); ++i) {
+    if (copy) copy[i] = text[i];
+  }
+  return i;
+}
+
+// The escaped form of `length` units of `text`, the first `first` of which need no escaping.
+// Both passes jump over clean runs with the vector scan.
+StringBuffer Escape(const char16_t* text, std::int32_t length, std::int32_t first) {
+  std::int64_t outputLength = first;
+  for (std::int32_t i = first; i < length;) {
+    const char16_t unit = text[i++];
+    outputLength += NeedsNumericReference(unit) ? 8 : XmlEntityLength(unit);
+    const std::int32_t run = FirstToEscape(text + i, length - i);
+    outputLength += run;
+    i += run;
+  }
   if (outputLength >= INT32_MAX) return StringBuffer();
   static const char16_t Hex[] = u"0123456789ABCDEF";
   return Build(static_cast<std::int32_t>(outputLength), [&](char16_t* out) {
-    char16_t* next = out;
-    for (std::int32_t i = 0; i < length; ++i) {
-      const char16_t unit = text[i];
+    u_memcpy(out, text, first);
+    char16_t* next = out + first;
+    for (std::int32_t i = first; i < length;) {
+      const char16_t unit = text[i++];
       if (NeedsNumericReference(unit)) {
         *next++ = u'&';
         *next++ = u'#';
         *next++ = u'x';
-        for (int shift = 12; shift >= 0; shift -= 4) *next++ = Hex[(unit >> shift) & 0xF];
+        for (int shift = 12; shift >= 0; shift -= 4)
+          *next++ = Hex[(unit >> shift) & 0xF];
         *next++ = u';';
-      } else if (const char16_t* entity = XmlEntity(unit)) {
-        while (*entity) *next++ = *entity++;
       } else {
-        *next++ = unit;
+        for (const char16_t* entity = XmlEntity(unit); *entity; ++entity)
+          *next++ = *entity;
       }
+      const std::int32_t run = FirstToEscape(text + i, length - i, next);
+      next += run;
+      i += run;
     }
     return static_cast<std::int32_t>(next - out);
   });
@@ -119,17 +214,30 @@ StringBuffer NormalizeWhitespace(const char16_t* text) {
       out[written++] = unit;
       last = unit;
     }
-    while (written > 0 && out[written - 1] == u' ') --written;
+    while (written > 0 && out[written - 1] == u' ')
+      --written;
     return written;
   });
 }
 
 StringBuffer SafeForXml(const char16_t* text) {
-  return SafeForXml(SafeStringLiteral(text), StringLength(text), nullptr);
+  const std::int32_t length = StringLength(text);
+  if (length == 0) return StringBuffer();
+  // Clean text comes back as a copy, made while scanning it.
+  StringBuffer result;
+  char16_t* block = result.getBuffer(length + 1);
+  if (!block) return result;
+  const std::int32_t clean = FirstToEscape(text, length, block);
+  block[clean] = 0;
+  result.releaseBuffer(clean);
+  return clean == length ? result : Escape(text, length, clean);
 }
 
-StringBuffer SafeForXml(const icu::UnicodeString& text) {
-  return SafeForXml(text.getBuffer(), text.isBogus() ? 0 : text.length(), &text);
+StringBuffer SafeForXml(const StringBuffer& text) {
+  const std::int32_t length = text.length();
+  const std::int32_t clean = FirstToEscape(text.getBuffer(), length);
+  if (clean == length) return text;  // shares the buffer
+  return Escape(text.getBuffer(), length, clean);
 }
 
 StringBuffer DoubleBracesForXQuery(const char16_t* text) {
@@ -184,8 +292,7 @@ StringBuffer MessageFormat(const char16_t* pattern, const icu::Formattable* args
   return result;
 }
 
-StringBuffer MessageFormat(const char16_t* pattern,
-                           std::initializer_list<icu::Formattable> args) {
+StringBuffer MessageFormat(const char16_t* pattern, std::initializer_list<icu::Formattable> args) {
   return MessageFormat(pattern, args.begin(), static_cast<int>(args.size()));
 }
 

@@ -122,8 +122,8 @@ ByteBuffer UTF16to8(const icu::UnicodeString& text) {
 StringBuffer StringFromFile(const char16_t* path) {
   StringBuffer text;
   int error = 0;
-  Sys::File file = Sys::File::Open(Detail::PathToNative(path).c_str(),
-                                   Sys::File::Mode::ReadExisting, error);
+  Sys::File file =
+      Sys::File::Open(Detail::PathToNative(path).c_str(), Sys::File::Mode::ReadExisting, error);
   std::int64_t size = 0;
   if (!file || !file.GetSize(size, error) || size < 1 || size > INT32_MAX) return text;
   Sys::MappedView view =

@@ -5,8 +5,12 @@
 
 namespace Veskan {
 
-const char* LibraryVersion() { return VESKAN_VERSION_STRING; }
+const char* LibraryVersion() {
+  return VESKAN_VERSION_STRING;
+}
 
-const char16_t* ProductName() { return VESKAN_PRODUCT_NAME; }
+const char16_t* ProductName() {
+  return VESKAN_PRODUCT_NAME;
+}
 
 }  // namespace Veskan

@@ -11,9 +11,13 @@
 namespace Veskan {
 namespace {
 
-const unsigned char* Raw(const char* text) { return reinterpret_cast<const unsigned char*>(text); }
+const unsigned char* Raw(const char* text) {
+  return reinterpret_cast<const unsigned char*>(text);
+}
 
-std::string Text(const ByteBuffer& bytes) { return std::string(bytes, bytes.Size()); }
+std::string Text(const ByteBuffer& bytes) {
+  return std::string(bytes, bytes.Size());
+}
 
 TEST(ByteBufferTest, DefaultIsAnEmptyTerminatedBuffer) {
   ByteBuffer empty;
@@ -77,7 +81,11 @@ TEST(ByteBufferTest, ReadChecksEveryArgument) {
   bytes = "0123456789";
   unsigned char target[16] = {};
   EXPECT_EQ(bytes.Read(2, target, 1, 3), 3);
-  EXPECT_EQ(std::memcmp(target, "\0" "234", 4), 0);
+  EXPECT_EQ(std::memcmp(target,
+                        "\0"
+                        "234",
+                        4),
+            0);
   EXPECT_EQ(bytes.Read(-1, target, 0, 1), 0);
   EXPECT_EQ(bytes.Read(0, nullptr, 0, 1), 0);
   EXPECT_EQ(bytes.Read(0, target, -1, 1), 0);
@@ -93,7 +101,11 @@ TEST(ByteBufferTest, WriteGrowsOrCuts) {
   EXPECT_EQ(bytes.Size(), 7);
   EXPECT_EQ(std::memcmp(bytes.Data(), "abc\0\0xy\0", 8), 0);
   EXPECT_EQ(bytes.Write(5, Raw("1234"), 1, 3, false), 2);  // cut to what fits
-  EXPECT_EQ(std::memcmp(bytes.Data(), "abc\0\0" "23", 7), 0);
+  EXPECT_EQ(std::memcmp(bytes.Data(),
+                        "abc\0\0"
+                        "23",
+                        7),
+            0);
   EXPECT_EQ(bytes.Write(7, Raw("z"), 0, 1, false), 0);
   EXPECT_EQ(bytes.Write(0, static_cast<const unsigned char*>(nullptr), 0, 1, true), 0);
   EXPECT_EQ(bytes.Write(-1, Raw("z"), 0, 1, true), 0);
@@ -111,9 +123,11 @@ TEST(ByteBufferTest, WriteFromAnotherBufferAndFromItself) {
   EXPECT_EQ(target.Write(0, source, 10, 1, true), 0);
 
   // Appending a buffer to itself makes it grow while the source bytes are being read.
-  for (int i = 0; i < 6; ++i) EXPECT_EQ(source.Write(source.Size(), source, 0, source.Size(), true), 10 << i);
+  for (int i = 0; i < 6; ++i)
+    EXPECT_EQ(source.Write(source.Size(), source, 0, source.Size(), true), 10 << i);
   EXPECT_EQ(source.Size(), 640);
-  for (int i = 0; i < 640; ++i) ASSERT_EQ(source[i], '0' + i % 10) << i;
+  for (int i = 0; i < 640; ++i)
+    ASSERT_EQ(source[i], '0' + i % 10) << i;
   EXPECT_EQ(source[640], 0);
 }
 
@@ -125,7 +139,8 @@ TEST(ByteBufferTest, AppendingByteByByteKeepsEveryByte) {
   }
   EXPECT_EQ(bytes.Size(), 100000);
   EXPECT_LT(bytes.Capacity(), 200000);
-  for (int i = 0; i < 100000; i += 997) ASSERT_EQ(bytes[i], static_cast<unsigned char>(i * 7));
+  for (int i = 0; i < 100000; i += 997)
+    ASSERT_EQ(bytes[i], static_cast<unsigned char>(i * 7));
 }
 
 TEST(WholeFileTest, BytesToFileAndBack) {

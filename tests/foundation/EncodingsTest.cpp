@@ -16,12 +16,19 @@ ByteBuffer Bytes(const std::string& text) {
                     static_cast<int>(text.size()));
 }
 
-std::string Text(const ByteBuffer& bytes) { return std::string(bytes, bytes.Size()); }
+std::string Text(const ByteBuffer& bytes) {
+  return std::string(bytes, bytes.Size());
+}
 
 // RFC 4648, section 10.
 const std::pair<const char*, const char16_t*> Rfc4648Vectors[] = {
-    {"", u""},         {"f", u"Zg=="},         {"fo", u"Zm8="},        {"foo", u"Zm9v"},
-    {"foob", u"Zm9vYg=="}, {"fooba", u"Zm9vYmE="}, {"foobar", u"Zm9vYmFy"},
+    {"", u""},
+    {"f", u"Zg=="},
+    {"fo", u"Zm8="},
+    {"foo", u"Zm9v"},
+    {"foob", u"Zm9vYg=="},
+    {"fooba", u"Zm9vYmE="},
+    {"foobar", u"Zm9vYmFy"},
 };
 
 TEST(Base64Test, EncodesAndDecodesTheStandardVectors) {
@@ -54,7 +61,8 @@ TEST(Base64Test, RoundTripsRandomBytesOfEverySmallLength) {
   std::mt19937 random(7);
   for (int length = 0; length < 200; ++length) {
     std::string plain(static_cast<std::size_t>(length), '\0');
-    for (char& byte : plain) byte = static_cast<char>(random());
+    for (char& byte : plain)
+      byte = static_cast<char>(random());
     const ByteBuffer bytes = Bytes(plain);
     EXPECT_EQ(Text(Decode64(Encode64(bytes, 0, -1, 76))), plain) << "length " << length;
   }
@@ -68,7 +76,9 @@ TEST(MD5Test, Rfc1321VectorsInLowerCaseHex) {
   EXPECT_TRUE(MD5(Bytes("abc"), 4).isEmpty());
 }
 
-int DigitValue(char16_t digit) { return digit <= u'9' ? digit - u'0' : digit - u'A' + 10; }
+int DigitValue(char16_t digit) {
+  return digit <= u'9' ? digit - u'0' : digit - u'A' + 10;
+}
 
 TEST(NewIdTest, PrefixThenTwentyFiveBase32DigitsOfAVersion4Uuid) {
   const StringBuffer id = NewId(u"doc-");
@@ -88,7 +98,8 @@ TEST(NewIdTest, PrefixThenTwentyFiveBase32DigitsOfAVersion4Uuid) {
 
 TEST(NewIdTest, IdsAreFresh) {
   std::set<std::u16string> seen;
-  for (int i = 0; i < 1000; ++i) seen.insert(NewId().c_str());
+  for (int i = 0; i < 1000; ++i)
+    seen.insert(NewId().c_str());
   EXPECT_EQ(seen.size(), 1000u);
 }
 

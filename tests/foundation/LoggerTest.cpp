@@ -23,11 +23,11 @@ class LoggerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     previousThreshold_ = Logger::Threshold();
-    previousSink_ = Logger::SetSink([this](Logger::Severity::Enumeration severity,
-                                           const char* message, int number) {
-      std::lock_guard<std::mutex> lock(mutex_);
-      lines_.push_back({severity, message, number});
-    });
+    previousSink_ = Logger::SetSink(
+        [this](Logger::Severity::Enumeration severity, const char* message, int number) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          lines_.push_back({severity, message, number});
+        });
     Logger::SetThreshold(Logger::Severity::Information);
   }
   void TearDown() override {
@@ -73,9 +73,8 @@ TEST_F(LoggerTest, LineBuildsQualifiedNameAndLabelledValues) {
 
 TEST_F(LoggerTest, SetSinkReturnsTheReplacedSink) {
   int other = 0;
-  Logger::Sink mine = Logger::SetSink([&other](Logger::Severity::Enumeration, const char*, int) {
-    ++other;
-  });
+  Logger::Sink mine =
+      Logger::SetSink([&other](Logger::Severity::Enumeration, const char*, int) { ++other; });
   Logger::Write(Logger::Severity::Warning, "to the other sink");
   EXPECT_EQ(other, 1);
   EXPECT_TRUE(lines_.empty());
@@ -89,10 +88,12 @@ TEST_F(LoggerTest, ConcurrentWritersLoseNoLine) {
   std::vector<std::thread> writers;
   for (int t = 0; t < 4; ++t) {
     writers.emplace_back([t] {
-      for (int i = 0; i < 250; ++i) Logger::Line(Logger::Severity::Error, "Veskan::T::W") << t;
+      for (int i = 0; i < 250; ++i)
+        Logger::Line(Logger::Severity::Error, "Veskan::T::W") << t;
     });
   }
-  for (std::thread& writer : writers) writer.join();
+  for (std::thread& writer : writers)
+    writer.join();
   EXPECT_EQ(lines_.size(), 1000u);
 }
 

@@ -154,8 +154,8 @@ TEST_F(MemoryMapTest, FailuresOfTheHandleForm) {
                 location + u": canot map file 0 bytes in length");
   ::close(empty);
 
-  const int readOnly = ::open(folder_.WriteFile("ro.txt", "data").ToUTF8().c_str(),
-                              O_RDONLY | O_CLOEXEC);
+  const int readOnly =
+      ::open(folder_.WriteFile("ro.txt", "data").ToUTF8().c_str(), O_RDONLY | O_CLOEXEC);
   ExpectFailure([&](ByteBuffer& b) { b.MemoryMap(readOnly, InvalidFileHandle, true); }, 13,
                 location,
                 location + u": CreateFileMapping 4 bytes failed: error 13: Permission denied");

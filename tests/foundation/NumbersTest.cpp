@@ -77,7 +77,8 @@ std::string FormatDoubleWithPrintf(double d) {
     const char* point = std::strchr(text, '.');
     if (!point) return -1;
     int count = static_cast<int>(std::strlen(point + 1));
-    while (count > 0 && point[count] == '0') --count;
+    while (count > 0 && point[count] == '0')
+      --count;
     return count;
   };
   int count = decimals();
@@ -112,7 +113,8 @@ TEST(FormatDoubleTest, AgreesWithPrintfOverManyValues) {
 }
 
 TEST(ParseBooleanTest, WordsAndDigits) {
-  for (const char16_t* yes : {u"true", u"TRUE", u"Yes", u"1"}) EXPECT_TRUE(ParseBoolean(yes));
+  for (const char16_t* yes : {u"true", u"TRUE", u"Yes", u"1"})
+    EXPECT_TRUE(ParseBoolean(yes));
   for (const char16_t* no : {u"false", u"no", u"0", u"2", u"11", u"", u"y"}) {
     EXPECT_FALSE(ParseBoolean(no));
   }
@@ -124,12 +126,24 @@ TEST(ParseIntegerTest, FormsOfThirtyTwoBitNumbers) {
     const char16_t* text;
     int expected;
   } const cases[] = {
-      {u"#1F", 31},       {u"0x1f", 31},           {u"0X1F", 31},
-      {u"0x", 0},         {u"#", 0},               {u"42", 42},
-      {u"  -17", -17},    {u"+5", 5},              {u"12abc", 12},
-      {u"abc", 0},        {u"MIN", INT_MIN},       {u"max", INT_MAX},
-      {u"#FFFFFFFF", -1}, {u"99999999999", INT_MAX}, {u"-99999999999", INT_MIN},
-      {u"", 0},           {u"#ff00", 0xFF00},      {u"0xFFFFFFFFFF", -1},
+      {u"#1F", 31},
+      {u"0x1f", 31},
+      {u"0X1F", 31},
+      {u"0x", 0},
+      {u"#", 0},
+      {u"42", 42},
+      {u"  -17", -17},
+      {u"+5", 5},
+      {u"12abc", 12},
+      {u"abc", 0},
+      {u"MIN", INT_MIN},
+      {u"max", INT_MAX},
+      {u"#FFFFFFFF", -1},
+      {u"99999999999", INT_MAX},
+      {u"-99999999999", INT_MIN},
+      {u"", 0},
+      {u"#ff00", 0xFF00},
+      {u"0xFFFFFFFFFF", -1},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(StringBuffer(c.text));

@@ -23,8 +23,8 @@ TEST(StringBufferConstruction, NullPointersGiveTheEmptyString) {
   const char16_t* noText = nullptr;
   const char* noBytes = nullptr;
   for (const StringBuffer& text :
-       {StringBuffer(noText), StringBuffer(noBytes), StringBuffer(nullptr),
-        StringBuffer(noText, 3), StringBuffer(noText, 1, 2), StringBuffer()}) {
+       {StringBuffer(noText), StringBuffer(noBytes), StringBuffer(nullptr), StringBuffer(noText, 3),
+        StringBuffer(noText, 1, 2), StringBuffer()}) {
     EXPECT_TRUE(text.isEmpty());
     EXPECT_TRUE(!text);
     EXPECT_FALSE(static_cast<bool>(text));
@@ -39,8 +39,8 @@ TEST(StringBufferConstruction, NarrowTextIsUtf8) {
 }
 
 TEST(StringBufferConstruction, IllFormedUtf8GivesTheEmptyStringNotHalfAConversion) {
-  for (const char* bytes : {"abc\xC3", "\xC0\xAF", "ok\xED\xA0\x80", "\xFF", "\x80x",
-                            "\xF4\x90\x80\x80"}) {
+  for (const char* bytes :
+       {"abc\xC3", "\xC0\xAF", "ok\xED\xA0\x80", "\xFF", "\x80x", "\xF4\x90\x80\x80"}) {
     SCOPED_TRACE(bytes);
     EXPECT_TRUE(StringBuffer(bytes).isEmpty());
     EXPECT_TRUE(UTF8to16(bytes).isEmpty());
@@ -66,8 +66,8 @@ TEST(StringBufferTermination, ConstructorsAndOperatorsKeepTheBufferTerminated) {
   narrowAssigned = "n\xC3\xA9";
   for (const StringBuffer& text :
        {StringBuffer(u"abc"), StringBuffer(longText.c_str()), StringBuffer("utf8"),
-        StringBuffer(u"abcdef", 1, 2), StringBuffer(icu::UnicodeString(u"icu")), grown,
-        assigned, narrowAssigned, StringBuffer(u"x") + u"y", StringBuffer(grown)}) {
+        StringBuffer(u"abcdef", 1, 2), StringBuffer(icu::UnicodeString(u"icu")), grown, assigned,
+        narrowAssigned, StringBuffer(u"x") + u"y", StringBuffer(grown)}) {
     ExpectTerminated(text);
   }
   EXPECT_EQ(grown.length(), 305);
@@ -157,7 +157,8 @@ TEST(Utf8Conversion, UnpairedSurrogateGivesAnEmptyBuffer) {
 TEST(Utf8Conversion, LargeMultiByteTextsConvertCompletely) {
   // Large enough for the block compaction paths on both sides.
   std::string utf8;
-  for (int i = 0; i < 20000; ++i) utf8 += "\xE2\x82\xAC";  // the euro sign, three bytes each
+  for (int i = 0; i < 20000; ++i)
+    utf8 += "\xE2\x82\xAC";  // the euro sign, three bytes each
   const StringBuffer text = UTF8to16(utf8.c_str());
   ASSERT_EQ(text.length(), 20000);
   EXPECT_EQ(text.charAt(19999), 0x20AC);
@@ -173,7 +174,8 @@ TEST(Utf8Conversion, LargeMultiByteTextsConvertCompletely) {
 
 TEST(StringFromFileTest, ReadsUtf8AndDropsTheByteOrderMark) {
   Testing::TemporaryFolder folder;
-  EXPECT_EQ(StringFromFile(folder.WriteFile("bom.txt", "\xEF\xBB\xBFquiz \xC3\xA9")), u"quiz \u00E9");
+  EXPECT_EQ(StringFromFile(folder.WriteFile("bom.txt", "\xEF\xBB\xBFquiz \xC3\xA9")),
+            u"quiz \u00E9");
   EXPECT_EQ(StringFromFile(folder.WriteFile("plain.txt", "plain")), u"plain");
   EXPECT_TRUE(StringFromFile(folder.WriteFile("empty.txt", "")).isEmpty());
   EXPECT_TRUE(StringFromFile(folder.WriteFile("latin1.txt", "caf\xE9")).isEmpty());

@@ -12,7 +12,8 @@ namespace {
 
 std::vector<std::u16string> Entries(const StringList& list) {
   std::vector<std::u16string> entries;
-  for (int i = 0; i < list.Count(); ++i) entries.emplace_back(list[i]);
+  for (int i = 0; i < list.Count(); ++i)
+    entries.emplace_back(list[i]);
   return entries;
 }
 
@@ -42,16 +43,15 @@ TEST(StringListTest, BadIndexesGiveTheEmptyString) {
 
   StringBuffer& spare = list[-1];
   EXPECT_TRUE(spare.isEmpty());
-  spare = u"scribbled";                 // a caller writes into the spare...
-  EXPECT_TRUE(list[5].isEmpty());       // ...and the next bad index still reads empty
+  spare = u"scribbled";            // a caller writes into the spare...
+  EXPECT_TRUE(list[5].isEmpty());  // ...and the next bad index still reads empty
   EXPECT_EQ(list.Count(), 1);
   list[0] = u"changed";
   EXPECT_EQ(std::u16string(constant[0]), u"changed");
 }
 
 TEST(StringListSortTest, ExactAndDescending) {
-  StringList list{StringBuffer(u"b"), StringBuffer(u"B"), StringBuffer(u"a"),
-                  StringBuffer(u"A")};
+  StringList list{StringBuffer(u"b"), StringBuffer(u"B"), StringBuffer(u"a"), StringBuffer(u"A")};
   list.Sort(SortMethods::Exact);
   EXPECT_EQ(Entries(list), (std::vector<std::u16string>{u"A", u"B", u"a", u"b"}));
   list.Sort(SortMethods::Exact | SortMethods::Descending);
@@ -59,7 +59,7 @@ TEST(StringListSortTest, ExactAndDescending) {
 }
 
 TEST(StringListSortTest, NumericWinsOverExactAndPlacesEmptyAndNaNFirst) {
-  StringList list{StringBuffer(u"10"), StringBuffer(u"9"),   StringBuffer(u""),
+  StringList list{StringBuffer(u"10"),   StringBuffer(u"9"),   StringBuffer(u""),
                   StringBuffer(u"-1.5"), StringBuffer(u"NaN"), StringBuffer(u"9.0")};
   list.Sort(SortMethods::Numeric | SortMethods::Exact);
   EXPECT_EQ(Entries(list),
@@ -76,8 +76,8 @@ TEST(StringListSortTest, LocaleAwareIgnoresCaseAndSymbolsThenBreaksTiesExactly) 
   StringList list{StringBuffer(u"banana"), StringBuffer(u"-cherry"), StringBuffer(u"Apple"),
                   StringBuffer(u"apple"), StringBuffer(u"\u00E9clair")};
   list.Sort();
-  EXPECT_EQ(Entries(list), (std::vector<std::u16string>{u"Apple", u"apple", u"banana",
-                                                        u"-cherry", u"\u00E9clair"}));
+  EXPECT_EQ(Entries(list), (std::vector<std::u16string>{u"Apple", u"apple", u"banana", u"-cherry",
+                                                        u"\u00E9clair"}));
   list.Sort(SortMethods::Descending);
   EXPECT_EQ(Entries(list), (std::vector<std::u16string>{u"\u00E9clair", u"-cherry", u"banana",
                                                         u"apple", u"Apple"}));

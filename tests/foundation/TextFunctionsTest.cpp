@@ -3,6 +3,9 @@
 
 #include <gtest/gtest.h>
 
+#include <string>
+#include <utility>
+
 namespace Veskan {
 namespace {
 
@@ -13,12 +16,9 @@ struct TextCase {
 
 TEST(NormalizeWhitespaceTest, FoldsRunsAndTrimsBothEnds) {
   const TextCase cases[] = {
-      {u"  a \t\r\n b  ", u"a b"},
-      {u"a\u00A0\u00A0b", u"a b"},
-      {u"\u00A0lead", u"lead"},
-      {u"one  two   three", u"one two three"},
-      {u" \t\r\n", u""},
-      {u"", u""},
+      {u"  a \t\r\n b  ", u"a b"}, {u"a\u00A0\u00A0b", u"a b"},
+      {u"\u00A0lead", u"lead"},    {u"one  two   three", u"one two three"},
+      {u" \t\r\n", u""},           {u"", u""},
       {u"a\u2003b", u"a\u2003b"},  // only the five folded units count as white space
   };
   for (const TextCase& c : cases) {
@@ -48,11 +48,33 @@ TEST(SafeForXmlTest, EscapesMarkupAndEverythingOutsidePrintableAscii) {
   EXPECT_TRUE(SafeForXml(static_cast<const char16_t*>(nullptr)).isEmpty());
 }
 
+// Long texts go through the block scan: an escape at every position of three blocks, each
+// character class, through both overloads.
+TEST(SafeForXmlTest, EscapesAtEveryPositionOfLongTexts) {
+  const std::pair<char16_t, std::u16string> specials[] = {
+      {u'<', u"&lt;"},       {u'&', u"&amp;"},      {u'"', u"&quot;"},    {u'\'', u"&apos;"},
+      {u'>', u"&gt;"},       {u'\n', u"&#x000A;"},  {0x7F, u"&#x007F;"},  {0x00E9, u"&#x00E9;"},
+      {0xFFFF, u"&#xFFFF;"}, {0x8000, u"&#x8000;"}, {0x0126, u"&#x0126;"}};
+  for (const auto& [special, escaped] : specials) {
+    for (std::size_t at = 0; at < 96; ++at) {
+      std::u16string text(96, u'a');
+      text[at] = special;
+      text[95 - at] = u'=';  // a neighbour of '<' and '>' that stays
+      std::u16string expected = text;
+      expected.replace(at, 1, escaped);
+      SCOPED_TRACE(testing::Message() << "unit " << int(special) << " at " << at);
+      ASSERT_EQ(SafeForXml(text.c_str()), expected.c_str());
+      ASSERT_EQ(SafeForXml(StringBuffer(text.c_str())), expected.c_str());
+    }
+  }
+  const std::u16string clean(100, u'~');
+  EXPECT_EQ(SafeForXml(clean.c_str()), clean.c_str());
+}
+
 TEST(DoubleBracesForXQueryTest, DoublesSingleBracesAndKeepsPairs) {
   const TextCase cases[] = {
-      {u"{", u"{{"},       {u"{{", u"{{"},         {u"{{{", u"{{{{"},
-      {u"}{", u"}}{{"},    {u"a{b}c", u"a{{b}}c"}, {u"{{x}}", u"{{x}}"},
-      {u"none", u"none"},  {u"", u""},
+      {u"{", u"{{"},          {u"{{", u"{{"},       {u"{{{", u"{{{{"},  {u"}{", u"}}{{"},
+      {u"a{b}c", u"a{{b}}c"}, {u"{{x}}", u"{{x}}"}, {u"none", u"none"}, {u"", u""},
   };
   for (const TextCase& c : cases) {
     SCOPED_TRACE(StringBuffer(c.input));

@@ -1,11 +1,11 @@
 // Files and mapped views on POSIX: open, fstat, ftruncate, mmap.
 #include "sys/File.h"
 
-#include <cerrno>
 #include <fcntl.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 
 #include <utility>
 
@@ -47,7 +47,9 @@ File File::Duplicate(Native native, int& error) {
   return File(fd);
 }
 
-File::Native File::Release() { return std::exchange(native_, InvalidNative); }
+File::Native File::Release() {
+  return std::exchange(native_, InvalidNative);
+}
 
 void File::Close() {
   if (IsOpen()) ::close(Release());  // close is not retried on EINTR: the descriptor is gone
@@ -133,8 +135,8 @@ MappedView& MappedView::operator=(MappedView&& other) noexcept {
   return *this;
 }
 
-MappedView MappedView::Map(const File& file, bool writable, std::int64_t offset,
-                           std::size_t length, int& error) {
+MappedView MappedView::Map(const File& file, bool writable, std::int64_t offset, std::size_t length,
+                           int& error) {
   MappedView view;
   if (offset < 0 || length == 0) {
     error = EINVAL;

@@ -21,8 +21,12 @@ std::string DescribeError(int code) {
 }
 #else
 // The GNU strerror_r returns its text; the XSI one fills the buffer and returns a status.
-const char* StrerrorResult(const char* returned, const char*) { return returned; }
-const char* StrerrorResult(int, const char* buffer) { return buffer; }
+const char* StrerrorResult(const char* returned, const char*) {
+  return returned;
+}
+const char* StrerrorResult(int, const char* buffer) {
+  return buffer;
+}
 
 // Elsewhere an unknown number comes back as "Unknown error N".
 std::string DescribeError(int code) {
@@ -35,13 +39,21 @@ std::string DescribeError(int code) {
 
 }  // namespace
 
-int LastError() { return errno; }
+int LastError() {
+  return errno;
+}
 
-std::string ErrorText(int code) { return DescribeError(code); }
+std::string ErrorText(int code) {
+  return DescribeError(code);
+}
 
-int InvalidArgumentError() { return EINVAL; }
+int InvalidArgumentError() {
+  return EINVAL;
+}
 
-int AccessDeniedError() { return EACCES; }
+int AccessDeniedError() {
+  return EACCES;
+}
 
 }  // namespace Sys
 }  // namespace Veskan

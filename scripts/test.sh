@@ -1,0 +1,11 @@
+#!/usr/bin/env bash
+# Sets up the machine, builds everything and runs every test. Extra arguments go to CMake;
+# BUILD_DIR chooses the build folder (default: build).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+build="${BUILD_DIR:-build}"
+
+scripts/setup.sh
+cmake -S . -B "$build" "$@"
+cmake --build "$build" -j "$(nproc)"
+ctest --test-dir "$build" --output-on-failure -j "$(nproc)" --timeout 600
