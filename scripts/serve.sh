@@ -1,10 +1,7 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds everything and runs the example program.
+# Sets up the machine, builds everything and runs the example program. Arguments as for build.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build="${BUILD_DIR:-build}"
 
-scripts/setup.sh
-cmake -S . -B "$build" "$@"
-cmake --build "$build" -j "$(nproc)"
-exec "$build/tools/veskan-version"
+scripts/build.sh "$@"
+exec "${BUILD_DIR:-build}/tools/veskan-version"

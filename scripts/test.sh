@@ -1,11 +1,7 @@
 #!/usr/bin/env bash
-# Sets up the machine, builds everything and runs every test. Extra arguments go to CMake;
-# BUILD_DIR chooses the build folder (default: build).
+# Sets up the machine, builds everything and runs every test. Arguments as for build.sh.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-build="${BUILD_DIR:-build}"
 
-scripts/setup.sh
-cmake -S . -B "$build" "$@"
-cmake --build "$build" -j "$(nproc)"
-ctest --test-dir "$build" --output-on-failure -j "$(nproc)" --timeout 600
+scripts/build.sh "$@"
+ctest --test-dir "${BUILD_DIR:-build}" --output-on-failure -j "$(nproc)" --timeout 600

@@ -11,6 +11,7 @@
 #include <climits>
 #include <memory>
 #include <utility>
+#include <vector>
 
 namespace Veskan {
 
