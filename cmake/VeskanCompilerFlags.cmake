@@ -14,3 +14,8 @@ if(VESKAN_SANITIZE)
   add_link_options(-fsanitize=${veskan_sanitizers})
   message(STATUS "Veskan: building with -fsanitize=${veskan_sanitizers}")
 endif()
+
+# Coverage for libFuzzer in every object; the fuzz targets link the fuzzer's main themselves.
+if(VESKAN_FUZZ)
+  add_compile_options(-fsanitize=fuzzer-no-link)
+endif()

@@ -23,7 +23,7 @@ class VESKAN_API Logger {
  public:
   class VESKAN_API Severity {
    public:
-    enum Enumeration {
+    enum Enumeration : int {
       Trace = 1,
       Debug = 2,
       Information = 3,

@@ -112,7 +112,7 @@ struct VESKAN_API UnicodeStringTraitsI {
 // Styles of FormatBoolean, FormatInteger and FormatInteger64.
 class VESKAN_API FormattingStyles {
  public:
-  enum Enumeration {
+  enum Enumeration : int {
     Default = 0,           // "true"/"false" and decimal numbers
     HexadecimalYesNo = 1,  // "yes"/"no" and "#" followed by lower-case hexadecimal
     NumericBoolean = 2,    // "1"/"0" and decimal numbers
@@ -124,7 +124,7 @@ class VESKAN_API FormattingStyles {
 // case-insensitive.
 class VESKAN_API SortMethods {
  public:
-  enum Enumeration {
+  enum Enumeration : int {
     Ascending = 0,
     Descending = 1,  // reverse the order
     Exact = 2,       // compare UTF-16 code units

@@ -1,0 +1,177 @@
+// Header fields and the ordered header block.
+#include <veskan/Header.h>
+
+#include "foundation/Utf.h"
+
+#include <unicode/ustring.h>
+
+#include <string>
+#include <utility>
+
+namespace Veskan {
+
+namespace {
+
+// Named arrays rather than literals, so that no other equal literal shares their address.
+constexpr char16_t ContentTypeText[] = u"Content-Type";
+constexpr char16_t ContentLengthText[] = u"Content-Length";
+constexpr char16_t ContentIdText[] = u"Content-ID";
+constexpr char16_t HostText[] = u"Host";
+constexpr char16_t CacheControlText[] = u"Cache-Control";
+constexpr char16_t SetCookieText[] = u"Set-Cookie";
+constexpr char16_t CookieText[] = u"Cookie";
+constexpr char16_t WWWAuthenticateText[] = u"WWW-Authenticate";
+constexpr char16_t AuthorizationText[] = u"Authorization";
+constexpr char16_t ConnectionText[] = u"Connection";
+constexpr char16_t ContentDispositionText[] = u"Content-Disposition";
+constexpr char16_t UserAgentText[] = u"User-Agent";
+constexpr char16_t AcceptText[] = u"Accept";
+constexpr char16_t XCalvorcoVeskanEndpointText[] = u"X-Calvorco-Veskan-Endpoint";
+constexpr char16_t InvalidHeaderText[] = u"##invalid header##";
+
+// Whole-name, case-sensitive comparison; a null name is the empty name.
+bool NameIs(const StringBuffer& stored, const char16_t* name) {
+  return stored == name;
+}
+
+}  // namespace
+
+const char16_t* const Header::ContentType = ContentTypeText;
+const char16_t* const Header::ContentLength = ContentLengthText;
+const char16_t* const Header::ContentId = ContentIdText;
+const char16_t* const Header::Host = HostText;
+const char16_t* const Header::CacheControl = CacheControlText;
+const char16_t* const Header::SetCookie = SetCookieText;
+const char16_t* const Header::Cookie = CookieText;
+const char16_t* const Header::WWWAuthenticate = WWWAuthenticateText;
+const char16_t* const Header::Authorization = AuthorizationText;
+const char16_t* const Header::Connection = ConnectionText;
+const char16_t* const Header::ContentDisposition = ContentDispositionText;
+const char16_t* const Header::UserAgent = UserAgentText;
+const char16_t* const Header::Accept = AcceptText;
+const char16_t* const Header::XCalvorcoVeskanEndpoint = XCalvorcoVeskanEndpointText;
+const char16_t* const Header::InvalidHeader = InvalidHeaderText;
+
+Header::Header(StringBuffer name, StringBuffer value)
+    : Name(std::move(name)), Value(std::move(value)) {}
+
+bool Header::operator==(const Header& other) const {
+  return Name == other.Name && Value == other.Value;
+}
+
+Header::Collection::Collection(const Collection& other) {
+  Copy(other);
+}
+
+Header::Collection::Collection(Collection&& other) noexcept
+    : headers_(std::move(other.headers_)), count_(std::exchange(other.count_, 0)) {
+  other.headers_.clear();
+}
+
+Header::Collection& Header::Collection::operator=(const Collection& other) {
+  if (this != &other) {
+    Clear();
+    Copy(other);
+  }
+  return *this;
+}
+
+Header::Collection& Header::Collection::operator=(Collection&& other) noexcept {
+  headers_ = std::move(other.headers_);
+  other.headers_.clear();
+  Recount();
+  other.Recount();
+  return *this;
+}
+
+Header::Collection::~Collection() = default;
+
+const Header* Header::Collection::Find(const char16_t* name) const {
+  for (const Header& header : headers_) {
+    if (NameIs(header.Name, name)) return &header;
+  }
+  return nullptr;
+}
+
+StringBuffer Header::Collection::operator[](const char16_t* name) const {
+  const Header* header = Find(name);
+  return header ? header->Value : StringBuffer();
+}
+
+StringBuffer& Header::Collection::operator[](const char16_t* name) {
+  for (Header& header : headers_) {
+    if (NameIs(header.Name, name)) return header.Value;
+  }
+  headers_.emplace_back(name);
+  Recount();
+  return headers_.back().Value;
+}
+
+const Header& Header::Collection::operator()(int index) const {
+  if (index >= 0 && index < count_) return headers_[static_cast<std::size_t>(index)];
+  static const Header invalid(InvalidHeaderText);
+  return invalid;
+}
+
+bool Header::Collection::Contains(const char16_t* name) const {
+  return Find(name) != nullptr;
+}
+
+void Header::Collection::AddAnother(const Header& header) {
+  for (const Header& present : headers_) {
+    if (present == header) return;
+  }
+  Add(header);
+}
+
+void Header::Collection::Add(Header header) {
+  headers_.push_back(std::move(header));
+  Recount();
+}
+
+void Header::Collection::Remove(const char16_t* name) {
+  for (std::size_t i = headers_.size(); i-- > 0;) {
+    if (NameIs(headers_[i].Name, name)) headers_.erase(headers_.begin() + static_cast<long>(i));
+  }
+  Recount();
+}
+
+void Header::Collection::RemoveAt(int index) {
+  if (index < 0 || index >= count_) return;
+  headers_.erase(headers_.begin() + index);
+  Recount();
+}
+
+void Header::Collection::Clear() {
+  headers_.clear();
+  Recount();
+}
+
+void Header::Collection::Copy(const Collection& other) {
+  // Reserving first keeps `other` valid when it is this collection.
+  const std::size_t copies = other.headers_.size();
+  headers_.reserve(headers_.size() + copies);
+  for (std::size_t i = 0; i < copies; ++i)
+    headers_.push_back(other.headers_[i]);
+  Recount();
+}
+
+int Header::Collection::Write(ByteBuffer& buffer, int offset, bool grow) const {
+  int total = 0;
+  std::u16string line;
+  for (const Header& header : headers_) {
+    line.assign(header.Name.getBuffer(), static_cast<std::size_t>(header.Name.length()));
+    line += u": ";
+    line.append(header.Value.getBuffer(), static_cast<std::size_t>(header.Value.length()));
+    line += u"\r\n";
+    const std::string bytes =
+        Detail::EncodeUtf8(line.data(), static_cast<std::int32_t>(line.size()));
+    total += buffer.Write(offset + total, reinterpret_cast<const unsigned char*>(bytes.data()), 0,
+                          static_cast<int>(bytes.size()), grow);
+  }
+  if (static_cast<long long>(offset) + total < 0) return total;
+  return total +
+         buffer.Write(offset + total, reinterpret_cast<const unsigned char*>("\r\n"), 0, 2, grow);
+}
+
+}  // namespace Veskan

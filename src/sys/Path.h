@@ -1,0 +1,23 @@
+// File-system paths: the working folder and resolving links.
+#ifndef VESKAN_SYS_PATH_H
+#define VESKAN_SYS_PATH_H
+
+#include <string>
+
+namespace Veskan {
+namespace Sys {
+
+// The process's working folder (UTF-8), or "" when it cannot be read.
+std::string CurrentFolder();
+
+// The canonical absolute form of an existing path (symbolic links, "." and ".." resolved), or ""
+// when the path does not exist or cannot be resolved.
+std::string ResolveExistingPath(const std::string& path);
+
+// The separator between the segments of a path.
+constexpr char PathSeparator = '/';
+
+}  // namespace Sys
+}  // namespace Veskan
+
+#endif

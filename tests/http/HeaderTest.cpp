@@ -1,0 +1,126 @@
+// Header and Header::Collection: lookups, changes and printing the block.
+#include <veskan/Header.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+
+namespace Veskan {
+namespace {
+
+std::string Bytes(const ByteBuffer& buffer) {
+  return std::string(buffer, buffer.Size());
+}
+
+Header::Collection TwoCookies() {
+  Header::Collection headers;
+  headers.Add(Header(Header::SetCookie, u"a"));
+  headers.Add(Header(Header::ContentType, u"text/xml"));
+  headers.Add(Header(Header::SetCookie, u"b"));
+  return headers;
+}
+
+TEST(HeaderTest, EqualityIsExact) {
+  EXPECT_EQ(Header(u"A", u"1"), Header(u"A", u"1"));
+  EXPECT_NE(Header(u"A", u"1"), Header(u"a", u"1"));
+  EXPECT_NE(Header(u"A", u"1"), Header(u"A", u"1 "));
+  EXPECT_EQ(Header(nullptr, nullptr), Header());
+  EXPECT_EQ(std::u16string(Header::XCalvorcoVeskanEndpoint), u"X-Calvorco-Veskan-Endpoint");
+}
+
+TEST(HeaderCollectionTest, FirstMatchWinsAndNamesAreCaseSensitive) {
+  const Header::Collection headers = TwoCookies();
+  EXPECT_EQ(headers[Header::SetCookie], u"a");
+  EXPECT_TRUE(headers[u"content-type"].isEmpty());
+  EXPECT_FALSE(headers.Contains(u"content-type"));
+  EXPECT_TRUE(headers.Contains(u"Content-Type"));
+  EXPECT_EQ(headers.Count(), 3);  // the const lookup of a missing name added nothing
+}
+
+TEST(HeaderCollectionTest, CreatingIndexSetsOrAppends) {
+  Header::Collection headers = TwoCookies();
+  headers[u"Content-Type"] = u"text/plain";
+  EXPECT_EQ(headers.Count(), 3);
+  headers[u"X-New"] = u"1";
+  EXPECT_EQ(headers.Count(), 4);
+  EXPECT_EQ(headers(3), Header(u"X-New", u"1"));
+  EXPECT_EQ(headers(1).Value, u"text/plain");
+}
+
+TEST(HeaderCollectionTest, BadIndexesGiveTheInvalidHeader) {
+  const Header::Collection headers = TwoCookies();
+  for (int index : {-1, 3, 1000}) {
+    EXPECT_EQ(headers(index).Name, u"##invalid header##");
+    EXPECT_TRUE(headers(index).Value.isEmpty());
+  }
+}
+
+TEST(HeaderCollectionTest, AddAnotherRemoveAndRemoveAt) {
+  Header::Collection headers = TwoCookies();
+  headers.AddAnother(Header(Header::SetCookie, u"a"));
+  EXPECT_EQ(headers.Count(), 3);
+  headers.AddAnother(Header(Header::SetCookie, u"c"));
+  EXPECT_EQ(headers.Count(), 4);
+  headers.Remove(Header::SetCookie);
+  ASSERT_EQ(headers.Count(), 1);
+  EXPECT_EQ(headers(0).Name, u"Content-Type");
+  headers.RemoveAt(1);
+  headers.RemoveAt(-1);
+  EXPECT_EQ(headers.Count(), 1);
+  headers.RemoveAt(0);
+  EXPECT_EQ(headers.Count(), 0);
+}
+
+TEST(HeaderCollectionTest, CopyAppendsAndCopyingOntoItselfDoubles) {
+  Header::Collection headers = TwoCookies();
+  headers.Copy(headers);
+  ASSERT_EQ(headers.Count(), 6);
+  EXPECT_EQ(headers(3), Header(Header::SetCookie, u"a"));
+  EXPECT_EQ(headers(5), Header(Header::SetCookie, u"b"));
+  Header::Collection copy(headers);
+  headers.Clear();
+  EXPECT_EQ(headers.Count(), 0);
+  EXPECT_EQ(copy.Count(), 6);
+}
+
+TEST(HeaderCollectionWriteTest, PrintsLinesAndTheEmptyLine) {
+  Header::Collection headers;
+  headers[u"A"] = u"1";
+  headers[u"B"] = u"2";
+  ByteBuffer buffer;
+  EXPECT_EQ(headers.Write(buffer, 0, true), 14);
+  EXPECT_EQ(Bytes(buffer), "A: 1\r\nB: 2\r\n\r\n");
+
+  ByteBuffer empty;
+  EXPECT_EQ(Header::Collection().Write(empty, 0, true), 2);
+  EXPECT_EQ(Bytes(empty), "\r\n");
+}
+
+TEST(HeaderCollectionWriteTest, WritesUtf8AtAnOffsetAndKeepsWhatWasBefore) {
+  Header::Collection headers;
+  headers[u"Title"] = u"caf\u00E9 \u20AC";
+  ByteBuffer buffer;
+  buffer = "HTTP/1.1 200 OK\r\n";
+  const int written = headers.Write(buffer, buffer.Size(), true);
+  EXPECT_EQ(Bytes(buffer), "HTTP/1.1 200 OK\r\nTitle: caf\xC3\xA9 \xE2\x82\xAC\r\n\r\n");
+  EXPECT_EQ(written, 20);
+}
+
+TEST(HeaderCollectionWriteTest, WithoutGrowingOnlyWhatFitsIsWritten) {
+  Header::Collection headers;
+  headers[u"A"] = u"1";
+  for (int size = 0; size <= 8; ++size) {
+    SCOPED_TRACE(size);
+    ByteBuffer buffer(size);
+    const int written = headers.Write(buffer, 0, false);
+    EXPECT_EQ(written, std::min(size, 8));
+    EXPECT_EQ(buffer.Size(), size);
+    EXPECT_EQ(Bytes(buffer).substr(0, static_cast<std::size_t>(written)),
+              std::string("A: 1\r\n\r\n").substr(0, static_cast<std::size_t>(written)));
+  }
+  ByteBuffer buffer(4);
+  EXPECT_EQ(headers.Write(buffer, -1, true), 0);
+}
+
+}  // namespace
+}  // namespace Veskan
