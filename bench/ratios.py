@@ -17,11 +17,13 @@ def main():
     command = [sys.argv[1], "--benchmark_format=json", "--benchmark_repetitions=9",
                "--benchmark_enable_random_interleaving=true"] + sys.argv[2:]
     report = json.loads(subprocess.run(command, check=True, capture_output=True, text=True).stdout)
+    scale = {"ns": 1.0, "us": 1e3, "ms": 1e6, "s": 1e9}
     fastest = {}
     for run in report["benchmarks"]:
         if run.get("run_type") == "iteration":
             name = run["run_name"]
-            fastest[name] = min(fastest.get(name, float("inf")), run["real_time"])
+            time = run["real_time"] * scale[run.get("time_unit", "ns")]  # in nanoseconds
+            fastest[name] = min(fastest.get(name, float("inf")), time)
     print(f"{'case':<36} {'wrapper':>13} {'raw':>13} {'ratio':>6}")
     for name, time in sorted(fastest.items()):
         base, _, size = name.partition("/")

@@ -11,6 +11,13 @@
 
 #include <veskan/Export.h>
 
+#include <xercesc/util/XercesDefs.hpp>
+
+// Xerces-C's DOM node, declared only: the vocabulary needs no DOM header.
+XERCES_CPP_NAMESPACE_BEGIN
+class DOMNode;
+XERCES_CPP_NAMESPACE_END
+
 namespace Veskan {
 
 // HTTP status codes (RFC 2616, section 6.1.1) as named constants.
@@ -160,6 +167,9 @@ class VESKAN_API XmlNodeType {
     Document = 4,
   };
   static const char16_t* ToString(Enumeration value);
+  // Element, Text or Document for a DOM node of that type; None for null and for every other
+  // node type, attribute nodes included (Of never gives Attribute).
+  static Enumeration Of(const XERCES_CPP_NAMESPACE::DOMNode* node);
 };
 
 }  // namespace Veskan

@@ -1,0 +1,43 @@
+// RDF: the process's one librdf world, kept alive while any RDF object lives.
+#ifndef VESKAN_RDF_H
+#define VESKAN_RDF_H
+
+#include <veskan/Export.h>
+
+#include <atomic>
+#include <cstdint>
+
+// librdf's world, as librdf.h declares it; callers that use it include librdf.h themselves.
+typedef struct librdf_world_s librdf_world;
+
+namespace Veskan {
+
+// Counts the living RDF objects: the first one creates and opens the librdf world, the last one
+// frees it. Every graph, node and query of the library lives in that world. Globals holds one, so
+// a host normally never makes its own.
+//
+// Copying counts nothing (a copy's destruction still counts down): never copy these objects.
+//
+// Thread safety: the count is atomic, but the first construction is not guarded; construct the
+// first one before other threads use RDF.
+class VESKAN_API RDF {
+ public:
+  // The librdf world, or null while no RDF object lives or when librdf could not create one.
+  static librdf_world* world;
+
+  // Counts up; on the first count creates the world and, when that worked, opens it.
+  RDF();
+  // Copies nothing and does not count.
+  RDF(const RDF& other);
+  RDF& operator=(const RDF&) = default;
+  // Counts down; on reaching zero frees the world and sets `world` to null.
+  virtual ~RDF();
+
+ protected:
+  // The number of living RDF objects (constructions less destructions).
+  static std::atomic<std::int32_t> initcount;
+};
+
+}  // namespace Veskan
+
+#endif
