@@ -2,10 +2,8 @@
 #include <veskan/Statistics.h>
 #include <veskan/XmlSchema.h>
 
+#include "foundation/TextOrder.h"
 #include "xml/XmlNames.h"
-
-#include <unicode/coll.h>
-#include <unicode/locid.h>
 
 #include <algorithm>
 #include <cmath>
@@ -17,61 +15,11 @@ namespace Veskan {
 
 namespace {
 
-// Numeric keys: empty texts first, then NaN, then numbers by value.
-struct NumericKey {
-  int rank;  // 0 empty, 1 NaN, 2 number
-  double value;
-};
-
-NumericKey NumericKeyOf(const StringBuffer& text) {
-  if (text.isEmpty()) return {0, 0.0};
-  const double value = ParseDouble(text.c_str());
-  return std::isnan(value) ? NumericKey{1, 0.0} : NumericKey{2, value};
-}
-
 // Reorders `elements` stably by their `keys` under the SortMethods flags of `direction`.
 void SortByKeys(XmlElementList& elements, const std::vector<StringBuffer>& keys, int direction) {
   if (elements.Count() < 2) return;
-  std::vector<std::size_t> order(keys.size());
-  std::iota(order.begin(), order.end(), std::size_t{0});
-  auto exact = [&](std::size_t a, std::size_t b) { return keys[a].compare(keys[b]) < 0; };
-  std::function<bool(std::size_t, std::size_t)> less;
-
-  std::vector<NumericKey> numbers;
-  std::unique_ptr<icu::Collator> collator;
-  if (direction & SortMethods::Numeric) {
-    numbers.reserve(keys.size());
-    for (const StringBuffer& key : keys)
-      numbers.push_back(NumericKeyOf(key));
-    less = [&](std::size_t a, std::size_t b) {
-      if (numbers[a].rank != numbers[b].rank) return numbers[a].rank < numbers[b].rank;
-      return numbers[a].value < numbers[b].value;
-    };
-  } else if (direction & SortMethods::Exact) {
-    less = exact;
-  } else {
-    // The user's locale at secondary strength (case ignored) with punctuation ignored, as
-    // StringList sorts; without a collator, code units.
-    UErrorCode status = U_ZERO_ERROR;
-    collator.reset(icu::Collator::createInstance(icu::Locale::getDefault(), status));
-    if (U_SUCCESS(status)) {
-      collator->setStrength(icu::Collator::SECONDARY);
-      collator->setAttribute(UCOL_ALTERNATE_HANDLING, UCOL_SHIFTED, status);
-    }
-    if (U_FAILURE(status)) collator.reset();
-    less = [&](std::size_t a, std::size_t b) {
-      if (!collator) return exact(a, b);
-      UErrorCode compareStatus = U_ZERO_ERROR;
-      const UCollationResult result = collator->compare(keys[a], keys[b], compareStatus);
-      return U_SUCCESS(compareStatus) && result == UCOL_LESS;
-    };
-  }
-  if (direction & SortMethods::Descending)
-    std::stable_sort(order.begin(), order.end(),
-                     [&](std::size_t a, std::size_t b) { return less(b, a); });
-  else
-    std::stable_sort(order.begin(), order.end(), less);
-
+  const std::vector<std::size_t> order =
+      Detail::SortOrder(keys, direction, Detail::EqualKeys::KeepOrder);
   XmlElementList sorted;
   for (std::size_t index : order)
     sorted.Add(elements[static_cast<int>(index)]);
