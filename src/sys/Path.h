@@ -14,6 +14,9 @@ std::string CurrentFolder();
 // when the path does not exist or cannot be resolved.
 std::string ResolveExistingPath(const std::string& path);
 
+// True when something (a file, a folder, a link, even a dangling one) exists at `path`.
+bool PathExists(const std::string& path);
+
 // The separator between the segments of a path.
 constexpr char PathSeparator = '/';
 

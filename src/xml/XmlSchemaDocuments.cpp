@@ -125,6 +125,13 @@ std::shared_ptr<XmlDocument> Parse(xercesc::InputSource& source, const char* met
         << " system-id: " << StringBuffer(source.getSystemId())
         << " message: elements nested deeper than " << MaxElementDepth;
     return NoDocument();
+  } catch (const xercesc::DOMException& error) {
+    // The DOM refuses what the scanner let through, such as an XML declaration whose version is
+    // neither "1.0" nor "1.1": the input does not parse.
+    Logger::Line(Logger::Severity::Warning, method)
+        << " system-id: " << StringBuffer(source.getSystemId())
+        << " message: " << StringBuffer(error.getMessage());
+    return NoDocument();
   }
   configuration->setParameter(xercesc::XMLUni::fgDOMErrorHandler,
                               static_cast<const void*>(nullptr));

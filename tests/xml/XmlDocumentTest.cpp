@@ -102,6 +102,8 @@ TEST_F(XmlDocumentTest, InputThatDoesNotParseGivesANullDocumentAndOneLogLine) {
       {"unknown encoding", "<?xml version='1.0' encoding='x-bogus'?><a/>",
        "unable to create converter for 'X-BOGUS' encoding"},
       {"only text", "hello", "invalid document structure"},
+      {"unsupported version", "<?xml version='1. '?><a/>",
+       "message: implementation does not support the requested type of object or operation"},
       {"billion laughs", BillionLaughs(), "column: 31 message: invalid document structure"},
       {"quadratic blow-up", QuadraticBlowUp(), "column: 10 message: invalid document structure"},
       {"external entity", "<!DOCTYPE a [<!ENTITY x SYSTEM 'file:///etc/hostname'>]><a>&x;</a>",

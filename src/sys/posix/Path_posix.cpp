@@ -1,6 +1,7 @@
-// File-system paths on POSIX: getcwd and realpath.
+// File-system paths on POSIX: getcwd, realpath and lstat.
 #include "sys/Path.h"
 
+#include <sys/stat.h>
 #include <unistd.h>
 #include <climits>
 #include <cstdlib>
@@ -26,6 +27,11 @@ std::string CurrentFolder() {
 std::string ResolveExistingPath(const std::string& path) {
   std::unique_ptr<char, FreeDeleter> resolved(::realpath(path.c_str(), nullptr));
   return resolved ? std::string(resolved.get()) : std::string();
+}
+
+bool PathExists(const std::string& path) {
+  struct stat status {};
+  return ::lstat(path.c_str(), &status) == 0;
 }
 
 }  // namespace Sys

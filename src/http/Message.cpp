@@ -1,0 +1,158 @@
+// Message: the request/reply exchange object and the delivery of its ready-state changes.
+#include <veskan/Message.h>
+
+#include <veskan/Logger.h>
+
+#include <chrono>
+#include <exception>
+
+namespace Veskan {
+
+namespace {
+
+// The longest wait BlockUntil honours (about 115 days), so that the deadline cannot overflow.
+constexpr double LongestWait = 1e7;
+
+bool IsSuccessCode(int statusCode) {
+  return statusCode / 100 == 2;
+}
+
+}  // namespace
+
+ReadyStateDelivery::~ReadyStateDelivery() = default;
+
+Message::Message()
+    : Method(method_),
+      Url(url_),
+      Request(request_),
+      StatusCode(statusCode_),
+      Location(location_),
+      Resource(resource_),
+      Reply(reply_),
+      ReadyState(readyState_),
+      ResendRequested(resendRequested_),
+      ReadyStateChanged(readyStateChanged_),
+      ConnectionEvent(connectionEvent_) {}
+
+Message::~Message() = default;
+
+std::shared_ptr<Message> Message::New() {
+  return std::shared_ptr<Message>(new Message());
+}
+
+void Message::Restart(std::unique_lock<std::recursive_mutex>& lock) {
+  request_ = std::make_shared<Body>();
+  reply_ = std::make_shared<Body>();
+  resendRequested_ = false;
+  UnlockAndNotifyReadyStateChanged(nullptr, shared_from_this(), ReadyStates::Open, lock);
+}
+
+void Message::Open(Methods::Enumeration method, const char16_t* url) {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  method_ = method;
+  url_ = std::make_shared<Veskan::Url>(url);
+  location_ = url;
+  if (location_.endsWith(icu::UnicodeString(u'/'))) location_.truncate(location_.length() - 1);
+  resource_ = location_.tempSubString(location_.lastIndexOf(u'/') + 1);
+  Restart(lock);
+}
+
+void Message::Reopen() {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  if (!url_ || readyState_ == ReadyStates::Open) return;
+  Restart(lock);
+}
+
+void Message::Resend() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  resendRequested_ = true;
+  reply_ = std::make_shared<Body>();
+}
+
+void Message::Drop() {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  if (readyState_ != ReadyStates::Open) return;
+  resendRequested_ = false;
+  UnlockAndNotifyReadyStateChanged(nullptr, shared_from_this(), ReadyStates::Uninitialized, lock);
+}
+
+bool Message::Ready() const {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Message::Ready");
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return readyState_ == ReadyStates::Loaded || readyState_ == ReadyStates::Uninitialized;
+}
+
+bool Message::Failure() const {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Message::Failure");
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return readyState_ == ReadyStates::Uninitialized ||
+         (readyState_ == ReadyStates::Loaded && !IsSuccessCode(statusCode_));
+}
+
+bool Message::Success(const char16_t* mediaType) const {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Message::Success");
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (readyState_ != ReadyStates::Loaded || !IsSuccessCode(statusCode_)) return false;
+  if (mediaType == nullptr) return true;
+  if (!reply_) return false;
+  if (mediaType == Content::Types::TextXml) return reply_->IsXml();
+  return reply_->Headers[Header::ContentType] == mediaType && reply_->Content != nullptr;
+}
+
+ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, double seconds) {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  const auto over = [this, state] {
+    return readyState_ == state ||
+           (readyState_ == ReadyStates::Uninitialized && state != ReadyStates::Uninitialized);
+  };
+  if (!(seconds > 0)) seconds = 0;
+  if (seconds > LongestWait) seconds = LongestWait;
+  const auto deadline = std::chrono::steady_clock::now() +
+                        std::chrono::duration_cast<std::chrono::steady_clock::duration>(
+                            std::chrono::duration<double>(seconds));
+  wakeUp_.wait_until(lock, deadline, over);
+  return readyState_;
+}
+
+void Message::Deliver(ReadyStateDelivery* marshaller, const std::shared_ptr<Message>& message) {
+  try {
+    if (marshaller != nullptr) {
+      marshaller->Deliver(message->readyStateChanged_, message);
+    } else {
+      message->readyStateChanged_(message);
+    }
+  } catch (const std::exception& error) {
+    Logger::Line(Logger::Severity::Error, "Veskan::Message::UnlockAndNotifyReadyStateChanged")
+        << " exception: " << error.what();
+  } catch (...) {
+    Logger::Line(Logger::Severity::Error, "Veskan::Message::UnlockAndNotifyReadyStateChanged")
+        << " exception: unknown";
+  }
+}
+
+void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
+                                               const std::shared_ptr<Message>& message,
+                                               ReadyStates::Enumeration state,
+                                               std::unique_lock<std::recursive_mutex>& lock) {
+  Message& self = *message;
+  const bool delivering = !self.pending_.empty();
+  self.pending_.push_back(state);
+  if (!delivering) self.readyState_ = state;
+  lock.unlock();
+  if (delivering) return;  // the running delivery loop delivers this state in turn
+
+  for (;;) {
+    self.wakeUp_.notify_all();
+    Deliver(marshaller, message);
+    lock.lock();
+    self.pending_.pop_front();
+    if (self.pending_.empty()) {
+      lock.unlock();
+      return;
+    }
+    self.readyState_ = self.pending_.front();
+    lock.unlock();
+  }
+}
+
+}  // namespace Veskan
