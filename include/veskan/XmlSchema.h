@@ -23,6 +23,8 @@
 
 namespace Veskan {
 
+class Message;
+
 // One DOM document and, for a parsed one, the parser that built it.
 //
 // An owning handle frees the tree when destroyed: by releasing the parser (which owns the
@@ -253,6 +255,11 @@ class VESKAN_API XmlSchema {
   static StringBuffer PrintDoc(const std::shared_ptr<XmlDocument>& doc, bool declaration = false);
   // As PrintDoc, as UTF-8 bytes.
   static ByteBuffer PrintDocUTF8(const std::shared_ptr<XmlDocument>& doc, bool declaration = false);
+  // Answers the exchange with the document: the reply's content becomes a Content of it and the
+  // reply's "Content-Type" "text/xml" (a reply body is made when the message has none). Takes
+  // the message's lock; does nothing for a null message. Include <veskan/Message.h> to call it.
+  static void RespondWithXml(const std::shared_ptr<Message>& message,
+                             const std::shared_ptr<XmlDocument>& doc);
   // One node's subtree as pretty-printed text without declaration. With `outer` true the node
   // itself is printed; with false only its children, one after the other.
   static StringBuffer PrintElement(const xercesc::DOMNode* element, bool outer = true);

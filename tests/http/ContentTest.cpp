@@ -1,7 +1,9 @@
 // MediaType: splitting media-type texts and suggesting file names; Content: its forms, the type
 // guess and sealing.
+#include <veskan/Body.h>
 #include <veskan/Content.h>
 #include <veskan/Logger.h>
+#include <veskan/Message.h>
 #include <veskan/XmlSchema.h>
 
 #include "TestSupport.h"
@@ -319,6 +321,23 @@ TEST(Content, TextThatDoesNotParseKeepsBytesAndText) {
   version.Sealed(nullptr);
   EXPECT_EQ(Utf8(version.Text), "<?xml version='1. '?><a/>");
   EXPECT_EQ(XmlSchema::DocumentElement(version.Document), nullptr);
+}
+
+TEST(RespondWithXml, RepliesWithTheDocumentAsTextXml) {
+  const std::shared_ptr<Message> message = Message::New();
+  message->Open(Methods::GET, u"http://host/quiz");
+  const std::shared_ptr<XmlDocument> doc = XmlSchema::NewDoc(u"<quiz id=\"7\"/>");
+  XmlSchema::RespondWithXml(message, doc);
+  ASSERT_TRUE(message->Reply);
+  ASSERT_TRUE(message->Reply->Content);
+  EXPECT_EQ(message->Reply->Content->Document, doc);
+  EXPECT_EQ(message->Reply->Headers[Header::ContentType], u"text/xml");
+
+  message->Reply = nullptr;  // a message without a reply body gets one
+  XmlSchema::RespondWithXml(message, doc);
+  ASSERT_TRUE(message->Reply);
+  EXPECT_EQ(message->Reply->Headers.Count(), 1);
+  XmlSchema::RespondWithXml(nullptr, doc);
 }
 
 }  // namespace
