@@ -94,6 +94,22 @@ void NewDoc_XercesRaw(benchmark::State& state) {
   SetBytes(state, bytes.size());
 }
 
+// The raw Xerces calls that printing makes: a pretty-printing serialiser without byte-order mark
+// writing UTF-8 into a memory target.
+void RawSerialise(xercesc::DOMImplementationLS* implementation, xercesc::DOMNode* node,
+                  xercesc::MemBufFormatTarget& target) {
+  xercesc::DOMLSSerializer* serialiser = implementation->createLSSerializer();
+  serialiser->getDomConfig()->setParameter(u"format-pretty-print", true);
+  serialiser->getDomConfig()->setParameter(u"http://apache.org/xml/features/dom/byte-order-mark",
+                                           false);
+  xercesc::DOMLSOutput* output = implementation->createLSOutput();
+  output->setEncoding(u"UTF-8");
+  output->setByteStream(&target);
+  serialiser->write(node, output);
+  output->release();
+  serialiser->release();
+}
+
 // A document to UTF-16 text: the serialiser's UTF-8, then ICU's conversion.
 void PrintDoc_Veskan(benchmark::State& state) {
   const auto doc =
@@ -114,15 +130,8 @@ void PrintDoc_XercesIcuRaw(benchmark::State& state) {
   xercesc::DOMImplementationLS* implementation = RawImplementation();
   std::size_t length = 0;
   for (auto _ : state) {
-    xercesc::DOMLSSerializer* serialiser = implementation->createLSSerializer();
-    serialiser->getDomConfig()->setParameter(u"format-pretty-print", true);
-    serialiser->getDomConfig()->setParameter(u"http://apache.org/xml/features/dom/byte-order-mark",
-                                             false);
-    xercesc::DOMLSOutput* output = implementation->createLSOutput();
     xercesc::MemBufFormatTarget target(1023);
-    output->setEncoding(u"UTF-8");
-    output->setByteStream(&target);
-    serialiser->write(doc->DocumentNode(), output);
+    RawSerialise(implementation, doc->DocumentNode(), target);
     std::u16string text(target.getLen(), u'\0');
     int32_t written = 0;
     UErrorCode status = U_ZERO_ERROR;
@@ -132,8 +141,6 @@ void PrintDoc_XercesIcuRaw(benchmark::State& state) {
     text.resize(static_cast<std::size_t>(written));
     length = text.size();
     benchmark::DoNotOptimize(text);
-    output->release();
-    serialiser->release();
   }
   SetBytes(state, length);
 }
@@ -157,19 +164,10 @@ void PrintDocUTF8_XercesRaw(benchmark::State& state) {
   xercesc::DOMImplementationLS* implementation = RawImplementation();
   std::size_t length = 0;
   for (auto _ : state) {
-    xercesc::DOMLSSerializer* serialiser = implementation->createLSSerializer();
-    serialiser->getDomConfig()->setParameter(u"format-pretty-print", true);
-    serialiser->getDomConfig()->setParameter(u"http://apache.org/xml/features/dom/byte-order-mark",
-                                             false);
-    xercesc::DOMLSOutput* output = implementation->createLSOutput();
     xercesc::MemBufFormatTarget target(1023);
-    output->setEncoding(u"UTF-8");
-    output->setByteStream(&target);
-    serialiser->write(doc->DocumentNode(), output);
+    RawSerialise(implementation, doc->DocumentNode(), target);
     length = target.getLen();
     benchmark::DoNotOptimize(target.getRawBuffer());
-    output->release();
-    serialiser->release();
   }
   SetBytes(state, length);
 }
