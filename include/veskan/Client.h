@@ -1,0 +1,228 @@
+// Client, one TCP connection (accepted by a server, or opened by the host to a URL) with its HTTP
+// parse state; Client::ParseData; Client::Collection.
+#ifndef VESKAN_CLIENT_H
+#define VESKAN_CLIENT_H
+
+#include <veskan/Body.h>
+#include <veskan/ByteBuffer.h>
+#include <veskan/DaemonMarshaller.h>
+#include <veskan/Export.h>
+#include <veskan/Message.h>
+#include <veskan/StringBuffer.h>
+#include <veskan/Vocabulary.h>
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <vector>
+
+namespace Veskan {
+
+class Daemon;
+class Server;
+class NetworkPerformanceMonitor;
+
+namespace Detail {
+class ConnectionTransform;
+class RequestReader;
+}  // namespace Detail
+
+// One connection. Server-side connections are made by the daemon for an accepted socket and start
+// Connected; outgoing ones are made by the host and opened with Connect. The daemon's worker reads
+// and writes the connection; the host sends messages with Send.
+//
+// Thread safety: every operation may be called from any thread. The signals are delivered through
+// the connection's marshaller (the server's for a server-side connection), never while the
+// connection's lock is held.
+class VESKAN_API Client : public std::enable_shared_from_this<Client> {
+ public:
+  class ParseData;
+  class Collection;
+
+  // An outgoing connection, not yet connected. `direct` selects the marshaller's direct mode
+  // (otherwise signals are delivered on the constructing thread). `key` and `certificate` name
+  // TLS material for later use (null: none).
+  Client(bool direct, const char16_t* key, const char16_t* certificate);
+  Client(const Client&) = delete;
+  Client& operator=(const Client&) = delete;
+  virtual ~Client();
+
+  // Aborts an earlier connection, then connects to the host and port of `url` (http only) on a
+  // daemon's worker. The state is Connecting on return; StateChanged reports Connected, or
+  // Disconnected with Closed telling why. False for a URL without a host.
+  bool Connect(const char16_t* url);
+  // Connect with the URL of the last Connect.
+  bool Reconnect();
+  // `disconnectSlots`: every slot of the seven signals is disconnected first. A connecting
+  // connection is closed at once; a connected one is shut down for sending and closed by the
+  // worker when the peer has closed its side.
+  void Disconnect(bool disconnectSlots = false);
+  // Ends the connection at once: messages waiting for an answer are finished (ready state
+  // Uninitialized, so that waiters wake), the state becomes Disconnected. `notify`: report the
+  // change through StateChanged.
+  void Abort(bool notify = true);
+  // Queues `message` for writing (see the class comment of Server for replies). Open or Loaded:
+  // prepared and queued; Sent or Receiving: marked to be sent again; Uninitialized: returned to the
+  // host (its state is announced again) and false. A connection that is not Connected sends
+  // nothing and gives false.
+  bool Send(const std::shared_ptr<Message>& message);
+  // Waits until the state is `state`, or Disconnected, or `seconds` have passed; returns the
+  // state then.
+  ClientStates::Enumeration BlockUntil(ClientStates::Enumeration state, double seconds);
+  // 1 when the state is `state`, -1 when it is Disconnected (give up), 0 otherwise.
+  int BlockUntilCheck(ClientStates::Enumeration state) const;
+  // Attaches the performance counters instance `instanceName` to the engine.
+  void MonitorPerformance(const char16_t* instanceName);
+
+  int GetSocket() const;
+  ClientStates::Enumeration State() const;
+  // The peer's dotted IPv4 address and port; empty and 0 before a connection.
+  StringBuffer PeerAddress() const;
+  int PeerPort() const;
+  // The server of a server-side connection; null for an outgoing one.
+  std::shared_ptr<Server> GetServer() const;
+  // A number unique in the process, for logs and maps.
+  std::uint64_t Id() const { return id_; }
+
+  // Signals (the marshaller kind in brackets).
+  // The connection state changed [2].
+  DaemonMarshaller::ClientSignal StateChanged;
+  // Once a second while the connection is open [2].
+  DaemonMarshaller::ClientSignal Tick;
+  // An outgoing connection's reply headers are complete: part null, the declared length [11].
+  DaemonMarshaller::ClientMessagePartIntSignal HeadersComplete;
+  // A part of a multipart reply is complete; the int is its index [11].
+  DaemonMarshaller::ClientMessagePartIntSignal PartReceived;
+  // An outgoing connection's reply is complete (ready state Loaded) [3].
+  DaemonMarshaller::ClientMessageSignal MessageReceived;
+  // A message has been written completely [3].
+  DaemonMarshaller::ClientMessageSignal MessageSent;
+  // The connection was closed: the close reason's text and a detail (may be empty); the message
+  // is the one in progress, or null [4].
+  DaemonMarshaller::ClientMessageStringBufferStringBufferSignal Closed;
+
+ private:
+  friend class Daemon;
+  friend class Server;
+
+  // A server-side connection for an accepted socket, Connected.
+  Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon);
+
+  struct Outgoing;  // a message queued for writing
+  void Notify(ClientStates::Enumeration state);
+
+  std::uint64_t id_;
+  int socket_ = -1;
+  ClientStates::Enumeration state_ = ClientStates::Disconnected;
+  mutable std::recursive_mutex mutex_;
+  std::condition_variable_any changed_;
+  std::weak_ptr<Server> server_;
+  std::shared_ptr<Daemon> daemon_;
+  std::shared_ptr<DaemonMarshaller> marshaller_;
+  StringBuffer url_;
+  StringBuffer peerAddress_;
+  int peerPort_ = 0;
+  bool keepAlive_ = false;
+  bool disconnectRequested_ = false;
+  bool activity_ = false;
+  std::int64_t lastActivitySeconds_ = 0;
+  std::int64_t lastActivityNanoseconds_ = 0;
+  std::unique_ptr<ParseData> parse_;
+  std::shared_ptr<Message> message_;                        // the message being read
+  std::unique_ptr<Detail::ConnectionTransform> transform_;  // TLS, when present
+  std::deque<std::shared_ptr<Message>> waiting_;  // requests in order, awaiting their replies
+  std::deque<std::shared_ptr<Message>> ready_;    // answered, not yet written
+  std::vector<char> out_;                         // bytes formatted, not yet sent
+  std::size_t outSent_ = 0;
+  bool closeAfterWrite_ = false;
+  bool shutDown_ = false;
+};
+
+// The parse state of one connection: the bytes received and not yet consumed, the body of the
+// message being read and where the reader stands.
+//
+// Thread safety: none; the daemon guards it with its connection's lock.
+class VESKAN_API Client::ParseData {
+ public:
+  // Waiting, 0 to 4 and 6 (the gap is deliberate): ReadingChunkSize and ReadingChunkData are the
+  // chunked body states and print as "##invalid value##".
+  class VESKAN_API States {
+   public:
+    enum Enumeration : int {
+      Waiting = 0,
+      ReadingHeaders = 1,
+      ReadingContent = 2,
+      ReadingChunkSize = 3,
+      ReadingChunkData = 4,
+      SendingContent = 6,
+    };
+    static const char16_t* ToString(Enumeration value);
+  };
+
+  // A read buffer of ChunkSize bytes, an empty content buffer, state Waiting.
+  ParseData();
+  ParseData(const ParseData& other);
+  ParseData& operator=(const ParseData& other);
+  virtual ~ParseData();
+
+  // Empties the content buffer and both maps, sets the positions, the content length and the
+  // received count to 0 and the state to Waiting. The read buffer keeps its capacity.
+  void ResetAll();
+
+  // Received bytes; [ReadPosition, WritePosition) are not consumed yet.
+  ByteBuffer ReadBuffer;
+  // The body of the message being read.
+  ByteBuffer ContentBuffer;
+  // The size by which buffers are allocated.
+  int ChunkSize = 16384;
+  int ReadPosition = 0;
+  int WritePosition = 0;
+  // Multipart parts completed so far, by index, and where each one's payload starts in
+  // ContentBuffer.
+  std::map<int, std::shared_ptr<Part>> Parts;
+  std::map<int, int> PartOffsets;
+  // The declared length of the current body (-1: until the peer closes; for a chunked body the
+  // current chunk's size) and the body bytes received.
+  int ContentLength = 0;
+  int ContentReceived = 0;
+  States::Enumeration State = States::Waiting;
+
+  // Limits: header bytes of one message, and declared or received body bytes.
+  int MaxHeaderBytes = 64 * 1024;
+  int MaxBodySize = 64 * 1024 * 1024;
+  // Header bytes of the current message so far; where the multipart scan stands.
+  int HeaderBytes = 0;
+  int MultipartScan = 0;
+};
+
+// Connections in order. Indexing out of range gives a null pointer.
+//
+// Thread safety: none; the owner guards it.
+class VESKAN_API Client::Collection {
+ public:
+  Collection();
+  Collection(const Collection& other) = default;
+  Collection& operator=(const Collection& other) = default;
+  virtual ~Collection();
+
+  int Count() const { return static_cast<int>(clients_.size()); }
+  std::shared_ptr<Client> operator[](int index) const;
+  void Add(const std::shared_ptr<Client>& client);
+  // Removes the connection at `index`; nothing for an index out of range.
+  void RemoveAt(int index);
+  // Removes `client` when present; true when it was.
+  bool Remove(const Client* client);
+
+  std::vector<std::shared_ptr<Client>>::const_iterator begin() const { return clients_.begin(); }
+  std::vector<std::shared_ptr<Client>>::const_iterator end() const { return clients_.end(); }
+
+ private:
+  std::vector<std::shared_ptr<Client>> clients_;
+};
+
+}  // namespace Veskan
+
+#endif

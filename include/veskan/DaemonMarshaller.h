@@ -1,0 +1,195 @@
+// DaemonMarshaller: carries the network engine's events from a worker thread to the host's thread,
+// where the host's handlers run; and the signal types through which the engine reports.
+#ifndef VESKAN_DAEMONMARSHALLER_H
+#define VESKAN_DAEMONMARSHALLER_H
+
+#include <veskan/Export.h>
+#include <veskan/Message.h>
+#include <veskan/StringBuffer.h>
+
+#include <boost/signals2/signal.hpp>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+namespace Veskan {
+
+class Server;
+class Client;
+class Part;
+class WSData;
+
+// Engine signals: no result, slots ordered by int groups, arguments by reference.
+template <typename... Arguments>
+using EngineSignal =
+    boost::signals2::signal<void(Arguments...), boost::signals2::optional_last_value<void>, int>;
+
+namespace Detail {
+class EventQueue;
+}
+
+// Hands one event at a time to the host. In direct mode a hand-over fires the signal at once on the
+// calling (worker) thread. In window mode the thread that constructed the marshaller owns an event
+// queue: a hand-over from any other thread posts the call there and blocks until the owner thread
+// has run every slot (in RunEventLoopOnce or Join), which keeps the order of one connection's
+// events; a hand-over made on the owner thread runs at once and so never waits for itself.
+//
+// Thread safety: the Marshal_ operations may be called from any thread. A worker blocked in a
+// hand-over holds no lock of the engine. The destructor runs on the owner thread, after every
+// worker that could hand over through it has ended; a hand-over still waiting then is released
+// without its slots being run.
+class VESKAN_API DaemonMarshaller : public ReadyStateDelivery {
+ public:
+  using MessageSignal = Message::Signal;
+  using ClientSignal = EngineSignal<const std::shared_ptr<Client>&>;
+  using ClientMessageSignal =
+      EngineSignal<const std::shared_ptr<Client>&, const std::shared_ptr<Message>&>;
+  using ClientMessageStringBufferStringBufferSignal =
+      EngineSignal<const std::shared_ptr<Client>&, const std::shared_ptr<Message>&,
+                   const StringBuffer&, const StringBuffer&>;
+  using ServerClientSignal =
+      EngineSignal<const std::shared_ptr<Server>&, const std::shared_ptr<Client>&>;
+  using ServerClientMessageSignal =
+      EngineSignal<const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+                   const std::shared_ptr<Message>&>;
+  using ServerSignal = EngineSignal<const std::shared_ptr<Server>&>;
+  using ServerClientMessageBoolSignal =
+      EngineSignal<const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+                   const std::shared_ptr<Message>&, bool&>;
+  using VoidSignal = EngineSignal<>;
+  using ServerClientMessagePartIntSignal =
+      EngineSignal<const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+                   const std::shared_ptr<Message>&, const std::shared_ptr<Part>&, int>;
+  using ClientMessagePartIntSignal =
+      EngineSignal<const std::shared_ptr<Client>&, const std::shared_ptr<Message>&,
+                   const std::shared_ptr<Part>&, int>;
+  using MessageBoolIntIntSignal = EngineSignal<const std::shared_ptr<Message>&, bool, int, int>;
+  using ServerWebSocketMessageSignal =
+      EngineSignal<const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+                   const std::shared_ptr<WSData>&>;
+  using VoidPointerSignal = EngineSignal<void*>;
+
+  // One hand-over: its kind (1..14, the order of the Marshal_ operations below), the signal of
+  // that kind and the arguments it is fired with. Lives on the stack of the handing-over thread
+  // until the call has run.
+  struct MarshalData {
+    int Kind = 0;
+    MessageSignal* Message = nullptr;
+    ClientSignal* Client = nullptr;
+    ClientMessageSignal* ClientMessage = nullptr;
+    ClientMessageStringBufferStringBufferSignal* ClientMessageStringBufferStringBuffer = nullptr;
+    ServerClientSignal* ServerClient = nullptr;
+    ServerClientMessageSignal* ServerClientMessage = nullptr;
+    ServerSignal* Server = nullptr;
+    ServerClientMessageBoolSignal* ServerClientMessageBool = nullptr;
+    VoidSignal* Void = nullptr;
+    ServerClientMessagePartIntSignal* ServerClientMessagePartInt = nullptr;
+    ClientMessagePartIntSignal* ClientMessagePartInt = nullptr;
+    MessageBoolIntIntSignal* MessageBoolIntInt = nullptr;
+    ServerWebSocketMessageSignal* ServerWebSocketMessage = nullptr;
+    VoidPointerSignal* VoidPointer = nullptr;
+
+    const std::shared_ptr<Veskan::Server>* ServerArgument = nullptr;
+    const std::shared_ptr<Veskan::Client>* ClientArgument = nullptr;
+    const std::shared_ptr<Veskan::Message>* MessageArgument = nullptr;
+    const std::shared_ptr<Part>* PartArgument = nullptr;
+    const std::shared_ptr<WSData>* WSDataArgument = nullptr;
+    bool* BoolReference = nullptr;
+    bool BoolArgument = false;
+    int IntArgument = 0;
+    int SecondIntArgument = 0;
+    const StringBuffer* TextArgument = nullptr;
+    const StringBuffer* SecondTextArgument = nullptr;
+    void* PointerArgument = nullptr;
+  };
+
+  // `direct`: fire signals on the calling thread. Otherwise the current thread becomes the owner
+  // and gets an event queue (shared with any other window-mode marshaller it owns).
+  explicit DaemonMarshaller(bool direct);
+  DaemonMarshaller(const DaemonMarshaller&) = delete;
+  DaemonMarshaller& operator=(const DaemonMarshaller&) = delete;
+  ~DaemonMarshaller() override;
+
+  bool IsDirect() const { return direct_; }
+
+  void Marshal_Message(MessageSignal& signal, const std::shared_ptr<Veskan::Message>& message);
+  void Marshal_Client(ClientSignal& signal, const std::shared_ptr<Veskan::Client>& client);
+  void Marshal_ClientMessage(ClientMessageSignal& signal,
+                             const std::shared_ptr<Veskan::Client>& client,
+                             const std::shared_ptr<Veskan::Message>& message);
+  void Marshal_ClientMessageStringBufferStringBuffer(
+      ClientMessageStringBufferStringBufferSignal& signal,
+      const std::shared_ptr<Veskan::Client>& client,
+      const std::shared_ptr<Veskan::Message>& message, const StringBuffer& text,
+      const StringBuffer& secondText);
+  void Marshal_ServerClient(ServerClientSignal& signal,
+                            const std::shared_ptr<Veskan::Server>& server,
+                            const std::shared_ptr<Veskan::Client>& client);
+  void Marshal_ServerClientMessage(ServerClientMessageSignal& signal,
+                                   const std::shared_ptr<Veskan::Server>& server,
+                                   const std::shared_ptr<Veskan::Client>& client,
+                                   const std::shared_ptr<Veskan::Message>& message);
+  void Marshal_Server(ServerSignal& signal, const std::shared_ptr<Veskan::Server>& server);
+  void Marshal_ServerClientMessageBool(ServerClientMessageBoolSignal& signal,
+                                       const std::shared_ptr<Veskan::Server>& server,
+                                       const std::shared_ptr<Veskan::Client>& client,
+                                       const std::shared_ptr<Veskan::Message>& message,
+                                       bool& value);
+  void Marshal_Void(VoidSignal& signal);
+  void Marshal_ServerClientMessagePartInt(ServerClientMessagePartIntSignal& signal,
+                                          const std::shared_ptr<Veskan::Server>& server,
+                                          const std::shared_ptr<Veskan::Client>& client,
+                                          const std::shared_ptr<Veskan::Message>& message,
+                                          const std::shared_ptr<Part>& part, int value);
+  void Marshal_ClientMessagePartInt(ClientMessagePartIntSignal& signal,
+                                    const std::shared_ptr<Veskan::Client>& client,
+                                    const std::shared_ptr<Veskan::Message>& message,
+                                    const std::shared_ptr<Part>& part, int value);
+  void Marshal_MessageBoolIntInt(MessageBoolIntIntSignal& signal,
+                                 const std::shared_ptr<Veskan::Message>& message, bool flag,
+                                 int value, int secondValue);
+  void Marshal_ServerWebSocketMessage(ServerWebSocketMessageSignal& signal,
+                                      const std::shared_ptr<Veskan::Server>& server,
+                                      const std::shared_ptr<Veskan::Client>& client,
+                                      const std::shared_ptr<WSData>& data);
+  void Marshal_VoidPointer(VoidPointerSignal& signal, void* pointer);
+
+  // The common hand-over of a filled record (see the class comment). A kind outside 1..14 is
+  // ignored.
+  void Marshal(MarshalData* data);
+
+  // Message ready-state changes go through kind 1.
+  void Deliver(Message::Signal& signal, const std::shared_ptr<Veskan::Message>& message) override;
+
+  // Waits for `thread` to end. On the owner thread of a window-mode marshaller the event queue
+  // keeps running meanwhile, so that the thread's own hand-overs complete. In direct mode, or on
+  // any other thread, joins unless `thread` is the current thread. `ended`, when given, is set
+  // true once the thread has ended. Returns at once for a thread that is not joinable.
+  void Join(std::thread& thread, bool* ended = nullptr);
+
+  // True when the current thread owns an event queue (a window-mode marshaller made on it lives).
+  static bool CurrentThreadHasEventLoop();
+  // One turn of the current thread's event loop: waits at most 20 ms for a hand-over and runs
+  // every one queued. Returns false when a quit was requested on this thread (the request stays
+  // visible to every later call), true otherwise. On a thread without a queue it waits 20 ms.
+  static bool RunEventLoopOnce();
+  // Asks the current thread's event loop to quit (the counterpart of posting WM_QUIT); later
+  // RunEventLoopOnce calls return false at once until ResetQuit.
+  static void PostQuit();
+  // Clears a quit request of the current thread.
+  static void ResetQuit();
+
+ private:
+  // Runs the slots of the record's kind with its arguments on the current thread.
+  static void Dispatch(MarshalData* data);
+
+  bool direct_;
+  std::shared_ptr<Detail::EventQueue> queue_;  // null in direct mode
+  std::thread::id owner_;                      // default-constructed in direct mode
+  std::atomic<int> callingThreads_{0};         // workers waiting in a hand-over
+};
+
+}  // namespace Veskan
+
+#endif

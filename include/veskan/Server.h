@@ -1,0 +1,173 @@
+// Server, the embedded HTTP/1.1 server a host starts on a base URL, and Server::Log, the
+// process-wide diagnostic sink of the network engine (the system log, or alerts).
+#ifndef VESKAN_SERVER_H
+#define VESKAN_SERVER_H
+
+#include <veskan/Client.h>
+#include <veskan/DaemonMarshaller.h>
+#include <veskan/Export.h>
+#include <veskan/StringBuffer.h>
+#include <veskan/Vocabulary.h>
+
+#include <condition_variable>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace Veskan {
+
+class Daemon;
+class NetworkPerformanceMonitor;
+
+// A listening HTTP/1.1 server. Its socket and connections are served by the daemon ring; its
+// signals are delivered through its DaemonMarshaller: on the thread that constructed the server
+// (window mode, while that thread runs DaemonMarshaller::RunEventLoopOnce or waits in BlockUntil
+// or Stop), or directly on a daemon's worker thread (direct mode).
+//
+// A request is answered by filling the Message given to MessageReceived (StatusCode, the reply's
+// headers and content). When every slot has returned the reply is written, unless a slot set
+// `answerLater`: then the host calls Client::Send(message) later, from any thread, and the reply
+// leaves at once. A message nobody answered (status 0) is answered 404. Replies of one connection
+// leave in the order of its requests.
+//
+// Thread safety: Start, Stop and BlockUntil are called from the host's threads (in window mode
+// from the owner thread, or from threads that do not wait for the owner thread). Every accessor
+// may be called from any thread.
+class VESKAN_API Server : public std::enable_shared_from_this<Server> {
+ public:
+  class Log;
+
+  // `direct` selects the marshaller's direct mode. `certificate` and `key` name the TLS files
+  // (null or empty: plain HTTP).
+  Server(bool direct, const char16_t* certificate, const char16_t* key);
+  Server(const Server&) = delete;
+  Server& operator=(const Server&) = delete;
+  virtual ~Server();
+
+  // Stops a running instance, then listens on the port of `baseUrl` ("http://*:8080/",
+  // "http://localhost:0/"; host "*" or none: every address). With `retryWithSystemPort`, a taken
+  // port is replaced by one the system chooses. Returns false, with the state Stopped, when no
+  // socket could be bound ("Port occupied" is logged); true once the state is Started.
+  bool Start(const char16_t* baseUrl, bool retryWithSystemPort = true);
+  // Closes the listening socket and every connection: each is shut down for sending, and the ones
+  // still open after `graceMilliseconds` are aborted. The state is Stopped when it returns.
+  void Stop(int graceMilliseconds = 1000);
+
+  // Waits until the state is `state`, or is Stopped while `state` is not, or `seconds` have
+  // passed; returns the state then. On the owner thread of a window-mode server the event loop
+  // runs meanwhile.
+  ServerStates::Enumeration BlockUntil(ServerStates::Enumeration state, double seconds);
+  // 1 when the state is `state`, -1 when it is Stopped and `state` is not, 0 otherwise.
+  int BlockUntilCheck(ServerStates::Enumeration state) const;
+
+  // Attaches the performance counters instance `instanceName` to the engine.
+  void MonitorPerformance(const char16_t* instanceName);
+
+  // Closes an upgraded connection of this server.
+  void CloseWebSocket(const std::shared_ptr<Client>& client);
+
+  ServerStates::Enumeration State() const;
+  // The port listened on (the system's choice after a retry or for port 0); 0 when not listening.
+  int Port() const;
+  StringBuffer BaseUrl() const;
+  // A copy of the open connections.
+  Client::Collection Connections() const;
+  DaemonMarshaller& Marshaller() { return *marshaller_; }
+
+  // Limits applied to every connection of this server; changes apply to requests read later.
+  // A request whose declared body exceeds `bytes` closes its connection ("HTTP Protocol
+  // violation"). Default 64 MiB.
+  void SetMaxBodySize(int bytes);
+  int MaxBodySize() const;
+  // Connections without traffic for `seconds` are closed ("No more data"). Default 120 s.
+  void SetIdleTimeout(int seconds);
+  int IdleTimeout() const;
+
+  // Signals (the marshaller kind in brackets).
+  // The state changed [7].
+  DaemonMarshaller::ServerSignal StateChanged;
+  // A connection was accepted [5].
+  DaemonMarshaller::ServerClientSignal ClientConnected;
+  // A connection was closed [5].
+  DaemonMarshaller::ServerClientSignal ClientDisconnected;
+  // A request's headers are complete: the part is null and the int is the declared content
+  // length (-1: until the peer closes) [10].
+  DaemonMarshaller::ServerClientMessagePartIntSignal HeadersComplete;
+  // A part of a multipart request body is complete; the int is its index [10].
+  DaemonMarshaller::ServerClientMessagePartIntSignal PartReceived;
+  // A request is complete (ready state Loaded); see the class comment for `answerLater` [8].
+  DaemonMarshaller::ServerClientMessageBoolSignal MessageReceived;
+  // A reply has been written to the socket completely [6].
+  DaemonMarshaller::ServerClientMessageSignal MessageSent;
+
+ private:
+  friend class Daemon;
+  friend class Client;
+
+  struct Listening;
+
+  void SetState(ServerStates::Enumeration state);
+  void ForgetConnection(const Client* client);
+
+  std::shared_ptr<DaemonMarshaller> marshaller_;
+  StringBuffer certificate_;
+  StringBuffer key_;
+  bool direct_;
+
+  mutable std::recursive_mutex mutex_;
+  std::condition_variable_any changed_;
+  ServerStates::Enumeration state_ = ServerStates::Stopped;
+  StringBuffer baseUrl_;
+  int port_ = 0;
+  int maxBodySize_ = 64 * 1024 * 1024;
+  int idleTimeout_ = 120;
+  std::shared_ptr<Daemon> daemon_;  // the daemon watching the listening socket
+  int listeningSocket_ = -1;
+  Client::Collection connections_;
+};
+
+// The engine's diagnostic sink: lines at or above a threshold go to the system log (syslog with
+// the source as ident) or, with the source "MessageBox", to an alert handler.
+//
+// Thread safety: Start and Stop are called from the host's thread; Write and the accessors from
+// any thread.
+class VESKAN_API Server::Log {
+ public:
+  enum Enumeration : int {
+    None = 0,
+    Error = 1,
+    Warning = 2,
+    Information = 3,
+  };
+
+  // "None", "Error", "Warning", "Information"; "##invalid value##" for other values.
+  static const char16_t* ToString(Enumeration value);
+  // Case-insensitive: "error"/"errors", "warning"/"warnings", "information"; else None.
+  static Enumeration Parse(const char16_t* text);
+
+  // Counts a start. When no sink is active yet: takes `threshold`, and selects alert mode for the
+  // source "MessageBox" (exact), else opens the system log under `source` (the product name when
+  // null or empty).
+  static void Start(const char16_t* source, Enumeration threshold);
+  // Counts a stop; the last one closes the system log and ends alert mode.
+  static void Stop();
+  // Writes `text` when `severity` is not None and not above the threshold and a sink is active.
+  static void Write(Enumeration severity, const char16_t* text);
+
+  // In alert mode, receives the title "Event Log Message", the text and the severity. The default
+  // handler (also restored by an empty function) writes one line to stderr.
+  using AlertHandler =
+      std::function<void(const char16_t* title, const char16_t* text, Enumeration severity)>;
+  static void SetAlertHandler(AlertHandler handler);
+
+  // The number of Start calls not yet matched by Stop; whether the system log is open; whether
+  // alert mode is on; the threshold.
+  static int StartCount();
+  static bool SystemLogOpen();
+  static bool AlertMode();
+  static Enumeration Threshold();
+};
+
+}  // namespace Veskan
+
+#endif
