@@ -17,6 +17,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 namespace Veskan {
@@ -82,6 +83,8 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // The peer's dotted IPv4 address and port; empty and 0 before a connection.
   StringBuffer PeerAddress() const;
   int PeerPort() const;
+  // Why the connection was closed; None while it is open or when the host closed it.
+  SocketExceptions::Enumeration CloseReason() const;
   // The server of a server-side connection; null for an outgoing one.
   std::shared_ptr<Server> GetServer() const;
   // A number unique in the process, for logs and maps.
@@ -111,10 +114,26 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // A server-side connection for an accepted socket, Connected.
   Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon);
 
-  struct Outgoing;  // a message queued for writing
-  void Notify(ClientStates::Enumeration state);
+  // A message of this connection on its way: a received request awaiting its reply (server
+  // side), or a request to write (outgoing).
+  struct Exchange {
+    std::shared_ptr<Message> message;
+    bool keepAlive = true;
+    bool answered = false;  // ready to be written
+  };
+  // Formatted bytes of one message end at `end` in out_.
+  struct Written {
+    std::size_t end;
+    std::shared_ptr<Message> message;
+  };
 
-  std::uint64_t id_;
+  void SetState(ClientStates::Enumeration state);
+  // Finishes every message still waiting; called with the lock held, announces after unlocking.
+  std::vector<std::shared_ptr<Message>> TakeUnfinished();
+  static void FinishMessages(const std::shared_ptr<DaemonMarshaller>& marshaller,
+                             const std::vector<std::shared_ptr<Message>>& messages);
+
+  const std::uint64_t id_;
   int socket_ = -1;
   ClientStates::Enumeration state_ = ClientStates::Disconnected;
   mutable std::recursive_mutex mutex_;
@@ -133,12 +152,17 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   std::unique_ptr<ParseData> parse_;
   std::shared_ptr<Message> message_;                        // the message being read
   std::unique_ptr<Detail::ConnectionTransform> transform_;  // TLS, when present
-  std::deque<std::shared_ptr<Message>> waiting_;  // requests in order, awaiting their replies
-  std::deque<std::shared_ptr<Message>> ready_;    // answered, not yet written
-  std::vector<char> out_;                         // bytes formatted, not yet sent
+  std::deque<Exchange> exchanges_;  // in order of arrival (server) or of Send (outgoing)
+  std::deque<std::shared_ptr<Message>> inFlight_;  // outgoing: written, reply not complete
+  std::vector<char> out_;                          // formatted bytes not yet sent
   std::size_t outSent_ = 0;
-  bool closeAfterWrite_ = false;
-  bool shutDown_ = false;
+  std::deque<Written> written_;   // messages whose bytes are in out_
+  bool closeAfterWrite_ = false;  // the last formatted reply ends the connection
+  bool readStopped_ = false;      // no further message is read from this connection
+  bool shutDown_ = false;         // the sending direction is shut down
+  SocketExceptions::Enumeration closeReason_ = SocketExceptions::None;
+  bool closing_ = false;    // the worker closes it at the end of its cycle
+  int connectTimeout_ = 0;  // seconds left for an outgoing connect
 };
 
 // The parse state of one connection: the bytes received and not yet consumed, the body of the
@@ -193,9 +217,18 @@ class VESKAN_API Client::ParseData {
   // Limits: header bytes of one message, and declared or received body bytes.
   int MaxHeaderBytes = 64 * 1024;
   int MaxBodySize = 64 * 1024 * 1024;
-  // Header bytes of the current message so far; where the multipart scan stands.
+  // Header bytes of the current message so far.
   int HeaderBytes = 0;
+  // Chunked body: set once the body is known to be chunked; the bytes left of the current chunk
+  // (0 after the last one: its CR LF is awaited).
+  bool Chunked = false;
+  int ChunkRemaining = 0;
+  // Multipart body: the delimiter ("--" and the boundary, UTF-8; empty for other bodies) and the
+  // offset in ContentBuffer up to which parts have been split off.
+  std::string Delimiter;
   int MultipartScan = 0;
+  // Whether the connection stays open after the current message.
+  bool KeepAlive = false;
 };
 
 // Connections in order. Indexing out of range gives a null pointer.

@@ -9,7 +9,6 @@
 
 #include <boost/signals2/signal.hpp>
 
-#include <atomic>
 #include <memory>
 #include <thread>
 
@@ -162,20 +161,25 @@ class VESKAN_API DaemonMarshaller : public ReadyStateDelivery {
   // Message ready-state changes go through kind 1.
   void Deliver(Message::Signal& signal, const std::shared_ptr<Veskan::Message>& message) override;
 
-  // Waits for `thread` to end. On the owner thread of a window-mode marshaller the event queue
-  // keeps running meanwhile, so that the thread's own hand-overs complete. In direct mode, or on
-  // any other thread, joins unless `thread` is the current thread. `ended`, when given, is set
-  // true once the thread has ended. Returns at once for a thread that is not joinable.
+  // Waits for `thread` to end and joins it. When the current thread owns an event queue (it is
+  // the owner of this or of another window-mode marshaller), the queue keeps running meanwhile,
+  // so that hand-overs to this thread, from the ending thread or any other, complete; a pending
+  // quit request does not end the wait. Otherwise (direct mode, any other thread) it simply
+  // joins. Returns at once, without joining, for a thread that is not joinable or is the current
+  // thread. `ended`, when given, is set false on entry and true once the thread has been joined.
   void Join(std::thread& thread, bool* ended = nullptr);
 
   // True when the current thread owns an event queue (a window-mode marshaller made on it lives).
   static bool CurrentThreadHasEventLoop();
-  // One turn of the current thread's event loop: waits at most 20 ms for a hand-over and runs
-  // every one queued. Returns false when a quit was requested on this thread (the request stays
-  // visible to every later call), true otherwise. On a thread without a queue it waits 20 ms.
+  // One turn of the current thread's event loop: waits at most 20 ms for a hand-over, then runs
+  // every one queued by then. Returns false when a quit was requested on this thread
+  // (the request stays visible to every later call), true otherwise. With a quit pending it does
+  // not wait, but still runs the hand-overs already queued, so that a host that keeps pumping
+  // while it shuts down releases its workers. On a thread without a queue it waits 20 ms (none
+  // with a quit pending).
   static bool RunEventLoopOnce();
   // Asks the current thread's event loop to quit (the counterpart of posting WM_QUIT); later
-  // RunEventLoopOnce calls return false at once until ResetQuit.
+  // RunEventLoopOnce calls return false without waiting, until ResetQuit.
   static void PostQuit();
   // Clears a quit request of the current thread.
   static void ResetQuit();
@@ -187,7 +191,6 @@ class VESKAN_API DaemonMarshaller : public ReadyStateDelivery {
   bool direct_;
   std::shared_ptr<Detail::EventQueue> queue_;  // null in direct mode
   std::thread::id owner_;                      // default-constructed in direct mode
-  std::atomic<int> callingThreads_{0};         // workers waiting in a hand-over
 };
 
 }  // namespace Veskan

@@ -42,6 +42,7 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   Server(bool direct, const char16_t* certificate, const char16_t* key);
   Server(const Server&) = delete;
   Server& operator=(const Server&) = delete;
+  // A started server is held by its daemon until Stop.
   virtual ~Server();
 
   // Stops a running instance, then listens on the port of `baseUrl` ("http://*:8080/",
@@ -62,9 +63,6 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
 
   // Attaches the performance counters instance `instanceName` to the engine.
   void MonitorPerformance(const char16_t* instanceName);
-
-  // Closes an upgraded connection of this server.
-  void CloseWebSocket(const std::shared_ptr<Client>& client);
 
   ServerStates::Enumeration State() const;
   // The port listened on (the system's choice after a retry or for port 0); 0 when not listening.
@@ -103,8 +101,6 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
  private:
   friend class Daemon;
   friend class Client;
-
-  struct Listening;
 
   void SetState(ServerStates::Enumeration state);
   void ForgetConnection(const Client* client);
@@ -149,9 +145,11 @@ class VESKAN_API Server::Log {
   // source "MessageBox" (exact), else opens the system log under `source` (the product name when
   // null or empty).
   static void Start(const char16_t* source, Enumeration threshold);
-  // Counts a stop; the last one closes the system log and ends alert mode.
+  // Counts a stop; the last one closes the system log and ends alert mode. Without a start not
+  // yet stopped, nothing happens.
   static void Stop();
-  // Writes `text` when `severity` is not None and not above the threshold and a sink is active.
+  // Writes `text` when `severity` is Error, Warning or Information, not above the threshold, and a
+  // sink is active. In alert mode the handler is called on the writing thread, with no lock held.
   static void Write(Enumeration severity, const char16_t* text);
 
   // In alert mode, receives the title "Event Log Message", the text and the severity. The default

@@ -37,7 +37,11 @@ void Client::ParseData::ResetAll() {
   ContentLength = 0;
   ContentReceived = 0;
   HeaderBytes = 0;
+  Chunked = false;
+  ChunkRemaining = 0;
+  Delimiter.clear();
   MultipartScan = 0;
+  KeepAlive = false;
   ContentBuffer.Resize(0);
   State = States::Waiting;
 }

@@ -1,0 +1,492 @@
+// The HTTP/1.1 message reader: start line, header block, chunked or length-delimited body and
+// multipart splitting, over the unread bytes of a connection's parse state.
+#include "net/RequestReader.h"
+
+#include <veskan/Body.h>
+#include <veskan/Content.h>
+#include <veskan/Header.h>
+#include <veskan/Logger.h>
+#include <veskan/StringBuffer.h>
+
+#include <unicode/uchar.h>
+
+#include <algorithm>
+#include <cstring>
+#include <string>
+
+namespace Veskan {
+namespace Detail {
+
+const char PolicyFileRequest[] = "<policy-file-request/>";
+const char PolicyFileResponse[] =
+    "<?xml version=\"1.0\" encoding=\"UTF-8\"?><cross-domain-policy "
+    "xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+    "xsi:noNamespaceSchemaLocation=\"http://www.adobe.com/xml/schemas/PolicyFileSocket.xsd\">"
+    "<allow-access-from domain=\"127.0.0.1\" to-ports=\"*\"  /></cross-domain-policy>";
+
+bool IsPolicyFileRequest(const Client::ParseData& parse) {
+  constexpr int length = sizeof PolicyFileRequest - 1;
+  return parse.State == Client::ParseData::States::Waiting &&
+         parse.WritePosition - parse.ReadPosition >= length &&
+         std::memcmp(parse.ReadBuffer.Data() + parse.ReadPosition, PolicyFileRequest, length) == 0;
+}
+
+namespace {
+
+using States = Client::ParseData::States;
+
+constexpr char HttpSuffix[] = " HTTP/1.1";
+constexpr int HttpSuffixLength = sizeof HttpSuffix - 1;
+
+// A request method: its prefix with the blank and the shortest start line it allows.
+struct MethodForm {
+  const char* prefix;
+  int prefixLength;
+  int minimumLine;
+  Methods::Enumeration method;
+};
+
+constexpr MethodForm MethodForms[] = {
+    {"GET ", 4, 14, Methods::GET},         {"POST ", 5, 15, Methods::POST},
+    {"PUT ", 4, 14, Methods::PUT},         {"DELETE ", 7, 17, Methods::DELETE},
+    {"OPTIONS ", 8, 18, Methods::OPTIONS},
+};
+
+// The unread bytes of the parse state.
+struct Unread {
+  const char* data;
+  int length;
+};
+
+Unread UnreadBytes(const Client::ParseData& parse) {
+  return Unread{reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition,
+                parse.WritePosition - parse.ReadPosition};
+}
+
+// The length of the line that starts the unread bytes (without its CR LF), or -1 when its CR LF
+// has not arrived. A line holding NUL or a bare LF is a violation (-2).
+int LineLength(const Unread& unread) {
+  const char* end = static_cast<const char*>(std::memchr(unread.data, '\n', unread.length));
+  if (end == nullptr) return -1;
+  int length = static_cast<int>(end - unread.data);
+  if (length == 0 || unread.data[length - 1] != '\r') return -2;
+  if (std::memchr(unread.data, '\0', static_cast<std::size_t>(length)) != nullptr) return -2;
+  return length - 1;
+}
+
+bool StartsWith(const char* data, int length, const char* prefix, int prefixLength) {
+  return length >= prefixLength && std::memcmp(data, prefix, prefixLength) == 0;
+}
+
+bool EqualsIgnoringCase(const StringBuffer& text, const char16_t* other) {
+  return text.caseCompare(icu::UnicodeString(true, other, -1), U_FOLD_CASE_DEFAULT) == 0;
+}
+
+std::shared_ptr<Body>& BodyOf(const std::shared_ptr<Message>& message, bool serverSide) {
+  return serverSide ? message->Request : message->Reply;
+}
+
+// Reads a non-negative decimal length; false for anything else or a value above `limit`.
+bool ParseLength(const StringBuffer& text, int limit, int& length) {
+  if (text.isEmpty()) return false;
+  long long value = 0;
+  for (int i = 0; i < text.length(); ++i) {
+    char16_t digit = text.charAt(i);
+    if (digit < u'0' || digit > u'9') return false;
+    value = value * 10 + (digit - u'0');
+    if (value > limit) return false;
+  }
+  length = static_cast<int>(value);
+  return true;
+}
+
+// The multipart delimiter of a "multipart/...; boundary=..." type (RFC 2046 section 5.1.1), or
+// an empty text.
+std::string MultipartDelimiter(const StringBuffer& contentType) {
+  if (!contentType.startsWith(icu::UnicodeString(u"multipart/"))) return std::string();
+  int at = contentType.indexOf(u"boundary=");
+  if (at < 0) return std::string();
+  StringBuffer boundary(contentType.tempSubString(at + 9));
+  int end = boundary.indexOf(u';');
+  if (end >= 0) boundary.truncate(end);
+  boundary.trim();
+  if (boundary.length() >= 2 && boundary.charAt(0) == u'"' &&
+      boundary.charAt(boundary.length() - 1) == u'"') {
+    boundary = StringBuffer(boundary.tempSubString(1, boundary.length() - 2));
+  }
+  if (boundary.isEmpty()) return std::string();
+  return "--" + std::string(static_cast<const char*>(UTF16to8(boundary)));
+}
+
+class Reader {
+ public:
+  Reader(Client::ParseData& parse, std::shared_ptr<Message>& current, bool serverSide, bool final,
+         std::vector<ReaderEvent>& events)
+      : parse_(parse), current_(current), serverSide_(serverSide), final_(final), events_(events) {}
+
+  ReadOutcome Run() {
+    for (;;) {
+      Step step = Step::Wait;
+      switch (parse_.State) {
+        case States::Waiting:
+          step = ReadStartLine();
+          break;
+        case States::ReadingHeaders:
+          step = ReadHeaderLine();
+          break;
+        case States::ReadingContent:
+          step = ReadContent();
+          break;
+        case States::ReadingChunkSize:
+          step = ReadChunkSize();
+          break;
+        case States::ReadingChunkData:
+          step = ReadChunkData();
+          break;
+        case States::SendingContent:
+          step = Step::Wait;
+          break;
+      }
+      switch (step) {
+        case Step::Continue:
+          continue;
+        case Step::Wait:
+          return ReadOutcome::NeedMore;
+        case Step::Violation:
+          return ReadOutcome::Violation;
+        case Step::Stop:
+          return ReadOutcome::Stop;
+      }
+    }
+  }
+
+ private:
+  enum class Step { Continue, Wait, Violation, Stop };
+
+  void Consume(int count) { parse_.ReadPosition += count; }
+
+  Step ReadStartLine() {
+    Unread unread = UnreadBytes(parse_);
+    if (unread.length == 0) return Step::Wait;
+    int length = LineLength(unread);
+    if (length == -1) {
+      // Bytes that cannot begin any request are refused at once rather than after a time-out.
+      if (serverSide_ && !CouldBeginRequest(unread)) return Step::Violation;
+      return unread.length > parse_.MaxHeaderBytes ? Step::Violation : Step::Wait;
+    }
+    if (length == -2) return Step::Violation;
+    if (length == 0) {  // an empty line between messages is tolerated (RFC 7230 section 3.5)
+      Consume(2);
+      return Step::Continue;
+    }
+    bool started =
+        serverSide_ ? OpenRequest(unread.data, length) : OpenResponse(unread.data, length);
+    if (!started) return Step::Violation;
+    Consume(length + 2);
+    parse_.HeaderBytes = length + 2;
+    parse_.State = States::ReadingHeaders;
+    return Step::Continue;
+  }
+
+  // True when `unread` is a prefix of a start line of a known method, or begins with one, or is
+  // a blank line in the making.
+  static bool CouldBeginRequest(const Unread& unread) {
+    if (unread.data[0] == '\r') return true;
+    for (const MethodForm& form : MethodForms) {
+      int compared = std::min(unread.length, form.prefixLength);
+      if (std::memcmp(unread.data, form.prefix, static_cast<std::size_t>(compared)) == 0) {
+        return true;
+      }
+    }
+    int probe = std::min(unread.length, static_cast<int>(sizeof PolicyFileRequest) - 1);
+    return std::memcmp(unread.data, PolicyFileRequest, static_cast<std::size_t>(probe)) == 0;
+  }
+
+  bool OpenRequest(const char* line, int length) {
+    if (length < HttpSuffixLength ||
+        std::memcmp(line + length - HttpSuffixLength, HttpSuffix, HttpSuffixLength) != 0) {
+      return false;
+    }
+    for (const MethodForm& form : MethodForms) {
+      if (length < form.minimumLine || !StartsWith(line, length, form.prefix, form.prefixLength)) {
+        continue;
+      }
+      int targetLength = length - form.prefixLength - HttpSuffixLength;
+      StringBuffer target = UTF8to16(line, form.prefixLength, targetLength);
+      current_ = Message::New();
+      current_->Open(form.method, target);
+      Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessIn")
+          << " Allocated new message size: " << static_cast<int>(sizeof(Message));
+      return true;
+    }
+    return false;
+  }
+
+  bool OpenResponse(const char* line, int length) {
+    static constexpr char prefix[] = "HTTP/1.1 ";
+    if (!current_ || length < 12 || !StartsWith(line, length, prefix, 9)) return false;
+    const char* code = line + 9;
+    if (code[0] < '0' || code[0] > '5' || code[1] < '0' || code[1] > '9' || code[2] < '0' ||
+        code[2] > '9' || (length > 12 && code[3] != ' ')) {
+      return false;
+    }
+    auto lock = current_->Lock();
+    current_->StatusCode = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
+    current_->Reply = std::make_shared<Body>();
+    return true;
+  }
+
+  Step ReadHeaderLine() {
+    Unread unread = UnreadBytes(parse_);
+    int length = LineLength(unread);
+    if (length == -1) {
+      return parse_.HeaderBytes + unread.length > parse_.MaxHeaderBytes ? Step::Violation
+                                                                        : Step::Wait;
+    }
+    if (length == -2) return Step::Violation;
+    parse_.HeaderBytes += length + 2;
+    if (parse_.HeaderBytes > parse_.MaxHeaderBytes) return Step::Violation;
+    Consume(length + 2);
+    if (length == 0) return parse_.Chunked ? CompleteMessage() : HeadersComplete();
+
+    const char* colon = static_cast<const char*>(std::memchr(unread.data, ':', length));
+    if (colon == nullptr || colon == unread.data) return Step::Violation;
+    int nameLength = static_cast<int>(colon - unread.data);
+    StringBuffer name = UTF8to16(unread.data, 0, nameLength);
+    StringBuffer value = UTF8to16(unread.data, nameLength + 1, length - nameLength - 1);
+    value.trim();
+    auto lock = current_->Lock();
+    BodyOf(current_, serverSide_)->Headers.Add(Header(std::move(name), std::move(value)));
+    return Step::Continue;
+  }
+
+  Step HeadersComplete() {
+    auto lock = current_->Lock();
+    std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
+    Header::Collection& headers = body->Headers;
+    const Header::Collection& constHeaders = headers;
+
+    bool hasConnection = constHeaders.Contains(u"Connection");
+    parse_.KeepAlive = hasConnection && !EqualsIgnoringCase(constHeaders[u"Connection"], u"close");
+    body->Cookies.Read(headers);
+
+    bool upgrade = EqualsIgnoringCase(constHeaders[u"Upgrade"], u"websocket");
+    bool hasLength = constHeaders.Contains(u"Content-Length");
+    if (constHeaders.Contains(u"Transfer-Encoding") && !upgrade) {
+      // A message with both is how request smuggling starts (RFC 7230 section 3.3.3).
+      if (hasLength) return Step::Violation;
+      parse_.Chunked = true;
+      parse_.ContentLength = -1;
+      parse_.State = States::ReadingChunkSize;
+      lock.unlock();
+      events_.push_back(
+          ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, -1, false});
+      return Step::Continue;
+    }
+
+    int length = 0;
+    if (hasLength) {
+      if (!ParseLength(constHeaders[u"Content-Length"], parse_.MaxBodySize, length)) {
+        return Step::Violation;
+      }
+    } else if (!serverSide_ && DelimitedByClose(current_->StatusCode)) {
+      length = -1;
+    }
+    parse_.ContentLength = length;
+    parse_.Delimiter = MultipartDelimiter(constHeaders[u"Content-Type"]);
+    lock.unlock();
+    events_.push_back(
+        ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, length, false});
+    if (length == 0) return CompleteMessage();
+    parse_.State = States::ReadingContent;
+    return Step::Continue;
+  }
+
+  // A reply without a length runs until the peer closes, except those that never have a body
+  // (RFC 7230 section 3.3.3).
+  static bool DelimitedByClose(int statusCode) {
+    return statusCode >= 200 && statusCode != 204 && statusCode != 304;
+  }
+
+  // Moves up to `wanted` unread bytes into the content buffer; returns the number moved.
+  int TakeContent(int wanted) {
+    Unread unread = UnreadBytes(parse_);
+    int count = std::min(wanted, unread.length);
+    if (count <= 0) return 0;
+    parse_.ContentBuffer.Append(unread.data, count);
+    parse_.ContentReceived += count;
+    Consume(count);
+    return count;
+  }
+
+  Step ReadContent() {
+    if (parse_.ContentLength < 0) {
+      if (parse_.ContentReceived + (parse_.WritePosition - parse_.ReadPosition) >
+          parse_.MaxBodySize) {
+        return Step::Violation;
+      }
+      TakeContent(parse_.WritePosition - parse_.ReadPosition);
+      SplitParts();
+      return final_ ? CompleteMessage() : Step::Wait;
+    }
+    TakeContent(parse_.ContentLength - parse_.ContentReceived);
+    SplitParts();
+    if (parse_.ContentReceived < parse_.ContentLength) return Step::Wait;
+    return CompleteMessage();
+  }
+
+  Step ReadChunkSize() {
+    Unread unread = UnreadBytes(parse_);
+    int length = LineLength(unread);
+    if (length == -1) return unread.length > 1024 ? Step::Violation : Step::Wait;
+    if (length == -2) return Step::Violation;
+    long long size = 0;
+    int digits = 0;
+    for (; digits < length; ++digits) {
+      char c = unread.data[digits];
+      int value;
+      if (c >= '0' && c <= '9') {
+        value = c - '0';
+      } else if (c >= 'A' && c <= 'F') {
+        value = c - 'A' + 10;
+      } else if (c >= 'a' && c <= 'f') {
+        value = c - 'a' + 10;
+      } else {
+        break;
+      }
+      size = size * 16 + value;
+      if (size > parse_.MaxBodySize) return Step::Violation;
+    }
+    // Chunk extensions after ";" are ignored (RFC 7230 section 4.1.1).
+    if (digits == 0 || (digits < length && unread.data[digits] != ';' &&
+                        unread.data[digits] != ' ' && unread.data[digits] != '\t')) {
+      return Step::Violation;
+    }
+    if (parse_.ContentReceived + size > parse_.MaxBodySize) return Step::Violation;
+    Consume(length + 2);
+    if (size == 0) {
+      parse_.State = States::ReadingHeaders;  // trailers, then the empty line
+      return Step::Continue;
+    }
+    parse_.ContentLength = static_cast<int>(size);
+    parse_.ChunkRemaining = static_cast<int>(size);
+    parse_.State = States::ReadingChunkData;
+    return Step::Continue;
+  }
+
+  Step ReadChunkData() {
+    if (parse_.ChunkRemaining > 0) {
+      parse_.ChunkRemaining -= TakeContent(parse_.ChunkRemaining);
+      SplitParts();
+      if (parse_.ChunkRemaining > 0) return Step::Wait;
+    }
+    Unread unread = UnreadBytes(parse_);
+    if (unread.length < 2) return Step::Wait;
+    if (unread.data[0] != '\r' || unread.data[1] != '\n') return Step::Violation;
+    Consume(2);
+    parse_.State = States::ReadingChunkSize;
+    return Step::Continue;
+  }
+
+  // Splits off every part whose closing delimiter has arrived (RFC 2046 section 5.1.1): a part
+  // runs from behind a delimiter line to the CR LF before the next delimiter.
+  void SplitParts() {
+    if (parse_.Delimiter.empty()) return;
+    const std::string& delimiter = parse_.Delimiter;
+    const char* content = reinterpret_cast<const char*>(parse_.ContentBuffer.Data());
+    int size = parse_.ContentBuffer.Size();
+    for (;;) {
+      int start = parse_.MultipartScan;
+      const char* first = Find(content + start, size - start, delimiter);
+      if (first == nullptr) return;
+      int afterFirst = static_cast<int>(first - content) + static_cast<int>(delimiter.size());
+      if (afterFirst + 2 > size) return;
+      if (content[afterFirst] == '-' && content[afterFirst + 1] == '-') {  // the close delimiter
+        parse_.MultipartScan = size;
+        parse_.Delimiter.clear();
+        return;
+      }
+      const char* lineEnd =
+          static_cast<const char*>(std::memchr(content + afterFirst, '\n', size - afterFirst));
+      if (lineEnd == nullptr) return;
+      int partStart = static_cast<int>(lineEnd - content) + 1;
+      std::string next = "\r\n" + delimiter;
+      const char* second = Find(content + partStart, size - partStart, next);
+      if (second == nullptr) return;
+      int partEnd = static_cast<int>(second - content);
+      DeliverPart(partStart, partEnd);
+      parse_.MultipartScan = partEnd + 2;
+    }
+  }
+
+  static const char* Find(const char* data, int length, const std::string& needle) {
+    if (length < static_cast<int>(needle.size())) return nullptr;
+    const char* end = data + length;
+    const char* found = std::search(data, end, needle.begin(), needle.end());
+    return found == end ? nullptr : found;
+  }
+
+  void DeliverPart(int start, int end) {
+    int position = start;
+    auto part = std::make_shared<Part>(parse_.ContentBuffer, position, end);
+    int payload = position;
+    if (payload > end) payload = end;
+    part->Content = std::make_shared<Content>(parse_.ContentBuffer.Data() + payload, end - payload);
+    int index = static_cast<int>(parse_.Parts.size());
+    parse_.Parts[index] = part;
+    parse_.PartOffsets[index] = payload;
+    events_.push_back(ReaderEvent{ReaderEvent::Kind::PartComplete, current_, part, index, false});
+  }
+
+  Step CompleteMessage() {
+    {
+      auto lock = current_->Lock();
+      std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
+      if (parse_.ContentReceived > 0) {
+        body->Content =
+            std::make_shared<Content>(parse_.ContentBuffer.Data(), parse_.ContentReceived);
+      }
+      for (const auto& entry : parse_.Parts)
+        body->Parts.Add(entry.second);
+    }
+    bool keepAlive = parse_.KeepAlive;
+    events_.push_back(ReaderEvent{ReaderEvent::Kind::MessageComplete, current_, nullptr,
+                                  parse_.ContentReceived, keepAlive});
+    current_.reset();
+    // Ready for the next message on the same bytes.
+    parse_.Parts.clear();
+    parse_.PartOffsets.clear();
+    parse_.ContentBuffer.Resize(0);
+    parse_.ContentLength = 0;
+    parse_.ContentReceived = 0;
+    parse_.HeaderBytes = 0;
+    parse_.Chunked = false;
+    parse_.ChunkRemaining = 0;
+    parse_.Delimiter.clear();
+    parse_.MultipartScan = 0;
+    parse_.State = States::Waiting;
+    if (serverSide_ && !keepAlive) return Step::Stop;
+    return Step::Continue;
+  }
+
+  Client::ParseData& parse_;
+  std::shared_ptr<Message>& current_;
+  bool serverSide_;
+  bool final_;
+  std::vector<ReaderEvent>& events_;
+};
+
+}  // namespace
+
+ReadOutcome RequestReader::Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
+                                bool serverSide, bool final, std::vector<ReaderEvent>& events) {
+  if (parse.ReadPosition < 0 || parse.ReadPosition > parse.WritePosition ||
+      parse.WritePosition > parse.ReadBuffer.Size()) {
+    return ReadOutcome::Violation;
+  }
+  if (parse.State != States::Waiting && !current) return ReadOutcome::Violation;
+  return Reader(parse, current, serverSide, final, events).Run();
+}
+
+}  // namespace Detail
+}  // namespace Veskan

@@ -1,0 +1,59 @@
+// The HTTP/1.1 message reader of a connection: turns the bytes in a Client::ParseData into
+// messages, without touching a socket, a lock or a host handler. The daemon feeds it after every
+// receive and delivers the events it reports.
+#ifndef VESKAN_NET_REQUESTREADER_H
+#define VESKAN_NET_REQUESTREADER_H
+
+#include <veskan/Client.h>
+#include <veskan/Message.h>
+
+#include <memory>
+#include <vector>
+
+namespace Veskan {
+namespace Detail {
+
+// Something the host must hear about, in the order it happened.
+struct ReaderEvent {
+  enum class Kind {
+    HeadersComplete,  // Value: the declared content length (-1: until the peer closes)
+    PartComplete,     // Part and its index in Value
+    MessageComplete,  // the message is ready to be announced Loaded
+  };
+  Kind What;
+  std::shared_ptr<Message> Subject;
+  std::shared_ptr<Part> Piece;
+  int Value = 0;
+  bool KeepAlive = false;  // MessageComplete: whether the connection stays open after it
+};
+
+enum class ReadOutcome {
+  NeedMore,   // every complete message has been read; more bytes are needed
+  Violation,  // the bytes break the protocol or a limit: close the connection
+  Stop,       // a message ended the connection's exchanges (no keep-alive): read no further
+};
+
+// The socket policy probe that browser plug-ins send, and the engine's answer to it.
+extern const char PolicyFileRequest[];   // "<policy-file-request/>", 22 bytes
+extern const char PolicyFileResponse[];  // the one-line policy document, NUL-terminated
+
+// True when the unread bytes of `parse` begin with the policy probe.
+bool IsPolicyFileRequest(const Client::ParseData& parse);
+
+class RequestReader {
+ public:
+  // Reads as many messages as the unread bytes hold (RFC 7230 sections 3 and 4.1).
+  // Server side (`serverSide`): each start line "METHOD target HTTP/1.1" opens a new Message in
+  // `current`; its headers, cookies and body go into the message's Request. Client side: the
+  // start line must be "HTTP/1.1 NNN reason" and `current` is the request in flight, whose
+  // StatusCode and Reply are filled. `final`: the peer has closed, so a body delimited by closing
+  // is complete. Appends events to `events`; consumed bytes advance parse.ReadPosition.
+  // The message is left in `current` until its MessageComplete event; after it `current` is null.
+  static ReadOutcome Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
+                          bool serverSide, bool final, std::vector<ReaderEvent>& events);
+};
+
+}  // namespace Detail
+}  // namespace Veskan
+
+#endif

@@ -1,0 +1,189 @@
+// Server: starting and stopping a listening server on the daemon ring.
+#include <veskan/Daemon.h>
+#include <veskan/Logger.h>
+#include <veskan/NetworkPerformanceMonitor.h>
+#include <veskan/Server.h>
+
+#include "net/EngineLog.h"
+#include "sys/Socket.h"
+
+namespace Veskan {
+
+Server::Server(bool direct, const char16_t* certificate, const char16_t* key)
+    : marshaller_(std::make_shared<DaemonMarshaller>(direct)),
+      certificate_(certificate),
+      key_(key),
+      direct_(direct) {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Server::Server")
+      << " cert: " << certificate_ << " async: " << !direct;
+}
+
+Server::~Server() {
+  // A started server is kept alive by its daemon, so a running one never gets here; this only
+  // releases a socket left by a start that did not complete.
+  if (listeningSocket_ >= 0) Sys::SocketCalls::Close(listeningSocket_);
+}
+
+bool Server::Start(const char16_t* baseUrl, bool retryWithSystemPort) {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Server::Start")
+      << " base: " << StringBuffer(baseUrl);
+  if (State() != ServerStates::Stopped) Stop();
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    baseUrl_ = baseUrl;
+  }
+  SetState(ServerStates::Starting);
+
+  std::shared_ptr<Server> self = shared_from_this();
+  int port = 0;
+  int socket = Daemon::AllocateNewSocket(self, false, port);
+  if (socket < 0 && retryWithSystemPort) socket = Daemon::AllocateNewSocket(self, true, port);
+  if (socket < 0) {
+    Detail::EngineLog(Logger::Severity::Error, "Veskan::Server::Start",
+                      StringBuffer(SocketExceptions::ToString(SocketExceptions::PortOccupied)) +
+                          u" " + StringBuffer(baseUrl));
+    SetState(ServerStates::Stopped);
+    return false;
+  }
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    listeningSocket_ = socket;
+    port_ = port;
+  }
+  std::shared_ptr<Daemon> daemon;
+  {
+    std::lock_guard<std::recursive_mutex> ring(Daemon::LinkListMutex);
+    daemon = Daemon::GetInstance(marshaller_);
+    daemon->Include(self);
+    daemon->Start();
+  }
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    daemon_ = daemon;
+  }
+  SetState(ServerStates::Started);
+  return true;
+}
+
+void Server::Stop(int graceMilliseconds) {
+  Logger::Line(Logger::Severity::Trace, "Veskan::Server::Stop");
+  std::shared_ptr<Daemon> daemon;
+  int socket;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (state_ == ServerStates::Stopped) return;
+    daemon = std::move(daemon_);
+    socket = listeningSocket_;
+  }
+  SetState(ServerStates::Stopping);
+
+  if (daemon) {
+    // The worker may be polling the socket: it is closed once the worker has left that poll.
+    std::uint64_t cycle;
+    {
+      std::lock_guard<std::recursive_mutex> lock(daemon->mutex_);
+      cycle = daemon->cycles_;
+    }
+    daemon->Exclude(this);
+    Daemon::BlockUntil(
+        [&daemon, cycle] { return daemon->cycles_ > cycle + 1 || daemon->ended_ ? 1 : 0; }, 2.0,
+        daemon->mutex_, daemon->changed_);
+  }
+  if (socket >= 0) Sys::SocketCalls::Close(socket);
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    listeningSocket_ = -1;
+    port_ = 0;
+  }
+
+  auto allGone = [this] {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    return connections_.Count() == 0 ? 1 : 0;
+  };
+  for (const std::shared_ptr<Client>& client : Connections())
+    client->Disconnect(false);
+  Daemon::BlockUntil(allGone, graceMilliseconds / 1000.0, mutex_, changed_);
+  for (const std::shared_ptr<Client>& client : Connections())
+    client->Abort(true);
+  Daemon::BlockUntil(allGone, 2.0, mutex_, changed_);
+  SetState(ServerStates::Stopped);
+}
+
+ServerStates::Enumeration Server::BlockUntil(ServerStates::Enumeration state, double seconds) {
+  Daemon::BlockUntil([this, state] { return BlockUntilCheck(state); }, seconds, mutex_, changed_);
+  return State();
+}
+
+int Server::BlockUntilCheck(ServerStates::Enumeration state) const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (state_ == state) return 1;
+  if (state_ == ServerStates::Stopped) return -1;
+  return 0;
+}
+
+void Server::MonitorPerformance(const char16_t* instanceName) {
+  Daemon::MonitorPerformance(std::make_shared<NetworkPerformanceMonitor>(instanceName));
+}
+
+ServerStates::Enumeration Server::State() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return state_;
+}
+
+int Server::Port() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return port_;
+}
+
+StringBuffer Server::BaseUrl() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return baseUrl_;
+}
+
+Client::Collection Server::Connections() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return connections_;
+}
+
+void Server::SetMaxBodySize(int bytes) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  maxBodySize_ = bytes;
+}
+
+int Server::MaxBodySize() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return maxBodySize_;
+}
+
+void Server::SetIdleTimeout(int seconds) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  idleTimeout_ = seconds;
+}
+
+int Server::IdleTimeout() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return idleTimeout_;
+}
+
+void Server::SetState(ServerStates::Enumeration state) {
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (state_ == state) return;
+    state_ = state;
+    changed_.notify_all();
+  }
+  if (!StateChanged.empty()) marshaller_->Marshal_Server(StateChanged, shared_from_this());
+}
+
+void Server::ForgetConnection(const Client* client) {
+  bool lastWhileStopping;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    connections_.Remove(client);
+    changed_.notify_all();
+    lastWhileStopping = state_ == ServerStates::Stopping && connections_.Count() == 0;
+  }
+  if (lastWhileStopping) SetState(ServerStates::Stopped);
+}
+
+}  // namespace Veskan

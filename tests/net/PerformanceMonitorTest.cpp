@@ -1,0 +1,216 @@
+// NetworkPerformanceMonitor: without a plug-in, with a full plug-in and with one that cannot zero.
+// The stand-in plug-ins are built beside this test; their paths come from the build.
+#include <veskan/NetworkPerformanceMonitor.h>
+
+#include "plugin/TestPerformancePlugin.h"
+#include "sys/DynamicLibrary.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace Veskan {
+namespace {
+
+using Counters = NetworkPerformanceMonitor::Counters;
+using VeskanTesting::TestPerformanceRecord;
+
+constexpr char FullPlugin[] = VESKAN_TEST_PERFORMANCE_PLUGIN;
+constexpr char PluginWithoutZero[] = VESKAN_TEST_PERFORMANCE_PLUGIN_WITHOUT_ZERO;
+
+TEST(NetworkPerformanceMonitorTest, CountersPrintTheirNames) {
+  const std::vector<std::pair<Counters::Enumeration, std::u16string>> names = {
+      {Counters::AllCounters, u"AllCounters"},
+      {Counters::RequestsReceived, u"RequestsReceived"},
+      {Counters::RepliesSent, u"RepliesSent"},
+      {Counters::ProtocolViolations, u"ProtocolViolations"},
+      {Counters::BytesReceived, u"BytesReceived"},
+      {Counters::BytesSent, u"BytesSent"},
+      {Counters::ConnectionsAccepted, u"ConnectionsAccepted"},
+      {Counters::ConnectionsClosed, u"ConnectionsClosed"},
+      {Counters::DaemonsRunning, u"DaemonsRunning"},
+      {Counters::WritableEvents, u"WritableEvents"},
+      {Counters::ReadableEvents, u"ReadableEvents"},
+      {Counters::WebSocketMessages, u"WebSocketMessages"},
+      {Counters::PartsReceived, u"PartsReceived"},
+      {Counters::OutgoingConnections, u"OutgoingConnections"},
+      {Counters::OpenConnections, u"OpenConnections"},
+  };
+  for (const auto& [value, name] : names) {
+    SCOPED_TRACE(static_cast<int>(value));
+    EXPECT_EQ(name, Counters::ToString(value));
+  }
+  for (const int value : {0, 15, -2, 1000}) {
+    SCOPED_TRACE(value);
+    EXPECT_EQ(std::u16string(u"##invalid value##"),
+              Counters::ToString(static_cast<Counters::Enumeration>(value)));
+  }
+}
+
+TEST(NetworkPerformanceMonitorTest, WithoutThePluginEveryOperationDoesNothing) {
+  NetworkPerformanceMonitor monitor(u"absent", "/nonexistent/folder/libVeskanPerformance.so");
+  EXPECT_FALSE(monitor.Active());
+  monitor.Increment(Counters::RequestsReceived, 5);
+  monitor.Decrement(Counters::OpenConnections);
+  monitor.Reset(Counters::BytesSent);
+  monitor.Reset();
+  EXPECT_FALSE(monitor.Active());
+}
+
+TEST(NetworkPerformanceMonitorTest, TheDefaultPluginIsLookedUpOnTheSearchPath) {
+  // Whether this machine has the real plug-in decides what the monitor must do.
+  Sys::DynamicLibrary installed;
+  const bool pluginInstalled = installed.Open("libVeskanPerformance.so") &&
+                               installed.Symbol("VeskanNetworkPerfMon_Create") != nullptr &&
+                               installed.Symbol("VeskanNetworkPerfMon_Destroy") != nullptr &&
+                               installed.Symbol("VeskanNetworkPerfMon_Inc") != nullptr;
+  NetworkPerformanceMonitor monitor(u"default");
+  EXPECT_EQ(pluginInstalled, monitor.Active());
+}
+
+TEST(NetworkPerformanceMonitorTest, ALibraryWithoutTheExportsGivesNoInstance) {
+  // The C library is always there and exports none of the plug-in's functions.
+  NetworkPerformanceMonitor monitor(u"wrong library", "libc.so.6");
+  EXPECT_FALSE(monitor.Active());
+  monitor.Increment(Counters::BytesReceived, 1);
+  monitor.Reset();
+}
+
+// Keeps a stand-in plug-in loaded for the test (so that its record outlives the monitors) and
+// starts each test with a clean record.
+class PerformancePluginTest : public ::testing::Test {
+ protected:
+  void Load(const char* path) {
+    ASSERT_TRUE(plugin_.Open(path)) << plugin_.Error();
+    const auto recordOf = reinterpret_cast<VeskanTesting::TestPerformanceRecordFunction>(
+        plugin_.Symbol("VeskanTestPerformance_Record"));
+    ASSERT_NE(nullptr, recordOf);
+    record_ = recordOf();
+    record_->failCreate = false;
+    record_->createCalls = 0;
+    record_->instanceName[0] = u'\0';
+    record_->handle = 0;
+    record_->destroyCalls = 0;
+    record_->destroyedHandle = 0;
+    record_->incCalls = 0;
+    record_->zeroCalls = 0;
+    record_->wrongHandleCalls = 0;
+    for (auto& value : record_->values)
+      value = 0;
+  }
+
+  int Value(Counters::Enumeration counter) const { return record_->values[counter]; }
+
+  Sys::DynamicLibrary plugin_;
+  TestPerformanceRecord* record_ = nullptr;
+};
+
+TEST_F(PerformancePluginTest, AFullPluginCountsZeroesAndIsGivenBackItsInstance) {
+  Load(FullPlugin);
+  std::uint32_t handle = 0;
+  {
+    NetworkPerformanceMonitor monitor(u"Veskan Server 1", FullPlugin);
+    EXPECT_TRUE(monitor.Active());
+    EXPECT_EQ(1, record_->createCalls);
+    EXPECT_EQ(std::u16string(u"Veskan Server 1"), std::u16string(record_->instanceName));
+    handle = record_->handle;
+    EXPECT_NE(0u, handle);
+
+    monitor.Increment(Counters::RequestsReceived, 3);
+    monitor.Increment(Counters::BytesSent, 1500);
+    monitor.Increment(Counters::BytesSent, 500);
+    monitor.Increment(Counters::OpenConnections, 2);
+    monitor.Decrement(Counters::OpenConnections);
+    monitor.Increment(Counters::ProtocolViolations, -4);
+    EXPECT_EQ(3, Value(Counters::RequestsReceived));
+    EXPECT_EQ(2000, Value(Counters::BytesSent));
+    EXPECT_EQ(1, Value(Counters::OpenConnections));
+    EXPECT_EQ(-4, Value(Counters::ProtocolViolations));
+    EXPECT_EQ(6, record_->incCalls);
+
+    monitor.Reset(Counters::BytesSent);
+    EXPECT_EQ(0, Value(Counters::BytesSent));
+    EXPECT_EQ(3, Value(Counters::RequestsReceived));
+    monitor.Reset();
+    EXPECT_EQ(0, Value(Counters::RequestsReceived));
+    EXPECT_EQ(0, Value(Counters::OpenConnections));
+    EXPECT_EQ(0, Value(Counters::ProtocolViolations));
+    EXPECT_EQ(2, record_->zeroCalls);
+    EXPECT_EQ(0, record_->destroyCalls);
+  }
+  EXPECT_EQ(1, record_->destroyCalls);
+  EXPECT_EQ(handle, record_->destroyedHandle);
+  EXPECT_EQ(0u, record_->handle);
+  EXPECT_EQ(0, record_->wrongHandleCalls);
+}
+
+TEST_F(PerformancePluginTest, ANullInstanceNameIsPassedAsEmpty) {
+  Load(FullPlugin);
+  record_->instanceName[0] = u'x';
+  NetworkPerformanceMonitor monitor(nullptr, FullPlugin);
+  EXPECT_TRUE(monitor.Active());
+  EXPECT_EQ(1, record_->createCalls);
+  EXPECT_EQ(std::u16string(), std::u16string(record_->instanceName));
+}
+
+TEST_F(PerformancePluginTest, AFailedCreateLeavesTheMonitorInactive) {
+  Load(FullPlugin);
+  record_->failCreate = true;
+  {
+    NetworkPerformanceMonitor monitor(u"refused", FullPlugin);
+    EXPECT_FALSE(monitor.Active());
+    EXPECT_EQ(1, record_->createCalls);
+    monitor.Increment(Counters::RequestsReceived, 1);
+    monitor.Reset();
+  }
+  EXPECT_EQ(0, record_->incCalls);
+  EXPECT_EQ(0, record_->zeroCalls);
+  EXPECT_EQ(0, record_->destroyCalls);
+}
+
+TEST_F(PerformancePluginTest, APluginWithoutZeroStillCountsAndResetDoesNothing) {
+  Load(PluginWithoutZero);
+  {
+    NetworkPerformanceMonitor monitor(u"no zero", PluginWithoutZero);
+    EXPECT_TRUE(monitor.Active());
+    monitor.Increment(Counters::ConnectionsAccepted, 2);
+    monitor.Decrement(Counters::ConnectionsAccepted);
+    monitor.Reset(Counters::ConnectionsAccepted);
+    monitor.Reset();
+    EXPECT_EQ(1, Value(Counters::ConnectionsAccepted));
+    EXPECT_EQ(2, record_->incCalls);
+    EXPECT_EQ(0, record_->zeroCalls);
+  }
+  EXPECT_EQ(1, record_->destroyCalls);
+  EXPECT_EQ(0, record_->wrongHandleCalls);
+}
+
+TEST_F(PerformancePluginTest, WorkersMayCountAtTheSameTime) {
+  Load(FullPlugin);
+  constexpr int Threads = 4;
+  constexpr int Increments = 2000;
+  {
+    NetworkPerformanceMonitor monitor(u"shared", FullPlugin);
+    ASSERT_TRUE(monitor.Active());
+    std::vector<std::thread> workers;
+    for (int t = 0; t < Threads; ++t) {
+      workers.emplace_back([&monitor] {
+        for (int i = 0; i < Increments; ++i) {
+          monitor.Increment(Counters::BytesReceived, 2);
+          monitor.Decrement(Counters::OpenConnections);
+        }
+      });
+    }
+    for (std::thread& worker : workers)
+      worker.join();
+  }
+  EXPECT_EQ(Threads * Increments * 2, Value(Counters::BytesReceived));
+  EXPECT_EQ(-Threads * Increments, Value(Counters::OpenConnections));
+  EXPECT_EQ(0, record_->wrongHandleCalls);
+}
+
+}  // namespace
+}  // namespace Veskan

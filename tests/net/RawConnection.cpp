@@ -1,0 +1,120 @@
+#include "RawConnection.h"
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+namespace Veskan {
+namespace Testing {
+
+RawConnection::RawConnection(int port, double timeoutSeconds) {
+  fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  if (fd_ < 0) return;
+  timeval timeout{};
+  timeout.tv_sec = static_cast<time_t>(timeoutSeconds);
+  timeout.tv_usec =
+      static_cast<suseconds_t>((timeoutSeconds - static_cast<double>(timeout.tv_sec)) * 1e6);
+  ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+  ::setsockopt(fd_, SOL_SOCKET, SO_SNDTIMEO, &timeout, sizeof timeout);
+  int on = 1;
+  ::setsockopt(fd_, IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (::connect(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) Close();
+}
+
+RawConnection::~RawConnection() {
+  Close();
+}
+
+bool RawConnection::Send(const std::string& bytes) {
+  std::size_t sent = 0;
+  while (fd_ >= 0 && sent < bytes.size()) {
+    ssize_t n = ::send(fd_, bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    sent += static_cast<std::size_t>(n);
+  }
+  return fd_ >= 0;
+}
+
+bool RawConnection::Fill() {
+  if (fd_ < 0) return false;
+  char chunk[65536];
+  for (;;) {
+    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) return false;
+    buffer_.append(chunk, static_cast<std::size_t>(n));
+    return true;
+  }
+}
+
+std::string RawConnection::ReadResponse() {
+  std::size_t headersEnd;
+  while ((headersEnd = buffer_.find("\r\n\r\n")) == std::string::npos) {
+    if (!Fill()) return std::string();
+  }
+  std::string head = buffer_.substr(0, headersEnd + 4);
+  std::string length = HeaderOf(head, "Content-Length");
+  std::size_t total = headersEnd + 4 + static_cast<std::size_t>(std::atoll(length.c_str()));
+  while (buffer_.size() < total) {
+    if (!Fill()) return std::string();
+  }
+  std::string response = buffer_.substr(0, total);
+  buffer_.erase(0, total);
+  return response;
+}
+
+std::string RawConnection::ReadUntilClosed() {
+  while (Fill()) {
+  }
+  std::string all;
+  all.swap(buffer_);
+  return all;
+}
+
+bool RawConnection::WaitForClose() {
+  if (fd_ < 0) return true;
+  char chunk[65536];
+  for (;;) {
+    ssize_t n = ::recv(fd_, chunk, sizeof chunk, 0);
+    if (n < 0 && errno == EINTR) continue;
+    if (n == 0) return true;
+    if (n < 0) return errno == ECONNRESET;  // a time-out is not a close
+  }
+}
+
+void RawConnection::ShutdownSend() {
+  if (fd_ >= 0) ::shutdown(fd_, SHUT_WR);
+}
+
+void RawConnection::Close() {
+  if (fd_ >= 0) ::close(fd_);
+  fd_ = -1;
+}
+
+std::string BodyOf(const std::string& response) {
+  std::size_t end = response.find("\r\n\r\n");
+  return end == std::string::npos ? std::string() : response.substr(end + 4);
+}
+
+std::string HeaderOf(const std::string& response, const std::string& name) {
+  std::string key = "\r\n" + name + ": ";
+  std::size_t at = response.find(key);
+  if (at == std::string::npos) return std::string();
+  at += key.size();
+  return response.substr(at, response.find("\r\n", at) - at);
+}
+
+}  // namespace Testing
+}  // namespace Veskan

@@ -1,0 +1,269 @@
+// veskan-serve: a small HTTP server built with the library, for trying it out, for black-box
+// tests and for the benchmarks.
+//
+//   veskan-serve [--port N] [--root DIR] [--direct]
+//
+// Routes: /echo describes the request as the library parsed it, /files/PATH serves files under
+// the root, /hello answers "Hello, world!", /status reports the engine's counts; anything else
+// is 404. Stops on SIGINT or SIGTERM.
+#include <veskan/Body.h>
+#include <veskan/ByteBuffer.h>
+#include <veskan/Content.h>
+#include <veskan/Daemon.h>
+#include <veskan/DaemonMarshaller.h>
+#include <veskan/Globals.h>
+#include <veskan/Message.h>
+#include <veskan/Server.h>
+#include <veskan/StringBuffer.h>
+#include <veskan/XmlSchema.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <iostream>
+#include <string>
+
+namespace {
+
+using namespace Veskan;
+
+// The software service's port when none is given.
+constexpr int DefaultPort = 23456;
+
+std::atomic<bool> stopRequested{false};
+
+void RequestStop(int) {
+  stopRequested = true;
+}
+
+struct Options {
+  int port = DefaultPort;
+  std::filesystem::path root = std::filesystem::current_path();
+  bool direct = false;
+};
+
+bool ParseOptions(int argc, char** argv, Options& options) {
+  for (int i = 1; i < argc; ++i) {
+    std::string argument = argv[i];
+    bool hasValue = i + 1 < argc;
+    if (argument == "--port" && hasValue) {
+      char* end = nullptr;
+      long port = std::strtol(argv[++i], &end, 10);
+      if (*end != '\0' || port < 0 || port > 65535) return false;
+      options.port = static_cast<int>(port);
+    } else if (argument == "--root" && hasValue) {
+      options.root = argv[++i];
+    } else if (argument == "--direct") {
+      options.direct = true;
+    } else {
+      return false;
+    }
+  }
+  std::error_code error;
+  options.root = std::filesystem::canonical(options.root, error);
+  return !error;
+}
+
+// Media types of the files the server is likely to hand out.
+const char16_t* MediaTypeOf(const std::filesystem::path& file) {
+  static const struct {
+    const char* extension;
+    const char16_t* type;
+  } types[] = {
+      {".html", u"text/html"},
+      {".htm", u"text/html"},
+      {".css", u"text/css"},
+      {".js", u"application/javascript"},
+      {".json", u"application/json"},
+      {".xml", u"text/xml"},
+      {".rdf", u"application/rdf+xml"},
+      {".txt", u"text/plain"},
+      {".csv", u"text/csv"},
+      {".png", u"image/png"},
+      {".jpg", u"image/jpeg"},
+      {".jpeg", u"image/jpeg"},
+      {".gif", u"image/gif"},
+      {".svg", u"image/svg+xml"},
+      {".ico", u"image/x-icon"},
+      {".pdf", u"application/pdf"},
+  };
+  std::string extension = file.extension().string();
+  for (char& c : extension)
+    c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+  for (const auto& entry : types) {
+    if (extension == entry.extension) return entry.type;
+  }
+  return Content::Types::ApplicationOctetStream;
+}
+
+class Routes {
+ public:
+  explicit Routes(std::filesystem::path root) : root_(std::move(root)) {
+    hello_ = std::make_shared<Content>(reinterpret_cast<const unsigned char*>("Hello, world!"), 13);
+    hello_->Sealed(Content::Types::TextPlain);  // sealed once here, shared by every reply
+  }
+
+  void Answer(const std::shared_ptr<Server>& server, const std::shared_ptr<Message>& message) {
+    ++served_;
+    std::unique_lock<std::recursive_mutex> lock = message->Lock();
+    const StringBuffer& path = message->Url->Path;
+    if (path == StringBuffer(u"/hello")) {
+      Reply(*message, 200, Content::Types::TextPlain, hello_);
+    } else if (path == StringBuffer(u"/echo")) {
+      lock.unlock();
+      Echo(message);
+    } else if (path.startsWith(StringBuffer(u"/files/"))) {
+      File(*message, StringBuffer(path.tempSubString(7)));
+    } else if (path == StringBuffer(u"/status")) {
+      lock.unlock();
+      Status(server, message);
+    } else {
+      message->StatusCode = 404;
+    }
+  }
+
+ private:
+  static void Reply(Message& message, int status, const char16_t* type,
+                    const std::shared_ptr<Content>& content) {
+    message.StatusCode = status;
+    message.Reply->Headers.Add(Header(StringBuffer(u"Content-Type"), StringBuffer(type)));
+    message.Reply->Content = content;
+  }
+
+  static void RespondXml(const std::shared_ptr<Message>& message,
+                         const std::shared_ptr<XmlDocument>& document) {
+    XmlSchema::RespondWithXml(message, document);
+    auto lock = message->Lock();
+    message->StatusCode = 200;
+  }
+
+  static xercesc::DOMElement* Add(xercesc::DOMElement* parent, const char16_t* name) {
+    return XmlSchema::InsertNewElement(parent, name, nullptr);
+  }
+
+  static void AddHeaders(xercesc::DOMElement* parent, const Header::Collection& headers) {
+    for (const Header& header : headers) {
+      xercesc::DOMElement* element = Add(parent, u"header");
+      XmlSchema::SetAttribute(element, u"name", StringBuffer(header.Name).getTerminatedBuffer());
+      XmlSchema::CreateText(element, StringBuffer(header.Value).getTerminatedBuffer());
+    }
+  }
+
+  static void Echo(const std::shared_ptr<Message>& message) {
+    std::shared_ptr<XmlDocument> document = XmlSchema::NewDoc(u"<request/>");
+    xercesc::DOMElement* request = XmlSchema::DocumentElement(document);
+    {
+      auto lock = message->Lock();
+      const Url& url = *message->Url;
+      XmlSchema::SetAttribute(request, u"method", Methods::ToString(message->Method));
+      XmlSchema::SetAttribute(request, u"target", StringBuffer(url.Text).getTerminatedBuffer());
+      XmlSchema::SetAttribute(request, u"path", StringBuffer(url.Path).getTerminatedBuffer());
+      for (const Header& parameter : url.Query) {
+        xercesc::DOMElement* element = Add(request, u"query");
+        XmlSchema::SetAttribute(element, u"name",
+                                StringBuffer(parameter.Name).getTerminatedBuffer());
+        XmlSchema::CreateText(element, StringBuffer(parameter.Value).getTerminatedBuffer());
+      }
+      const Body& body = *message->Request;
+      AddHeaders(request, body.Headers);
+      for (const auto& entry : body.Cookies) {
+        const Cookie& cookie = *entry.second;
+        xercesc::DOMElement* element = Add(request, u"cookie");
+        XmlSchema::SetAttribute(element, u"name", StringBuffer(cookie.Name).getTerminatedBuffer());
+        XmlSchema::SetAttribute(element, u"max-age",
+                                FormatInteger(cookie.MaxAge).getTerminatedBuffer());
+        XmlSchema::CreateText(element, StringBuffer(cookie.Value).getTerminatedBuffer());
+      }
+      if (body.Content && body.Content->Size() > 0) {
+        xercesc::DOMElement* element = Add(request, u"content");
+        XmlSchema::SetAttribute(element, u"length",
+                                FormatInteger(body.Content->Size()).getTerminatedBuffer());
+        XmlSchema::SetAttribute(element, u"md5", MD5(*body.Content).getTerminatedBuffer());
+        XmlSchema::CreateText(element, Encode64(*body.Content).getTerminatedBuffer());
+      }
+      int index = 0;
+      for (const std::shared_ptr<Part>& part : body.Parts) {
+        xercesc::DOMElement* element = Add(request, u"part");
+        int length = part->Content ? part->Content->Size() : 0;
+        XmlSchema::SetAttribute(element, u"index", FormatInteger(index++).getTerminatedBuffer());
+        XmlSchema::SetAttribute(element, u"length", FormatInteger(length).getTerminatedBuffer());
+        if (part->Content) {
+          XmlSchema::SetAttribute(element, u"md5", MD5(*part->Content).getTerminatedBuffer());
+        }
+        AddHeaders(element, part->Headers);
+      }
+    }
+    RespondXml(message, document);
+  }
+
+  void File(Message& message, const StringBuffer& relative) {
+    std::string decoded(static_cast<const char*>(
+        UTF16to8(Url::Decode(StringBuffer(relative).getTerminatedBuffer()))));
+    std::error_code error;
+    std::filesystem::path file = std::filesystem::weakly_canonical(root_ / decoded, error);
+    // The canonical path must stay below the root: ".." and symbolic links cannot leave it.
+    auto [rootEnd, fileAt] = std::mismatch(root_.begin(), root_.end(), file.begin(), file.end());
+    (void)fileAt;
+    if (error || decoded.empty() || rootEnd != root_.end() ||
+        !std::filesystem::is_regular_file(file, error)) {
+      message.StatusCode = 404;
+      return;
+    }
+    ByteBuffer bytes = BytesFromFile(UTF8to16(file.string().c_str()).getTerminatedBuffer());
+    auto content = std::make_shared<Content>(bytes.Data(), bytes.Size());
+    Reply(message, 200, MediaTypeOf(file), content);
+  }
+
+  void Status(const std::shared_ptr<Server>& server, const std::shared_ptr<Message>& message) {
+    std::shared_ptr<XmlDocument> document = XmlSchema::NewDoc(u"<status/>");
+    xercesc::DOMElement* status = XmlSchema::DocumentElement(document);
+    XmlSchema::SetAttribute(status, u"connections",
+                            FormatInteger(server->Connections().Count()).getTerminatedBuffer());
+    XmlSchema::SetAttribute(status, u"daemons",
+                            FormatInteger(Daemon::DaemonCount()).getTerminatedBuffer());
+    XmlSchema::SetAttribute(status, u"requests",
+                            FormatInteger(static_cast<int>(served_.load())).getTerminatedBuffer());
+    XmlSchema::SetAttribute(status, u"websockets", u"0");
+    RespondXml(message, document);
+  }
+
+  std::filesystem::path root_;
+  std::shared_ptr<Content> hello_;
+  std::atomic<long long> served_{0};
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  Options options;
+  if (!ParseOptions(argc, argv, options)) {
+    std::cerr << "usage: veskan-serve [--port N] [--root DIR] [--direct]\n";
+    return 2;
+  }
+  std::signal(SIGINT, RequestStop);
+  std::signal(SIGTERM, RequestStop);
+
+  Globals globals;  // the XML engines, for /echo and /status
+  Routes routes(options.root);
+  auto server = std::make_shared<Server>(options.direct, nullptr, nullptr);
+  server->MessageReceived.connect(
+      [&routes](const std::shared_ptr<Server>& from, const std::shared_ptr<Client>&,
+                const std::shared_ptr<Message>& message, bool&) { routes.Answer(from, message); });
+
+  StringBuffer base = StringBuffer(u"http://127.0.0.1:") + FormatInteger(options.port) + u"/";
+  if (!server->Start(base.getTerminatedBuffer(), false)) {
+    std::cerr << "veskan-serve: cannot listen on port " << options.port << '\n';
+    return 1;
+  }
+  std::cout << "listening on http://127.0.0.1:" << server->Port() << "/" << std::endl;
+
+  while (!stopRequested) {
+    // In window mode the handlers run here; in direct mode this only watches for the stop.
+    DaemonMarshaller::RunEventLoopOnce();
+  }
+  server->Stop(1000);
+  Daemon::WaitForAllThreads(5);
+  return 0;
+}
