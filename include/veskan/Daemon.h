@@ -109,7 +109,8 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   void ThreadProc();
   bool IsThreadTerminationTime();
   void RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock);
-  void ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening);
+  // Accepts what is pending; false when accepting failed for another reason than none pending.
+  bool ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening);
   void FinalizeNewConnection(int socket, const StringBuffer& peerAddress, int peerPort,
                              const std::shared_ptr<Server>& server);
   void ProcessSocketReadable(const std::shared_ptr<Client>& client);

@@ -98,11 +98,13 @@ bool Exists(const StringBuffer& path) {
 
 }  // namespace
 
+// Every part starts with the default type, so the texts alias the literals instead of copying
+// them; a later change copies on write.
 MediaType::MediaType()
-    : Text(DefaultType),
-      TypeAndSubtype(DefaultType),
-      Major(u"application"),
-      Minor(u"octet-stream") {}
+    : Text(icu::UnicodeString(true, DefaultType, -1)),
+      TypeAndSubtype(icu::UnicodeString(true, DefaultType, -1)),
+      Major(icu::UnicodeString(true, u"application", -1)),
+      Minor(icu::UnicodeString(true, u"octet-stream", -1)) {}
 
 MediaType::MediaType(const char16_t* text) {
   SetTo(text);

@@ -9,6 +9,7 @@
 
 #include "net/ConnectionTransform.h"
 #include "net/EngineCounters.h"
+#include "net/EngineLog.h"
 #include "sys/Socket.h"
 
 #include <atomic>
@@ -66,8 +67,8 @@ bool Client::Connect(const char16_t* url) {
   if (State() != ClientStates::Disconnected) Abort(false);
   Url target(url);
   if (!target.HasHost || target.Scheme != Url::HttpScheme) {
-    Logger::Line(Logger::Severity::Warning, "Veskan::Client::Connect")
-        << " unsupported url: " << StringBuffer(url);
+    Detail::EngineLog(Logger::Severity::Warning, "Veskan::Client::Connect",
+                      StringBuffer(" unsupported url: ") + StringBuffer(url));
     return false;
   }
   int port = target.HasPort ? target.Port : 80;

@@ -62,7 +62,9 @@ constexpr std::int64_t NanosecondsPerSecond = 1000000000;
 // At most this many connections are accepted per readable event of a listening socket, so that
 // a flood of connections cannot starve the connections already served.
 constexpr int AcceptsPerEvent = 64;
-// Bytes received at most per readable event, to keep one busy connection from starving others.
+// How long listening sockets rest after accepting failed (out of descriptors, usually).
+constexpr std::int64_t AcceptPause = 100 * 1000000;
+// Receives at most per readable event, so that one busy connection cannot starve the others.
 constexpr int ReceivesPerEvent = 4;
 
 }  // namespace
@@ -84,6 +86,7 @@ struct Daemon::Cycle {
   std::vector<std::shared_ptr<Client>> clients;
   std::vector<int> positions;  // poller position of each client, -1 when not polled
   std::int64_t nextPass = 0;
+  std::int64_t acceptPausedUntil = 0;
 };
 
 Daemon::Daemon(const std::shared_ptr<DaemonMarshaller>& marshaller, Daemon* parent)
@@ -349,8 +352,8 @@ void Daemon::ThreadProc() {
     } catch (const std::exception& exception) {
       // Nothing may leave the worker: the cycle is abandoned and the next one starts afresh.
       if (!lock.owns_lock()) lock.lock();
-      Logger::Line(Logger::Severity::Error, "Veskan::Daemon::ThreadProc")
-          << " exception: " << exception.what();
+      Detail::EngineLog(Logger::Severity::Error, "Veskan::Daemon::ThreadProc",
+                        StringBuffer(" exception: ") + StringBuffer(exception.what()));
     }
   }
   lock.unlock();
@@ -397,6 +400,7 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
       std::lock_guard<std::recursive_mutex> serverLock(server->mutex_);
       socket = server->listeningSocket_;
     }
+    if (now < cycle.acceptPausedUntil) socket = -1;
     cycle.listening.push_back(socket);
     if (socket >= 0) cycle.poller.Add(socket, true, false);
   }
@@ -424,14 +428,16 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   int timeout = static_cast<int>((cycle.nextPass - Now()) / 1000000);
   timeout = std::max(0, std::min(timeout, 1000));
   int ready = cycle.poller.Wait(timeout);
-  ++cycles_;
 
   if (ready > 0) {
     if (cycle.poller.Readable(0)) wakeUp_->Drain();
     int position = 1;
     for (std::size_t i = 0; i < cycle.servers.size(); ++i) {
       if (cycle.listening[i] < 0) continue;
-      if (cycle.poller.Readable(position)) ProcessFirstSocket(cycle.servers[i], cycle.listening[i]);
+      if (cycle.poller.Readable(position) &&
+          !ProcessFirstSocket(cycle.servers[i], cycle.listening[i])) {
+        cycle.acceptPausedUntil = Now() + AcceptPause;
+      }
       ++position;
     }
     for (std::size_t i = 0; i < cycle.clients.size(); ++i) {
@@ -446,22 +452,26 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   cycle.clients.clear();  // ReleaseAllClients: this cycle's references go
   cycle.servers.clear();
   lock.lock();
+  ++cycles_;
+  changed_.notify_all();  // Server::Stop waits for a cycle that no longer polls its socket
 }
 
-void Daemon::ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening) {
+bool Daemon::ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening) {
   for (int accepted = 0; accepted < AcceptsPerEvent; ++accepted) {
     Sys::SocketAddress peer;
     int error = 0;
     int socket = Sys::SocketCalls::Accept(listening, peer, error);
     if (socket < 0) {
-      if (!Sys::SocketCalls::WouldBlock(error)) {
-        Logger::Line(Logger::Severity::Warning, "Veskan::Daemon::ProcessFirstSocket")
-            << " accept_errno: " << error;
-      }
-      return;
+      if (Sys::SocketCalls::WouldBlock(error)) return true;
+      // Out of descriptors, typically: the pending connection stays queued and the socket
+      // readable, so the caller pauses accepting instead of spinning on it.
+      Detail::EngineLog(Logger::Severity::Warning, "Veskan::Daemon::ProcessFirstSocket",
+                        StringBuffer(" accept_errno: ") + FormatInteger(error));
+      return false;
     }
     FinalizeNewConnection(socket, UTF8to16(peer.DottedAddress().c_str()), peer.port, server);
   }
+  return true;
 }
 
 void Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress, int peerPort,
@@ -479,8 +489,8 @@ void Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress, 
     client->parse_->MaxBodySize = server->MaxBodySize();
     client->lastActivitySeconds_ = Now() / NanosecondsPerSecond;
     if (!chosen->Include(client)) {  // cannot happen under the ring lock; the socket goes
-      Logger::Line(Logger::Severity::Error, "Veskan::Daemon::AbortConnection")
-          << " socket: " << socket;
+      Detail::EngineLog(Logger::Severity::Error, "Veskan::Daemon::AbortConnection",
+                        StringBuffer(" socket: ") + FormatInteger(socket));
       return;  // the client's destructor closes the socket
     }
     chosen->Start();

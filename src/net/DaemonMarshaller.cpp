@@ -332,6 +332,7 @@ void DaemonMarshaller::Marshal_VoidPointer(VoidPointerSignal& signal, void* poin
 
 void DaemonMarshaller::Deliver(Message::Signal& signal,
                                const std::shared_ptr<Veskan::Message>& message) {
+  if (signal.empty()) return;  // nobody listens: no hand-over to the owner thread
   Marshal_Message(signal, message);
 }
 

@@ -1,6 +1,8 @@
 // Formatting of replies and requests into the bytes a connection sends.
 #include "net/ReplyWriter.h"
 
+#include "net/HttpText.h"
+
 #include <veskan/Body.h>
 #include <veskan/Content.h>
 #include <veskan/Cookie.h>
@@ -8,8 +10,6 @@
 #include <veskan/StringBuffer.h>
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
-
-#include <unicode/uchar.h>
 
 #include <charconv>
 #include <cstring>
@@ -59,14 +59,20 @@ void AppendHeader(std::vector<char>& out, const Header& header) {
 }
 
 bool IsNamed(const Header& header, const char16_t* name) {
-  return header.Name.caseCompare(icu::UnicodeString(true, name, -1), U_FOLD_CASE_DEFAULT) == 0;
+  return EqualsIgnoringAsciiCase(header.Name, name);
 }
 
 // Headers, cookies as `cookieHeader` lines, the length and the body of `body`.
 void AppendEntity(std::vector<char>& out, Body& body, const char16_t* cookieHeader,
                   const char* connection, bool alwaysLength) {
-  body.FormatMultipartMessage();
   const Content* content = body.Content.get();
+  // Joining parts, guessing a type and sealing are needed unless a sealed content already has its
+  // type, as in replies that share one prepared content.
+  if (body.Parts.Count() > 0 || content == nullptr || !content->IsSealed ||
+      !body.Headers.Contains(Header::ContentType)) {
+    body.FormatMultipartMessage();
+    content = body.Content.get();
+  }
   int length = content != nullptr ? content->Size() : 0;
   for (const Header& header : body.Headers) {
     if (IsNamed(header, u"Content-Length") || (connection && IsNamed(header, u"Connection"))) {

@@ -86,7 +86,7 @@ void Server::Stop(int graceMilliseconds) {
     }
     daemon->Exclude(this);
     Daemon::BlockUntil(
-        [&daemon, cycle] { return daemon->cycles_ > cycle + 1 || daemon->ended_ ? 1 : 0; }, 2.0,
+        [&daemon, cycle] { return daemon->cycles_ > cycle || daemon->ended_ ? 1 : 0; }, 2.0,
         daemon->mutex_, daemon->changed_);
   }
   if (socket >= 0) Sys::SocketCalls::Close(socket);

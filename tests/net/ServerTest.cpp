@@ -449,6 +449,38 @@ TEST_F(ServerTest, BadClientsLoseOnlyTheirOwnConnection) {
       << "only the bystander's requests reached the host";
 }
 
+// The virtual size of this process in KiB: an allocation of a declared length would show here
+// even while its pages are untouched.
+long VirtualSizeKiB() {
+  FILE* status = std::fopen("/proc/self/status", "r");
+  if (status == nullptr) return -1;
+  char line[256];
+  long size = -1;
+  while (std::fgets(line, sizeof line, status) != nullptr) {
+    if (std::sscanf(line, "VmSize: %ld kB", &size) == 1) break;
+  }
+  std::fclose(status);
+  return size;
+}
+
+TEST_F(ServerTest, MemoryFollowsTheBytesThatArriveNotTheDeclaredLength) {
+  StartServer();
+  server_->SetMaxBodySize(2000000000);
+  long before = VirtualSizeKiB();
+  ASSERT_GT(before, 0);
+  std::vector<std::unique_ptr<RawConnection>> liars;
+  for (int i = 0; i < 8; ++i) {
+    liars.push_back(std::make_unique<RawConnection>(port_));
+    ASSERT_TRUE(liars.back()->Send("POST /big HTTP/1.1\r\nContent-Length: 2000000000\r\n\r\nabc"));
+  }
+  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.declaredLengths.size() == 8; }));
+  RawConnection bystander(port_);
+  ASSERT_TRUE(bystander.Send(Get("/small")));
+  EXPECT_EQ("GET /small|", BodyOf(bystander.ReadResponse()));
+  EXPECT_EQ(2000000000, seen_.declaredLengths[0]);
+  EXPECT_LT(VirtualSizeKiB() - before, 256 * 1024) << "8 bodies of 2 GB were not allocated";
+}
+
 TEST_F(ServerTest, OutgoingConnectionSendsARequestAndReadsTheReply) {
   StartServer();
   auto client = std::make_shared<Client>(true, nullptr, nullptr);

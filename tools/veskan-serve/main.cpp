@@ -17,6 +17,8 @@
 #include <veskan/StringBuffer.h>
 #include <veskan/XmlSchema.h>
 
+#include <sys/resource.h>
+
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -241,6 +243,13 @@ int main(int argc, char** argv) {
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: veskan-serve [--port N] [--root DIR] [--direct]\n";
     return 2;
+  }
+  // Every connection is a descriptor: a school's worth of browsers needs more than the usual
+  // soft limit of 1024.
+  rlimit files{};
+  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
+    files.rlim_cur = files.rlim_max;
+    setrlimit(RLIMIT_NOFILE, &files);
   }
   std::signal(SIGINT, RequestStop);
   std::signal(SIGTERM, RequestStop);
