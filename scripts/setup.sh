@@ -15,6 +15,8 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev libfuzzer-14-dev clang-format
   # load tests and browser tests
   wrk curl
+  # peer servers for the HTTP benchmark (bench/http)
+  libmicrohttpd-dev libpoco-dev nginx
 )
 
 missing=()

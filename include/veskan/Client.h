@@ -138,6 +138,7 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   ClientStates::Enumeration state_ = ClientStates::Disconnected;
   mutable std::recursive_mutex mutex_;
   std::condition_variable_any changed_;
+  const bool serverSide_;  // accepted by a server, rather than opened by the host
   std::weak_ptr<Server> server_;
   std::shared_ptr<Daemon> daemon_;
   std::shared_ptr<DaemonMarshaller> marshaller_;
@@ -227,6 +228,8 @@ class VESKAN_API Client::ParseData {
   // offset in ContentBuffer up to which parts have been split off.
   std::string Delimiter;
   int MultipartScan = 0;
+  // Where the search for the end of the current part resumes.
+  int MultipartSearched = 0;
   // Whether the connection stays open after the current message.
   bool KeepAlive = false;
 };

@@ -38,6 +38,7 @@ StringBuffer HostHeaderFor(const Url& url) {
 
 Client::Client(bool direct, const char16_t* key, const char16_t* certificate)
     : id_(nextClientId++),
+      serverSide_(false),
       marshaller_(std::make_shared<DaemonMarshaller>(direct)),
       parse_(std::make_unique<ParseData>()) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Client")
@@ -49,6 +50,7 @@ Client::Client(int socket, const std::shared_ptr<Server>& server,
     : id_(nextClientId++),
       socket_(socket),
       state_(ClientStates::Connected),
+      serverSide_(true),
       server_(server),
       daemon_(daemon),
       marshaller_(server->marshaller_),
@@ -224,8 +226,7 @@ bool Client::Send(const std::shared_ptr<Message>& message) {
                                               ReadyStates::Uninitialized, messageLock);
     return false;
   }
-  bool serverSide = !server_.expired();
-  if (serverSide) {
+  if (serverSide_) {
     messageLock.unlock();
     bool found = false;
     for (Exchange& exchange : exchanges_) {
@@ -314,7 +315,7 @@ void Client::SetState(ClientStates::Enumeration state) {
 std::vector<std::shared_ptr<Message>> Client::TakeUnfinished() {
   std::vector<std::shared_ptr<Message>> unfinished;
   for (Exchange& exchange : exchanges_) {
-    if (server_.expired()) unfinished.push_back(exchange.message);  // unsent requests
+    if (!serverSide_) unfinished.push_back(exchange.message);  // unsent requests
   }
   for (std::shared_ptr<Message>& message : inFlight_)
     unfinished.push_back(message);

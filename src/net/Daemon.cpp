@@ -520,6 +520,7 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     client->lastActivityNanoseconds_ = now % NanosecondsPerSecond;
 
     Client::ParseData& parse = *client->parse_;
+    if (parse.ReadBuffer.Size() == 0) parse.ReadBuffer.Resize(parse.ChunkSize);  // see below
     if (parse.ReadPosition == parse.WritePosition) {
       parse.ReadPosition = parse.WritePosition = 0;
     } else if (parse.ReadPosition > 0) {
@@ -617,20 +618,36 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
 bool Daemon::ProcessIn(const std::shared_ptr<Client>& client,
                        std::unique_lock<std::recursive_mutex>& lock, bool final) {
   std::shared_ptr<Server> server = client->server_.lock();
-  bool serverSide = !client->server_.expired() || server;
+  bool serverSide = client->serverSide_;
   Client::ParseData& parse = *client->parse_;
-  if (!serverSide && !client->message_ && !client->inFlight_.empty()) {
-    client->message_ = client->inFlight_.front();
-  }
   std::vector<Detail::ReaderEvent> events;
-  Detail::ReadOutcome outcome =
-      Detail::RequestReader::Read(parse, client->message_, serverSide, final, events);
-  for (const Detail::ReaderEvent& event : events) {
-    if (event.What != Detail::ReaderEvent::Kind::MessageComplete) continue;
-    if (serverSide) {
-      client->exchanges_.push_back(Client::Exchange{event.Subject, event.KeepAlive, false});
-    } else if (!client->inFlight_.empty()) {
-      client->inFlight_.pop_front();
+  Detail::ReadOutcome outcome;
+  for (;;) {
+    // An outgoing connection's replies fill its requests in the order they were written.
+    if (!serverSide && !client->message_ && !client->inFlight_.empty()) {
+      client->message_ = client->inFlight_.front();
+    }
+    std::size_t first = events.size();
+    outcome = Detail::RequestReader::Read(parse, client->message_, serverSide, final, events);
+    bool completed = false;
+    for (std::size_t i = first; i < events.size(); ++i) {
+      const Detail::ReaderEvent& event = events[i];
+      if (event.What == Detail::ReaderEvent::Kind::ContinueExpected &&
+          client->exchanges_.empty()) {  // with replies outstanding it would come too early
+        static const char interim[] = "HTTP/1.1 100 Continue\r\n\r\n";
+        client->out_.insert(client->out_.end(), interim, interim + sizeof interim - 1);
+      }
+      if (event.What != Detail::ReaderEvent::Kind::MessageComplete) continue;
+      completed = true;
+      if (serverSide) {
+        client->exchanges_.push_back(Client::Exchange{event.Subject, event.KeepAlive, false});
+      } else if (!client->inFlight_.empty()) {
+        client->inFlight_.pop_front();
+      }
+    }
+    if (serverSide || !completed || outcome != Detail::ReadOutcome::NeedMore ||
+        parse.ReadPosition == parse.WritePosition) {
+      break;
     }
   }
   if (outcome == Detail::ReadOutcome::Stop) client->readStopped_ = true;
@@ -649,6 +666,8 @@ bool Daemon::ProcessIn(const std::shared_ptr<Client>& client,
           marshaller.Marshal_ClientMessagePartInt(client->HeadersComplete, client, event.Subject,
                                                   nullptr, event.Value);
         }
+        break;
+      case Detail::ReaderEvent::Kind::ContinueExpected:
         break;
       case Detail::ReaderEvent::Kind::PartComplete:
         Detail::CountEvent(Counters::PartsReceived, 1);
@@ -733,7 +752,7 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   if (client->closing_ || client->socket_ < 0 || client->state_ == ClientStates::Connecting) {
     return true;
   }
-  bool serverSide = !client->server_.expired();
+  bool serverSide = client->serverSide_;
   std::vector<std::shared_ptr<Message>> requestsWritten;
   while (!client->exchanges_.empty() && client->exchanges_.front().answered &&
          !client->closeAfterWrite_) {
@@ -829,6 +848,14 @@ void Daemon::ProcessAllClients() {
     bool idle = idleLimit > 0 && now - client->lastActivitySeconds_ >= idleLimit &&
                 client->exchanges_.empty() && client->out_.empty();
     bool connectExpired = state == ClientStates::Connecting && --client->connectTimeout_ <= 0;
+    // A connection quiet for a second gives its read buffer back until bytes arrive again, so
+    // that thousands of idle keep-alive connections cost little memory.
+    Client::ParseData& parse = *client->parse_;
+    if (now - client->lastActivitySeconds_ >= 1 && parse.ReadPosition == parse.WritePosition &&
+        parse.State == Client::ParseData::States::Waiting && parse.ReadBuffer.Size() > 0) {
+      parse.ReadBuffer.Resize(0);
+      parse.ReadPosition = parse.WritePosition = 0;
+    }
     lock.unlock();
     switch (state) {
       case ClientStates::Connected:

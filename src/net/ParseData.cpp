@@ -41,6 +41,7 @@ void Client::ParseData::ResetAll() {
   ChunkRemaining = 0;
   Delimiter.clear();
   MultipartScan = 0;
+  MultipartSearched = 0;
   KeepAlive = false;
   ContentBuffer.Resize(0);
   State = States::Waiting;

@@ -2,13 +2,13 @@
 // multipart splitting, over the unread bytes of a connection's parse state.
 #include "net/RequestReader.h"
 
+#include "net/HttpText.h"
+
 #include <veskan/Body.h>
 #include <veskan/Content.h>
 #include <veskan/Header.h>
 #include <veskan/Logger.h>
 #include <veskan/StringBuffer.h>
-
-#include <unicode/uchar.h>
 
 #include <algorithm>
 #include <cstring>
@@ -79,7 +79,37 @@ bool StartsWith(const char* data, int length, const char* prefix, int prefixLeng
 }
 
 bool EqualsIgnoringCase(const StringBuffer& text, const char16_t* other) {
-  return text.caseCompare(icu::UnicodeString(true, other, -1), U_FOLD_CASE_DEFAULT) == 0;
+  return EqualsIgnoringAsciiCase(text, other);
+}
+
+// True when the last transfer coding of `codings` is "chunked".
+bool EndsWithChunked(const StringBuffer& codings) {
+  int end = codings.length();
+  while (end > 0 && (codings.charAt(end - 1) == u' ' || codings.charAt(end - 1) == u'\t'))
+    --end;
+  int start = end;
+  while (start > 0 && codings.charAt(start - 1) != u',' && codings.charAt(start - 1) != u' ') {
+    --start;
+  }
+  return EqualsIgnoringAsciiCase(StringBuffer(codings.tempSubString(start, end - start)),
+                                 u"chunked");
+}
+
+bool IsBlank(char c) {
+  return c == ' ' || c == '\t';
+}
+
+// The UTF-16 text of `length` UTF-8 bytes; the usual all-ASCII text is widened directly.
+StringBuffer TextOf(const char* data, int length) {
+  for (int i = 0; i < length; ++i) {
+    if (static_cast<unsigned char>(data[i]) >= 0x80) return UTF8to16(data, 0, length);
+  }
+  StringBuffer text;
+  char16_t* units = text.getBuffer(length);
+  for (int i = 0; i < length; ++i)
+    units[i] = static_cast<char16_t>(data[i]);
+  text.releaseBuffer(length);
+  return text;
 }
 
 std::shared_ptr<Body>& BodyOf(const std::shared_ptr<Message>& message, bool serverSide) {
@@ -103,9 +133,15 @@ bool ParseLength(const StringBuffer& text, int limit, int& length) {
 // The multipart delimiter of a "multipart/...; boundary=..." type (RFC 2046 section 5.1.1), or
 // an empty text.
 std::string MultipartDelimiter(const StringBuffer& contentType) {
-  if (!contentType.startsWith(icu::UnicodeString(u"multipart/"))) return std::string();
-  int at = contentType.indexOf(u"boundary=");
-  if (at < 0) return std::string();
+  // Type and parameter names compare without regard to case (RFC 2045 section 5.1).
+  std::u16string lower(contentType.getBuffer(), static_cast<std::size_t>(contentType.length()));
+  for (char16_t& unit : lower) {
+    if (unit >= u'A' && unit <= u'Z') unit = static_cast<char16_t>(unit + 32);
+  }
+  if (lower.compare(0, 10, u"multipart/") != 0) return std::string();
+  std::size_t found = lower.find(u"boundary=");
+  if (found == std::u16string::npos) return std::string();
+  int at = static_cast<int>(found);
   StringBuffer boundary(contentType.tempSubString(at + 9));
   int end = boundary.indexOf(u';');
   if (end >= 0) boundary.truncate(end);
@@ -212,7 +248,7 @@ class Reader {
         continue;
       }
       int targetLength = length - form.prefixLength - HttpSuffixLength;
-      StringBuffer target = UTF8to16(line, form.prefixLength, targetLength);
+      StringBuffer target = TextOf(line + form.prefixLength, targetLength);
       current_ = Message::New();
       current_->Open(form.method, target);
       Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessIn")
@@ -252,52 +288,136 @@ class Reader {
     const char* colon = static_cast<const char*>(std::memchr(unread.data, ':', length));
     if (colon == nullptr || colon == unread.data) return Step::Violation;
     int nameLength = static_cast<int>(colon - unread.data);
-    StringBuffer name = UTF8to16(unread.data, 0, nameLength);
-    StringBuffer value = UTF8to16(unread.data, nameLength + 1, length - nameLength - 1);
-    value.trim();
+    // Optional white space around the value is not part of it (RFC 7230 section 3.2.3).
+    int valueStart = nameLength + 1;
+    int valueEnd = length;
+    while (valueStart < valueEnd && IsBlank(unread.data[valueStart]))
+      ++valueStart;
+    while (valueEnd > valueStart && IsBlank(unread.data[valueEnd - 1]))
+      --valueEnd;
+    StringBuffer name = TextOf(unread.data, nameLength);
+    StringBuffer value = TextOf(unread.data + valueStart, valueEnd - valueStart);
     auto lock = current_->Lock();
     BodyOf(current_, serverSide_)->Headers.Add(Header(std::move(name), std::move(value)));
     return Step::Continue;
   }
 
+  // The header fields that frame the message, found in one pass; names compare without regard
+  // to case (RFC 7230 section 3.2).
+  struct Framing {
+    const Header* connection = nullptr;
+    const Header* upgrade = nullptr;
+    const Header* contentLength = nullptr;
+    const Header* transferEncoding = nullptr;
+    const Header* contentType = nullptr;
+    const Header* expect = nullptr;
+    bool cookies = false;
+    bool conflictingLengths = false;
+  };
+
+  static Framing FindFraming(const Header::Collection& headers) {
+    Framing framing;
+    for (const Header& header : headers) {
+      switch (header.Name.length()) {
+        case 6:
+          framing.cookies = framing.cookies || EqualsIgnoringCase(header.Name, u"Cookie");
+          if (EqualsIgnoringCase(header.Name, u"Expect")) framing.expect = &header;
+          break;
+        case 7:
+          if (EqualsIgnoringCase(header.Name, u"Upgrade")) framing.upgrade = &header;
+          break;
+        case 10:
+          if (EqualsIgnoringCase(header.Name, u"Connection")) framing.connection = &header;
+          framing.cookies = framing.cookies || EqualsIgnoringCase(header.Name, u"Set-Cookie");
+          break;
+        case 12:
+          if (EqualsIgnoringCase(header.Name, u"Content-Type") && !framing.contentType) {
+            framing.contentType = &header;
+          }
+          break;
+        case 14:
+          if (EqualsIgnoringCase(header.Name, u"Content-Length")) {
+            // Two different lengths leave the message's end in doubt (RFC 7230 section 3.3.2).
+            if (framing.contentLength && framing.contentLength->Value != header.Value) {
+              framing.conflictingLengths = true;
+            }
+            framing.contentLength = &header;
+          }
+          break;
+        case 17:
+          if (EqualsIgnoringCase(header.Name, u"Transfer-Encoding")) {
+            framing.transferEncoding = &header;
+          }
+          break;
+        default:
+          break;
+      }
+    }
+    return framing;
+  }
+
   Step HeadersComplete() {
     auto lock = current_->Lock();
     std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
-    Header::Collection& headers = body->Headers;
-    const Header::Collection& constHeaders = headers;
+    Framing framing = FindFraming(body->Headers);
+    if (framing.cookies) {
+      // Reading the cookies removes their headers, which moves the others: find them again.
+      body->Cookies.Read(body->Headers);
+      framing = FindFraming(body->Headers);
+    }
+    if (framing.conflictingLengths) return Step::Violation;
 
-    bool hasConnection = constHeaders.Contains(u"Connection");
-    parse_.KeepAlive = hasConnection && !EqualsIgnoringCase(constHeaders[u"Connection"], u"close");
-    body->Cookies.Read(headers);
+    parse_.KeepAlive =
+        framing.connection != nullptr && !EqualsIgnoringCase(framing.connection->Value, u"close");
 
-    bool upgrade = EqualsIgnoringCase(constHeaders[u"Upgrade"], u"websocket");
-    bool hasLength = constHeaders.Contains(u"Content-Length");
-    if (constHeaders.Contains(u"Transfer-Encoding") && !upgrade) {
+    if (!serverSide_ && current_->StatusCode / 100 == 1 && current_->StatusCode != 101) {
+      // An interim reply ("100 Continue"): the final one follows (RFC 7231 section 6.2).
+      current_->Reply = std::make_shared<Body>();
+      parse_.HeaderBytes = 0;
+      parse_.State = States::Waiting;
+      return Step::Continue;
+    }
+    bool upgrade = framing.upgrade && EqualsIgnoringCase(framing.upgrade->Value, u"websocket");
+    bool continueExpected =
+        serverSide_ && framing.expect && EqualsIgnoringCase(framing.expect->Value, u"100-continue");
+    // Chunked or not, a multipart body is split into parts as it arrives.
+    if (framing.contentType) parse_.Delimiter = MultipartDelimiter(framing.contentType->Value);
+    if (framing.transferEncoding && !upgrade) {
       // A message with both is how request smuggling starts (RFC 7230 section 3.3.3).
-      if (hasLength) return Step::Violation;
+      if (framing.contentLength) return Step::Violation;
+      // Only a chunked body can be delimited here; other codings end at the close, which a
+      // request cannot use (RFC 7230 section 3.3.3).
+      if (!EndsWithChunked(framing.transferEncoding->Value)) return Step::Violation;
       parse_.Chunked = true;
       parse_.ContentLength = -1;
       parse_.State = States::ReadingChunkSize;
       lock.unlock();
       events_.push_back(
           ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, -1, false});
+      if (continueExpected) {
+        events_.push_back(
+            ReaderEvent{ReaderEvent::Kind::ContinueExpected, current_, nullptr, -1, false});
+      }
       return Step::Continue;
     }
 
     int length = 0;
-    if (hasLength) {
-      if (!ParseLength(constHeaders[u"Content-Length"], parse_.MaxBodySize, length)) {
+    if (framing.contentLength) {
+      if (!ParseLength(framing.contentLength->Value, parse_.MaxBodySize, length)) {
         return Step::Violation;
       }
     } else if (!serverSide_ && DelimitedByClose(current_->StatusCode)) {
       length = -1;
     }
     parse_.ContentLength = length;
-    parse_.Delimiter = MultipartDelimiter(constHeaders[u"Content-Type"]);
     lock.unlock();
     events_.push_back(
         ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, length, false});
     if (length == 0) return CompleteMessage();
+    if (continueExpected && parse_.WritePosition == parse_.ReadPosition) {
+      events_.push_back(
+          ReaderEvent{ReaderEvent::Kind::ContinueExpected, current_, nullptr, length, false});
+    }
     parse_.State = States::ReadingContent;
     return Step::Continue;
   }
@@ -398,7 +518,10 @@ class Reader {
     for (;;) {
       int start = parse_.MultipartScan;
       const char* first = Find(content + start, size - start, delimiter);
-      if (first == nullptr) return;
+      if (first == nullptr) {  // a preamble: what cannot hold the delimiter's start is skipped
+        parse_.MultipartScan = std::max(start, size - static_cast<int>(delimiter.size()) + 1);
+        return;
+      }
       int afterFirst = static_cast<int>(first - content) + static_cast<int>(delimiter.size());
       if (afterFirst + 2 > size) return;
       if (content[afterFirst] == '-' && content[afterFirst + 1] == '-') {  // the close delimiter
@@ -411,11 +534,17 @@ class Reader {
       if (lineEnd == nullptr) return;
       int partStart = static_cast<int>(lineEnd - content) + 1;
       std::string next = "\r\n" + delimiter;
-      const char* second = Find(content + partStart, size - partStart, next);
-      if (second == nullptr) return;
+      // Bytes searched before are not searched again, so that a large part costs linear time.
+      int from = std::max(partStart, parse_.MultipartSearched);
+      const char* second = Find(content + from, size - from, next);
+      if (second == nullptr) {
+        parse_.MultipartSearched = std::max(partStart, size - static_cast<int>(next.size()) + 1);
+        return;
+      }
       int partEnd = static_cast<int>(second - content);
       DeliverPart(partStart, partEnd);
       parse_.MultipartScan = partEnd + 2;
+      parse_.MultipartSearched = 0;
     }
   }
 
@@ -464,8 +593,12 @@ class Reader {
     parse_.ChunkRemaining = 0;
     parse_.Delimiter.clear();
     parse_.MultipartScan = 0;
+    parse_.MultipartSearched = 0;
     parse_.State = States::Waiting;
     if (serverSide_ && !keepAlive) return Step::Stop;
+    // A reply answers the request in flight: the caller hands over the next request before the
+    // next reply is read.
+    if (!serverSide_) return Step::Wait;
     return Step::Continue;
   }
 

@@ -16,9 +16,10 @@ namespace Detail {
 // Something the host must hear about, in the order it happened.
 struct ReaderEvent {
   enum class Kind {
-    HeadersComplete,  // Value: the declared content length (-1: until the peer closes)
-    PartComplete,     // Part and its index in Value
-    MessageComplete,  // the message is ready to be announced Loaded
+    HeadersComplete,   // Value: the declared content length (-1: until the peer closes)
+    PartComplete,      // Part and its index in Value
+    MessageComplete,   // the message is ready to be announced Loaded
+    ContinueExpected,  // the client waits for "100 Continue" before sending the body
   };
   Kind What;
   std::shared_ptr<Message> Subject;
@@ -46,7 +47,9 @@ class RequestReader {
   // Server side (`serverSide`): each start line "METHOD target HTTP/1.1" opens a new Message in
   // `current`; its headers, cookies and body go into the message's Request. Client side: the
   // start line must be "HTTP/1.1 NNN reason" and `current` is the request in flight, whose
-  // StatusCode and Reply are filled. `final`: the peer has closed, so a body delimited by closing
+  // StatusCode and Reply are filled; the reader returns NeedMore after each complete reply, so
+  // that the caller hands over the next request in flight and reads again when unread bytes
+  // remain. `final`: the peer has closed, so a body delimited by closing
   // is complete. Appends events to `events`; consumed bytes advance parse.ReadPosition.
   // The message is left in `current` until its MessageComplete event; after it `current` is null.
   static ReadOutcome Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
