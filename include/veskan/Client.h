@@ -90,22 +90,30 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // A number unique in the process, for logs and maps.
   std::uint64_t Id() const { return id_; }
 
+ private:
+  // The seven signals, taken from and given back to a pool; declared here because the signal
+  // references below are bound to them.
+  struct Signals;
+  static void GiveBack(Signals* signals);
+  std::unique_ptr<Signals, void (*)(Signals*)> signals_;
+
+ public:
   // Signals (the marshaller kind in brackets).
   // The connection state changed [2].
-  DaemonMarshaller::ClientSignal StateChanged;
+  DaemonMarshaller::ClientSignal& StateChanged;
   // Once a second while the connection is open [2].
-  DaemonMarshaller::ClientSignal Tick;
+  DaemonMarshaller::ClientSignal& Tick;
   // An outgoing connection's reply headers are complete: part null, the declared length [11].
-  DaemonMarshaller::ClientMessagePartIntSignal HeadersComplete;
+  DaemonMarshaller::ClientMessagePartIntSignal& HeadersComplete;
   // A part of a multipart reply is complete; the int is its index [11].
-  DaemonMarshaller::ClientMessagePartIntSignal PartReceived;
+  DaemonMarshaller::ClientMessagePartIntSignal& PartReceived;
   // An outgoing connection's reply is complete (ready state Loaded) [3].
-  DaemonMarshaller::ClientMessageSignal MessageReceived;
+  DaemonMarshaller::ClientMessageSignal& MessageReceived;
   // A message has been written completely [3].
-  DaemonMarshaller::ClientMessageSignal MessageSent;
+  DaemonMarshaller::ClientMessageSignal& MessageSent;
   // The connection was closed: the close reason's text and a detail (may be empty); the message
   // is the one in progress, or null [4].
-  DaemonMarshaller::ClientMessageStringBufferStringBufferSignal Closed;
+  DaemonMarshaller::ClientMessageStringBufferStringBufferSignal& Closed;
 
  private:
   friend class Daemon;
@@ -113,6 +121,9 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
 
   // A server-side connection for an accepted socket, Connected.
   Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon);
+  // What both kinds share: server-side when `server` is given.
+  Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon,
+         const std::shared_ptr<DaemonMarshaller>& marshaller);
 
   // A message of this connection on its way: a received request awaiting its reply (server
   // side), or a request to write (outgoing).

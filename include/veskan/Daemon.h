@@ -12,6 +12,7 @@
 #include <veskan/Vocabulary.h>
 
 #include <array>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -111,8 +112,10 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   void RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock);
   // Accepts what is pending; false when accepting failed for another reason than none pending.
   bool ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening);
-  void FinalizeNewConnection(int socket, const StringBuffer& peerAddress, int peerPort,
-                             const std::shared_ptr<Server>& server);
+  // Makes the connection of an accepted socket and places it on a daemon; null on failure.
+  std::shared_ptr<Client> FinalizeNewConnection(int socket, const StringBuffer& peerAddress,
+                                                int peerPort,
+                                                const std::shared_ptr<Server>& server);
   void ProcessSocketReadable(const std::shared_ptr<Client>& client);
   void ProcessSocketWritable(const std::shared_ptr<Client>& client);
   void HandleConnectingClient(const std::shared_ptr<Client>& client, int error);
@@ -137,6 +140,7 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   mutable std::recursive_mutex mutex_;
   std::condition_variable_any changed_;
   std::thread thread_;
+  std::atomic<std::thread::id> worker_{};  // the worker thread, once it runs
   std::unique_ptr<Sys::WakeUp> wakeUp_;
   std::vector<std::shared_ptr<Client>> deferred_;
   bool started_ = false;

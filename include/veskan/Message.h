@@ -90,6 +90,14 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   }
   std::recursive_mutex& Mutex() const { return mutex_; }
 
+ private:
+  // The two signals, taken from and given back to a pool; declared here because the signal
+  // references below are bound to them.
+  struct Signals;
+  static void GiveBack(Signals* signals);
+  std::unique_ptr<Signals, void (*)(Signals*)> signals_;
+
+ public:
   const Methods::Enumeration& Method;
   const std::shared_ptr<Veskan::Url>& Url;
   std::shared_ptr<Body>& Request;
@@ -122,8 +130,6 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   std::shared_ptr<Body> reply_;
   ReadyStates::Enumeration readyState_ = ReadyStates::Uninitialized;
   std::deque<ReadyStates::Enumeration> pending_;  // front: the state being delivered
-  Signal readyStateChanged_;
-  Signal connectionEvent_;
   mutable std::recursive_mutex mutex_;
   mutable std::condition_variable_any wakeUp_;
   bool resendRequested_ = false;

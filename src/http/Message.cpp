@@ -3,6 +3,8 @@
 
 #include <veskan/Logger.h>
 
+#include "http/SignalPool.h"
+
 #include <chrono>
 #include <exception>
 
@@ -21,8 +23,22 @@ bool IsSuccessCode(int statusCode) {
 
 ReadyStateDelivery::~ReadyStateDelivery() = default;
 
+struct Message::Signals {
+  Signal readyStateChanged;
+  Signal connectionEvent;
+  void DisconnectAll() {
+    readyStateChanged.disconnect_all_slots();
+    connectionEvent.disconnect_all_slots();
+  }
+};
+
+void Message::GiveBack(Signals* signals) {
+  Detail::SignalPool<Signals>::Give(signals);
+}
+
 Message::Message()
-    : Method(method_),
+    : signals_(Detail::SignalPool<Signals>::Take(), &Message::GiveBack),
+      Method(method_),
       Url(url_),
       Request(request_),
       StatusCode(statusCode_),
@@ -31,8 +47,8 @@ Message::Message()
       Reply(reply_),
       ReadyState(readyState_),
       ResendRequested(resendRequested_),
-      ReadyStateChanged(readyStateChanged_),
-      ConnectionEvent(connectionEvent_) {}
+      ReadyStateChanged(signals_->readyStateChanged),
+      ConnectionEvent(signals_->connectionEvent) {}
 
 Message::~Message() = default;
 
@@ -117,9 +133,9 @@ ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, dou
 void Message::Deliver(ReadyStateDelivery* marshaller, const std::shared_ptr<Message>& message) {
   try {
     if (marshaller != nullptr) {
-      marshaller->Deliver(message->readyStateChanged_, message);
+      marshaller->Deliver(message->signals_->readyStateChanged, message);
     } else {
-      message->readyStateChanged_(message);
+      message->signals_->readyStateChanged(message);
     }
   } catch (const std::exception& error) {
     Logger::Line(Logger::Severity::Error, "Veskan::Message::UnlockAndNotifyReadyStateChanged")

@@ -7,6 +7,7 @@
 #include <veskan/Server.h>
 #include <veskan/Url.h>
 
+#include "http/SignalPool.h"
 #include "net/ConnectionTransform.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
@@ -36,28 +37,61 @@ StringBuffer HostHeaderFor(const Url& url) {
 
 }  // namespace
 
+struct Client::Signals {
+  DaemonMarshaller::ClientSignal stateChanged;
+  DaemonMarshaller::ClientSignal tick;
+  DaemonMarshaller::ClientMessagePartIntSignal headersComplete;
+  DaemonMarshaller::ClientMessagePartIntSignal partReceived;
+  DaemonMarshaller::ClientMessageSignal messageReceived;
+  DaemonMarshaller::ClientMessageSignal messageSent;
+  DaemonMarshaller::ClientMessageStringBufferStringBufferSignal closed;
+  void DisconnectAll() {
+    stateChanged.disconnect_all_slots();
+    tick.disconnect_all_slots();
+    headersComplete.disconnect_all_slots();
+    partReceived.disconnect_all_slots();
+    messageReceived.disconnect_all_slots();
+    messageSent.disconnect_all_slots();
+    closed.disconnect_all_slots();
+  }
+};
+
+void Client::GiveBack(Signals* signals) {
+  Detail::SignalPool<Signals>::Give(signals);
+}
+
 Client::Client(bool direct, const char16_t* key, const char16_t* certificate)
-    : id_(nextClientId++),
-      serverSide_(false),
-      marshaller_(std::make_shared<DaemonMarshaller>(direct)),
-      parse_(std::make_unique<ParseData>()) {
+    : Client(-1, nullptr, nullptr, std::make_shared<DaemonMarshaller>(direct)) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Client")
       << " key: " << StringBuffer(key) << " certificate: " << StringBuffer(certificate);
 }
 
 Client::Client(int socket, const std::shared_ptr<Server>& server,
                const std::shared_ptr<Daemon>& daemon)
-    : id_(nextClientId++),
-      socket_(socket),
-      state_(ClientStates::Connected),
-      serverSide_(true),
-      server_(server),
-      daemon_(daemon),
-      marshaller_(server->marshaller_),
-      parse_(std::make_unique<ParseData>()) {
+    : Client(socket, server, daemon, server->marshaller_) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Client") << " socket: " << socket;
   parse_->MaxBodySize = server->MaxBodySize();
 }
+
+Client::Client(int socket, const std::shared_ptr<Server>& server,
+               const std::shared_ptr<Daemon>& daemon,
+               const std::shared_ptr<DaemonMarshaller>& marshaller)
+    : signals_(Detail::SignalPool<Signals>::Take(), &Client::GiveBack),
+      StateChanged(signals_->stateChanged),
+      Tick(signals_->tick),
+      HeadersComplete(signals_->headersComplete),
+      PartReceived(signals_->partReceived),
+      MessageReceived(signals_->messageReceived),
+      MessageSent(signals_->messageSent),
+      Closed(signals_->closed),
+      id_(nextClientId++),
+      socket_(socket),
+      state_(server ? ClientStates::Connected : ClientStates::Disconnected),
+      serverSide_(server != nullptr),
+      server_(server),
+      daemon_(daemon),
+      marshaller_(marshaller),
+      parse_(std::make_unique<ParseData>()) {}
 
 Client::~Client() {
   // The worker closes sockets; this one never reached a daemon (or the daemon is gone).
@@ -140,15 +174,7 @@ bool Client::Reconnect() {
 
 void Client::Disconnect(bool disconnectSlots) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Disconnect");
-  if (disconnectSlots) {
-    StateChanged.disconnect_all_slots();
-    Tick.disconnect_all_slots();
-    HeadersComplete.disconnect_all_slots();
-    PartReceived.disconnect_all_slots();
-    MessageReceived.disconnect_all_slots();
-    MessageSent.disconnect_all_slots();
-    Closed.disconnect_all_slots();
-  }
+  if (disconnectSlots) signals_->DisconnectAll();
   std::unique_lock<std::recursive_mutex> lock(mutex_);
   disconnectRequested_ = true;
   switch (state_) {

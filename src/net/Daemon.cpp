@@ -62,6 +62,8 @@ constexpr std::int64_t NanosecondsPerSecond = 1000000000;
 // At most this many connections are accepted per readable event of a listening socket, so that
 // a flood of connections cannot starve the connections already served.
 constexpr int AcceptsPerEvent = 64;
+// How long a worker runs cycles without waiting before it yields the processor.
+constexpr std::int64_t YieldAfter = 500 * 1000;
 // How long listening sockets rest after accepting failed (out of descriptors, usually).
 constexpr std::int64_t AcceptPause = 100 * 1000000;
 // Receives at most per readable event, so that one busy connection cannot starve the others.
@@ -87,6 +89,7 @@ struct Daemon::Cycle {
   std::vector<int> positions;  // poller position of each client, -1 when not polled
   std::int64_t nextPass = 0;
   std::int64_t acceptPausedUntil = 0;
+  std::int64_t busySince = 0;  // when the thread last waited or yielded
 };
 
 Daemon::Daemon(const std::shared_ptr<DaemonMarshaller>& marshaller, Daemon* parent)
@@ -290,7 +293,8 @@ void Daemon::Exclude(const Client* client) {
 }
 
 void Daemon::WakeUp() {
-  wakeUp_->Signal();
+  // The worker itself rebuilds its poll set before it waits again.
+  if (std::this_thread::get_id() != worker_) wakeUp_->Signal();
 }
 
 void Daemon::ScheduleCloseClient(const std::shared_ptr<Client>& client) {
@@ -346,6 +350,7 @@ void Daemon::ThreadProc() {
   Cycle cycle;
   cycle.nextPass = Now() + NanosecondsPerSecond;
   std::unique_lock<std::recursive_mutex> lock(mutex_);
+  worker_ = std::this_thread::get_id();
   while (!IsThreadTerminationTime()) {
     try {
       RunCycle(cycle, lock);
@@ -450,6 +455,18 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   }
   ReleaseDeferredClients();
   cycle.clients.clear();  // ReleaseAllClients: this cycle's references go
+  // A daemon busy for a while lets the other daemons' threads have their turn: a thread that
+  // always finds work would otherwise keep the processor for whole time slices while the
+  // connections of the others wait, and the slowest replies would take several times longer.
+  if (ready > 0) {
+    std::int64_t end = Now();
+    if (end - cycle.busySince >= YieldAfter) {
+      std::this_thread::yield();
+      cycle.busySince = Now();
+    }
+  } else {
+    cycle.busySince = Now();
+  }
   cycle.servers.clear();
   lock.lock();
   ++cycles_;
@@ -469,13 +486,18 @@ bool Daemon::ProcessFirstSocket(const std::shared_ptr<Server>& server, int liste
                         StringBuffer(" accept_errno: ") + FormatInteger(error));
       return false;
     }
-    FinalizeNewConnection(socket, UTF8to16(peer.DottedAddress().c_str()), peer.port, server);
+    std::shared_ptr<Client> client =
+        FinalizeNewConnection(socket, UTF8to16(peer.DottedAddress().c_str()), peer.port, server);
+    // A client usually sends its request right behind the connect: read it now rather than
+    // after another wait, when the connection stays with this worker.
+    if (client && client->daemon_.get() == this) ProcessSocketReadable(client);
   }
   return true;
 }
 
-void Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress, int peerPort,
-                                   const std::shared_ptr<Server>& server) {
+std::shared_ptr<Client> Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress,
+                                                      int peerPort,
+                                                      const std::shared_ptr<Server>& server) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::FinalizeNewConnection")
       << " sin.addr_.sin_addr: " << peerAddress;
   std::shared_ptr<Client> client;
@@ -491,7 +513,7 @@ void Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress, 
     if (!chosen->Include(client)) {  // cannot happen under the ring lock; the socket goes
       Detail::EngineLog(Logger::Severity::Error, "Veskan::Daemon::AbortConnection",
                         StringBuffer(" socket: ") + FormatInteger(socket));
-      return;  // the client's destructor closes the socket
+      return nullptr;  // the client's destructor closes the socket
     }
     chosen->Start();
     Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::FinalizeNewConnection")
@@ -508,6 +530,7 @@ void Daemon::FinalizeNewConnection(int socket, const StringBuffer& peerAddress, 
   if (!server->ClientConnected.empty()) {
     server->marshaller_->Marshal_ServerClient(server->ClientConnected, server, client);
   }
+  return client;
 }
 
 void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
@@ -753,6 +776,7 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
     return true;
   }
   bool serverSide = client->serverSide_;
+  bool closeNow = false;
   std::vector<std::shared_ptr<Message>> requestsWritten;
   while (!client->exchanges_.empty() && client->exchanges_.front().answered &&
          !client->closeAfterWrite_) {
@@ -804,10 +828,17 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
     for (Client::Written& written : client->written_)
       written.end = 0;
     if (client->closeAfterWrite_ && !client->shutDown_) {
-      // Closing for reading too would reset the connection if the peer sent more; the peer's
-      // own close ends it ("No more data"), the idle time-out at the latest.
+      // With nothing unread the connection is closed now. Bytes still unread would turn the
+      // close into a reset that can destroy the reply in flight: then only the sending side is
+      // shut, and the peer's own close ends it ("No more data"), the idle time-out at the latest.
+      char probe[512];
       int error = 0;
-      Sys::SocketCalls::ShutdownSend(client->socket_, error);
+      long unread = Sys::SocketCalls::Receive(client->socket_, probe, sizeof probe, error);
+      if (unread == 0 || (unread < 0 && Sys::SocketCalls::WouldBlock(error))) {
+        closeNow = true;
+      } else {
+        Sys::SocketCalls::ShutdownSend(client->socket_, error);
+      }
       client->shutDown_ = true;
     }
   }
@@ -827,6 +858,7 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
       marshaller.Marshal_ClientMessage(client->MessageSent, client, message);
     }
   }
+  if (closeNow) CloseClient(client, SocketExceptions::None, StringBuffer(u"reply sent"));
   return true;
 }
 
