@@ -207,6 +207,10 @@ class VESKAN_API Client::ParseData {
   // Empties the content buffer and both maps, sets the positions, the content length and the
   // received count to 0 and the state to Waiting. The read buffer keeps its capacity.
   void ResetAll();
+  // Gives an empty read buffer ChunkSize bytes again (an idle connection gives its buffer back).
+  // The bytes are not cleared: only [ReadPosition, WritePosition) is ever read, and memory that
+  // is never written costs nothing.
+  void EnsureReadBuffer();
 
   // Received bytes; [ReadPosition, WritePosition) are not consumed yet.
   ByteBuffer ReadBuffer;

@@ -122,6 +122,8 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   bool ProcessIn(const std::shared_ptr<Client>& client,
                  std::unique_lock<std::recursive_mutex>& lock, bool final);
   bool ProcessOut(const std::shared_ptr<Client>& client);
+  // Appends bytes for `client` to send, through its transform when it has one; its lock is held.
+  static void QueueBytes(Client& client, const char* bytes, std::size_t length);
   void ProcessAllClients();
   void CloseClient(const std::shared_ptr<Client>& client, SocketExceptions::Enumeration reason,
                    const StringBuffer& detail);

@@ -395,7 +395,6 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   cycle.clients.assign(clients_.begin(), clients_.begin() + clientSocketCount_);
   lock.unlock();
 
-  // Replies answered since the last cycle are written now rather than after a poll round.
   cycle.poller.Clear();
   cycle.poller.Add(wakeUp_->Descriptor(), true, false);
   cycle.listening.clear();
@@ -417,7 +416,7 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     bool connecting = client->state_ == ClientStates::Connecting;
     bool pending = !client->out_.empty() ||
                    (!client->exchanges_.empty() && client->exchanges_.front().answered);
-    if (pending && !connecting) {
+    if (pending && !connecting) {  // answered since the last cycle: written now, not a poll later
       clientLock.unlock();
       if (!ProcessOut(client)) {
         CloseClient(client, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
@@ -430,7 +429,9 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     cycle.positions[i] = cycle.poller.Add(client->socket_, true, connecting || pending);
   }
 
-  int timeout = static_cast<int>((cycle.nextPass - Now()) / 1000000);
+  std::int64_t until = cycle.nextPass;
+  if (cycle.acceptPausedUntil > now) until = std::min(until, cycle.acceptPausedUntil);
+  int timeout = static_cast<int>((until - Now()) / 1000000);
   timeout = std::max(0, std::min(timeout, 1000));
   int ready = cycle.poller.Wait(timeout);
 
@@ -449,7 +450,7 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
       int at = cycle.positions[i];
       if (at < 0) continue;
       const std::shared_ptr<Client>& client = cycle.clients[i];
-      if (cycle.poller.Writable(at) || (cycle.poller.Failed(at))) ProcessSocketWritable(client);
+      if (cycle.poller.Writable(at) || cycle.poller.Failed(at)) ProcessSocketWritable(client);
       if (cycle.poller.Readable(at)) ProcessSocketReadable(client);
     }
   }
@@ -543,7 +544,7 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     client->lastActivityNanoseconds_ = now % NanosecondsPerSecond;
 
     Client::ParseData& parse = *client->parse_;
-    if (parse.ReadBuffer.Size() == 0) parse.ReadBuffer.Resize(parse.ChunkSize);  // see below
+    parse.EnsureReadBuffer();  // given back while the connection was idle
     if (parse.ReadPosition == parse.WritePosition) {
       parse.ReadPosition = parse.WritePosition = 0;
     } else if (parse.ReadPosition > 0) {
@@ -611,7 +612,7 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     } else if (Detail::IsPolicyFileRequest(parse)) {
       parse.ReadPosition = parse.WritePosition;
       const char* answer = Detail::PolicyFileResponse;
-      client->out_.insert(client->out_.end(), answer, answer + std::strlen(answer) + 1);
+      QueueBytes(*client, answer, std::strlen(answer) + 1);  // with its NUL
       client->closeAfterWrite_ = true;
       client->readStopped_ = true;
     } else if (!ProcessIn(client, lock, final)) {
@@ -658,7 +659,7 @@ bool Daemon::ProcessIn(const std::shared_ptr<Client>& client,
       if (event.What == Detail::ReaderEvent::Kind::ContinueExpected &&
           client->exchanges_.empty()) {  // with replies outstanding it would come too early
         static const char interim[] = "HTTP/1.1 100 Continue\r\n\r\n";
-        client->out_.insert(client->out_.end(), interim, interim + sizeof interim - 1);
+        QueueBytes(*client, interim, sizeof interim - 1);
       }
       if (event.What != Detail::ReaderEvent::Kind::MessageComplete) continue;
       completed = true;
@@ -770,6 +771,14 @@ void Daemon::HandleConnectingClient(const std::shared_ptr<Client>& client, int e
   }
 }
 
+void Daemon::QueueBytes(Client& client, const char* bytes, std::size_t length) {
+  if (client.transform_) {
+    client.transform_->Outgoing(bytes, length, client.out_);
+  } else {
+    client.out_.insert(client.out_.end(), bytes, bytes + length);
+  }
+}
+
 bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   std::unique_lock<std::recursive_mutex> lock(client->mutex_);
   if (client->closing_ || client->socket_ < 0 || client->state_ == ClientStates::Connecting) {
@@ -778,24 +787,25 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   bool serverSide = client->serverSide_;
   bool closeNow = false;
   std::vector<std::shared_ptr<Message>> requestsWritten;
+  std::vector<char> plain;  // a message's bytes before the transform, when there is one
   while (!client->exchanges_.empty() && client->exchanges_.front().answered &&
          !client->closeAfterWrite_) {
     Client::Exchange exchange = std::move(client->exchanges_.front());
     client->exchanges_.pop_front();
+    std::vector<char>& target = client->transform_ ? plain : client->out_;
     if (serverSide) {
-      Detail::FormatReply(*exchange.message, exchange.keepAlive, client->out_);
+      Detail::FormatReply(*exchange.message, exchange.keepAlive, target);
       if (!exchange.keepAlive) client->closeAfterWrite_ = true;
     } else {
-      Detail::FormatRequest(*exchange.message, client->out_);
+      Detail::FormatRequest(*exchange.message, target);
       client->inFlight_.push_back(exchange.message);
       requestsWritten.push_back(exchange.message);
     }
+    if (client->transform_) {
+      if (!client->transform_->Outgoing(plain.data(), plain.size(), client->out_)) return false;
+      plain.clear();
+    }
     client->written_.push_back(Client::Written{client->out_.size(), exchange.message});
-  }
-
-  if (client->transform_ && !client->out_.empty()) {
-    // Plaintext becomes wire bytes in one piece; what is already wire (handshake) was appended
-    // directly by the reader.
   }
 
   std::size_t before = client->outSent_;

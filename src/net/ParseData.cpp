@@ -2,6 +2,8 @@
 #include <veskan/Client.h>
 #include <veskan/Logger.h>
 
+#include "foundation/ByteBufferAccess.h"
+
 namespace Veskan {
 
 const char16_t* Client::ParseData::States::ToString(Enumeration value) {
@@ -22,7 +24,14 @@ const char16_t* Client::ParseData::States::ToString(Enumeration value) {
 }
 
 Client::ParseData::ParseData() {
-  ReadBuffer.Resize(ChunkSize);
+  EnsureReadBuffer();
+}
+
+void Client::ParseData::EnsureReadBuffer() {
+  if (ReadBuffer.Size() > 0) return;
+  if (Detail::ByteBufferAccess::PrepareEmpty(ReadBuffer, ChunkSize) != nullptr) {
+    Detail::ByteBufferAccess::Commit(ReadBuffer, ChunkSize);
+  }
 }
 
 Client::ParseData::ParseData(const ParseData& other) = default;

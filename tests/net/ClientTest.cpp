@@ -1,0 +1,176 @@
+// Outgoing connections against a plain listening socket of the test, and the shared buffer map.
+#include <veskan/Client.h>
+#include <veskan/Daemon.h>
+
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <string>
+
+namespace Veskan {
+namespace {
+
+// A listening socket on a loopback port of the system's choice; accepts one connection at a time.
+class Listener {
+ public:
+  Listener() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        ::listen(fd_, 8) != 0 ||
+        ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      ::close(fd_);
+      fd_ = -1;
+      return;
+    }
+    port_ = ntohs(address.sin_port);
+  }
+  ~Listener() {
+    if (peer_ >= 0) ::close(peer_);
+    if (fd_ >= 0) ::close(fd_);
+  }
+
+  int Port() const { return port_; }
+  // Accepts the next connection; false when none came within 10 s.
+  bool Accept() {
+    timeval timeout{10, 0};
+    ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    peer_ = ::accept(fd_, nullptr, nullptr);
+    if (peer_ >= 0) ::setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    return peer_ >= 0;
+  }
+  // Reads what the accepted peer sent until `end` appears or it closes; the text read.
+  std::string ReadUntil(const std::string& end) {
+    std::string text;
+    char chunk[4096];
+    while (text.find(end) == std::string::npos) {
+      ssize_t n = ::recv(peer_, chunk, sizeof chunk, 0);
+      if (n <= 0) break;
+      text.append(chunk, static_cast<std::size_t>(n));
+    }
+    return text;
+  }
+  // True when the accepted peer has shut its sending side (a read gives 0).
+  bool PeerFinished() {
+    char byte;
+    return ::recv(peer_, &byte, 1, 0) == 0;
+  }
+  void ClosePeer() {
+    ::close(peer_);
+    peer_ = -1;
+  }
+
+ private:
+  int fd_ = -1;
+  int peer_ = -1;
+  int port_ = 0;
+};
+
+std::u16string UrlFor(int port, const char* path = "/") {
+  std::string url = "http://127.0.0.1:" + std::to_string(port) + path;
+  return std::u16string(url.begin(), url.end());
+}
+
+class ClientTest : public ::testing::Test {
+ protected:
+  void TearDown() override { EXPECT_TRUE(Daemon::WaitForAllThreads(10)); }
+};
+
+TEST_F(ClientTest, BlockUntilGivesUpAtOnceWhenTheConnectionFails) {
+  int port;
+  {
+    Listener closed;  // a port nobody listens on once this is gone
+    port = closed.Port();
+  }
+  auto client = std::make_shared<Client>(true, nullptr, nullptr);
+  std::vector<std::string> reasons;
+  client->Closed.connect([&reasons](const std::shared_ptr<Client>&, const std::shared_ptr<Message>&,
+                                    const StringBuffer& reason, const StringBuffer&) {
+    reasons.push_back(std::string(static_cast<const char*>(UTF16to8(reason))));
+  });
+  auto start = std::chrono::steady_clock::now();
+  bool started = client->Connect(UrlFor(port).c_str());
+  EXPECT_EQ(ClientStates::Disconnected, client->BlockUntil(ClientStates::Connected, 30));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(15))
+      << "a refused connection does not wait for the time given";
+  if (started) {
+    EXPECT_EQ(-1, client->BlockUntilCheck(ClientStates::Connected));
+  }
+  ASSERT_FALSE(reasons.empty());
+  EXPECT_EQ("Connection refused", reasons.back());
+}
+
+TEST_F(ClientTest, RefusesUrlsWithoutAHost) {
+  auto client = std::make_shared<Client>(true, nullptr, nullptr);
+  EXPECT_FALSE(client->Connect(u"/relative"));
+  EXPECT_FALSE(client->Connect(u"urn:isbn:0451450523"));
+  EXPECT_EQ(ClientStates::Disconnected, client->State());
+}
+
+TEST_F(ClientTest, DisconnectKeepsReadingUntilThePeerCloses) {
+  Listener listener;
+  ASSERT_GT(listener.Port(), 0);
+  auto client = std::make_shared<Client>(true, nullptr, nullptr);
+  ASSERT_TRUE(client->Connect(UrlFor(listener.Port()).c_str()));
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+
+  client->Disconnect(false);
+  EXPECT_TRUE(listener.PeerFinished()) << "the sending side is shut down";
+  EXPECT_EQ(ClientStates::Disconnecting, client->State());
+  EXPECT_GE(client->GetSocket(), 0) << "still open for reading";
+  listener.ClosePeer();
+  EXPECT_EQ(ClientStates::Disconnected, client->BlockUntil(ClientStates::Disconnected, 10));
+  EXPECT_EQ(SocketExceptions::NoMoreData, client->CloseReason());
+}
+
+TEST_F(ClientTest, SendsRequestsAndAbortFinishesTheOneInFlight) {
+  Listener listener;
+  auto client = std::make_shared<Client>(true, nullptr, nullptr);
+  ASSERT_TRUE(client->Connect(UrlFor(listener.Port()).c_str()));
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+
+  auto message = Message::New();
+  EXPECT_FALSE(client->Send(message)) << "an uninitialized message is refused";
+  message->Open(Methods::GET, UrlFor(listener.Port(), "/quiz?id=7").c_str());
+  ASSERT_TRUE(client->Send(message));
+  std::string request = listener.ReadUntil("\r\n\r\n");
+  EXPECT_EQ(0u, request.find("GET /quiz?id=7 HTTP/1.1\r\n"));
+  EXPECT_NE(std::string::npos,
+            request.find("\r\nHost: 127.0.0.1:" + std::to_string(listener.Port()) + "\r\n"));
+  EXPECT_EQ(ReadyStates::Sent, message->BlockUntil(ReadyStates::Sent, 10));
+
+  client->Abort(true);  // no reply will come: the waiting sender is released
+  EXPECT_EQ(ReadyStates::Uninitialized, message->BlockUntil(ReadyStates::Loaded, 10));
+  EXPECT_EQ(ClientStates::Disconnected, client->State());
+  EXPECT_TRUE(listener.PeerFinished());
+}
+
+TEST(SharedBufferMapTest, HandsBuffersOverByName) {
+  Daemon::ClearByteBuffer();
+  const unsigned char bytes[] = {1, 2, 3};
+  Daemon::AddByteBuffer(StringBuffer(u"upload"), ByteBuffer(bytes, 0, 3));
+  EXPECT_EQ(1, Daemon::ByteBufferMapCount());
+  ByteBuffer found = Daemon::FindOrInsertByteBuffer(StringBuffer(u"upload"));
+  ASSERT_EQ(3, found.Size());
+  EXPECT_EQ(2, found[1]);
+  EXPECT_EQ(0, Daemon::FindOrInsertByteBuffer(StringBuffer(u"new")).Size());
+  EXPECT_EQ(2, Daemon::ByteBufferMapCount()) << "a missing name is inserted empty";
+  Daemon::RemoveByteBuffer(StringBuffer(u"upload"));
+  EXPECT_EQ(1, Daemon::ByteBufferMapCount());
+  Daemon::ClearByteBuffer();
+  EXPECT_EQ(0, Daemon::ByteBufferMapCount());
+}
+
+}  // namespace
+}  // namespace Veskan
