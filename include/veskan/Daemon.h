@@ -28,6 +28,7 @@ class Server;
 
 namespace Sys {
 class WakeUp;
+struct SocketAddress;
 }  // namespace Sys
 
 // One worker thread and the connections it serves. Daemons of one marshaller form a ring: a new
@@ -104,8 +105,15 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   // Carries out ClosingRequested connections at the end of the current cycle.
   void ScheduleCloseClient(const std::shared_ptr<Client>& client);
 
-  // Listening sockets.
+  // Starts the system's socket library once per process (nothing to start on POSIX systems).
+  static void LoadSocketLibraries();
+  // A bound listening socket for the server's base URL (`retry`: on a port the system chooses),
+  // with its port; -1 on failure.
   static int AllocateNewSocket(const std::shared_ptr<Server>& server, bool retry, int& port);
+  // Binds `socket` to `address` and listens.
+  static bool UseSocket(int socket, const Sys::SocketAddress& address);
+  // Sends until everything is gone or the socket would block; the count sent, or -1 on error.
+  static long sendall(int socket, const char* data, std::size_t length, int& error);
 
   void ThreadProc();
   bool IsThreadTerminationTime();

@@ -140,6 +140,10 @@ bool Client::Connect(const char16_t* url) {
   if (!socket.IsOpen()) {
     SocketExceptions::Enumeration reason =
         error == -1 ? SocketExceptions::HostNotFound : SocketExceptions::ConnectionRefused;
+    {
+      std::lock_guard<std::recursive_mutex> lock(mutex_);
+      closeReason_ = reason;
+    }
     if (!Closed.empty()) {
       marshaller_->Marshal_ClientMessageStringBufferStringBuffer(
           Closed, shared_from_this(), nullptr, StringBuffer(SocketExceptions::ToString(reason)),

@@ -306,7 +306,26 @@ void Daemon::ScheduleCloseClient(const std::shared_ptr<Client>& client) {
 // ---------------------------------------------------------------------------------------------
 // Listening sockets
 
+bool Daemon::UseSocket(int socket, const Sys::SocketAddress& address) {
+  int error = 0;
+  if (!Sys::SocketCalls::Bind(socket, address, error)) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::UseSocket")
+        << " bind_errno: " << error << " sin.addr_.sin_addr: " << address.DottedAddress()
+        << " sin.addr_.sin_port: " << address.port;
+    return false;
+  }
+  // The largest backlog there is; the system caps it at its own maximum.
+  if (!Sys::SocketCalls::Listen(socket, 2147483647, error)) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::UseSocket")
+        << " listen_errno: " << error << " sin.addr_.sin_addr: " << address.DottedAddress()
+        << " sin.addr_.sin_port: " << address.port;
+    return false;
+  }
+  return true;
+}
+
 int Daemon::AllocateNewSocket(const std::shared_ptr<Server>& server, bool retry, int& port) {
+  LoadSocketLibraries();
   int error = 0;
   Sys::Socket socket = Sys::Socket::OpenTcp(error);
   StringBuffer base = server->BaseUrl();
@@ -326,18 +345,7 @@ int Daemon::AllocateNewSocket(const std::shared_ptr<Server>& server, bool retry,
   address.port = retry ? 0 : url.Port;
   if (!retry) Sys::SocketCalls::SetReuseAddress(socket.Get(), error);
 
-  if (!Sys::SocketCalls::Bind(socket.Get(), address, error)) {
-    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::UseSocket")
-        << " bind_errno: " << error << " sin.addr_.sin_addr: " << address.DottedAddress()
-        << " sin.addr_.sin_port: " << address.port;
-    return -1;
-  }
-  if (!Sys::SocketCalls::Listen(socket.Get(), 2147483647, error)) {
-    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::UseSocket")
-        << " listen_errno: " << error << " sin.addr_.sin_addr: " << address.DottedAddress()
-        << " sin.addr_.sin_port: " << address.port;
-    return -1;
-  }
+  if (!UseSocket(socket.Get(), address)) return -1;
   port = Sys::SocketCalls::LocalPort(socket.Get());
   return socket.Release();
 }
@@ -345,7 +353,15 @@ int Daemon::AllocateNewSocket(const std::shared_ptr<Server>& server, bool retry,
 // ---------------------------------------------------------------------------------------------
 // The worker
 
+void Daemon::LoadSocketLibraries() {
+  // POSIX sockets need no start-up; the guard keeps the once-per-process contract for systems
+  // whose socket library does.
+  static std::atomic<bool> loaded{false};
+  loaded.exchange(true);
+}
+
 void Daemon::ThreadProc() {
+  LoadSocketLibraries();
   Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ThreadProc") << " id_: " << id_;
   Cycle cycle;
   cycle.nextPass = Now() + NanosecondsPerSecond;
@@ -779,6 +795,19 @@ void Daemon::QueueBytes(Client& client, const char* bytes, std::size_t length) {
   }
 }
 
+long Daemon::sendall(int socket, const char* data, std::size_t length, int& error) {
+  std::size_t sent = 0;
+  while (sent < length) {
+    long count = Sys::SocketCalls::Send(socket, data + sent, length - sent, error);
+    if (count < 0) {
+      if (Sys::SocketCalls::WouldBlock(error)) break;
+      return -1;
+    }
+    sent += static_cast<std::size_t>(count);
+  }
+  return static_cast<long>(sent);
+}
+
 bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   std::unique_lock<std::recursive_mutex> lock(client->mutex_);
   if (client->closing_ || client->socket_ < 0 || client->state_ == ClientStates::Connecting) {
@@ -809,18 +838,17 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   }
 
   std::size_t before = client->outSent_;
-  while (client->outSent_ < client->out_.size()) {
+  if (client->outSent_ < client->out_.size()) {
     int error = 0;
-    long sent = Sys::SocketCalls::Send(client->socket_, client->out_.data() + client->outSent_,
-                                       client->out_.size() - client->outSent_, error);
+    long sent = sendall(client->socket_, client->out_.data() + client->outSent_,
+                        client->out_.size() - client->outSent_, error);
     if (sent < 0) {
-      if (Sys::SocketCalls::WouldBlock(error)) break;
       Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessOut")
           << " send: n = " << client->outSent_ << ", out_octetStreamSize = " << client->out_.size()
           << ", lastError = " << error;
       return false;
     }
-    client->outSent_ += static_cast<std::size_t>(sent);
+    client->outSent_ += static_cast<std::size_t>(sent);  // a partial send waits for writable
   }
   if (client->outSent_ > before) {
     Detail::CountEvent(Counters::BytesSent, static_cast<int>(client->outSent_ - before));
