@@ -101,6 +101,8 @@ Client::~Client() {
 bool Client::Connect(const char16_t* url) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Connect") << " url: " << StringBuffer(url);
   if (State() != ClientStates::Disconnected) Abort(false);
+  // The worker closes the aborted socket; the new one must not be taken for it.
+  Daemon::BlockUntil([this] { return socket_ < 0 ? 1 : 0; }, 5.0, mutex_, changed_);
   Url target(url);
   if (!target.HasHost || target.Scheme != Url::HttpScheme) {
     Detail::EngineLog(Logger::Severity::Warning, "Veskan::Client::Connect",
@@ -113,8 +115,15 @@ bool Client::Connect(const char16_t* url) {
     url_ = url;
     disconnectRequested_ = false;
     parse_ = std::make_unique<ParseData>();
+    message_.reset();
+    out_.clear();
+    outSent_ = 0;
+    written_.clear();
     readStopped_ = false;
     closing_ = false;
+    closeAfterWrite_ = false;
+    shutDown_ = false;
+    closeReason_ = SocketExceptions::None;
     connectTimeout_ = 30;
   }
   SetState(ClientStates::Connecting);

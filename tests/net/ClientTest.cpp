@@ -40,10 +40,11 @@ class Listener {
   }
 
   int Port() const { return port_; }
-  // Accepts the next connection; false when none came within 10 s.
+  // Accepts the next connection (closing the one before); false when none came within 10 s.
   bool Accept() {
     timeval timeout{10, 0};
     ::setsockopt(fd_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
+    if (peer_ >= 0) ::close(peer_);
     peer_ = ::accept(fd_, nullptr, nullptr);
     if (peer_ >= 0) ::setsockopt(peer_, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof timeout);
     return peer_ >= 0;
@@ -148,6 +149,28 @@ TEST_F(ClientTest, SendsRequestsAndAbortFinishesTheOneInFlight) {
   EXPECT_EQ(ReadyStates::Uninitialized, message->BlockUntil(ReadyStates::Loaded, 10));
   EXPECT_EQ(ClientStates::Disconnected, client->State());
   EXPECT_TRUE(listener.PeerFinished());
+}
+
+TEST_F(ClientTest, ReconnectReplacesTheConnection) {
+  Listener listener;
+  auto client = std::make_shared<Client>(true, nullptr, nullptr);
+  ASSERT_TRUE(client->Connect(UrlFor(listener.Port()).c_str()));
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+  int first = client->GetSocket();
+
+  ASSERT_TRUE(client->Reconnect());
+  EXPECT_TRUE(listener.PeerFinished()) << "the first connection is closed";
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+  EXPECT_GE(client->GetSocket(), 0);
+
+  auto message = Message::New();
+  message->Open(Methods::DELETE, UrlFor(listener.Port(), "/answer/3").c_str());
+  ASSERT_TRUE(client->Send(message));
+  EXPECT_EQ(0u, listener.ReadUntil("\r\n\r\n").find("DELETE /answer/3 HTTP/1.1\r\n"))
+      << "the new connection carries requests (the first used socket " << first << ")";
+  client->Abort(true);
 }
 
 TEST(SharedBufferMapTest, HandsBuffersOverByName) {
