@@ -211,6 +211,11 @@ class VESKAN_API Client::ParseData {
   // The bytes are not cleared: only [ReadPosition, WritePosition) is ever read, and memory that
   // is never written costs nothing.
   void EnsureReadBuffer();
+  // Makes room in the read buffer before bytes are received into it: gives it its bytes back if
+  // it had none, moves the unread bytes to the front, and grows a full buffer up to
+  // MaxHeaderBytes + ChunkSize (only a header block in progress fills it; bodies move out of it).
+  // False when it is full even so.
+  bool MakeRoom();
 
   // Received bytes; [ReadPosition, WritePosition) are not consumed yet.
   ByteBuffer ReadBuffer;

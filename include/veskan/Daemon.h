@@ -102,7 +102,7 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   void Exclude(const Client* client);
   // Wakes the worker so that a change made from another thread takes effect now.
   void WakeUp();
-  // Carries out ClosingRequested connections at the end of the current cycle.
+  // Closes `client` at the end of the worker's current cycle (the worker may be polling it now).
   void ScheduleCloseClient(const std::shared_ptr<Client>& client);
 
   // Starts the system's socket library once per process (nothing to start on POSIX systems).

@@ -560,26 +560,11 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     client->lastActivityNanoseconds_ = now % NanosecondsPerSecond;
 
     Client::ParseData& parse = *client->parse_;
-    parse.EnsureReadBuffer();  // given back while the connection was idle
-    if (parse.ReadPosition == parse.WritePosition) {
-      parse.ReadPosition = parse.WritePosition = 0;
-    } else if (parse.ReadPosition > 0) {
-      std::memmove(parse.ReadBuffer.Data(), parse.ReadBuffer.Data() + parse.ReadPosition,
-                   static_cast<std::size_t>(parse.WritePosition - parse.ReadPosition));
-      parse.WritePosition -= parse.ReadPosition;
-      parse.ReadPosition = 0;
-    }
-    if (parse.WritePosition == parse.ReadBuffer.Size()) {
-      // Only a header block in progress fills the buffer (bodies move out of it); the reader
-      // refuses one above the limit, so the buffer stays below limit plus one chunk.
-      parse.ReadBuffer.Resize(
-          std::min(parse.ReadBuffer.Size() * 2, parse.MaxHeaderBytes + parse.ChunkSize));
-      if (parse.WritePosition == parse.ReadBuffer.Size()) {
-        lock.unlock();
-        CloseClient(client, SocketExceptions::HTTPProtocolViolation,
-                    StringBuffer(u"header block too large"));
-        return;
-      }
+    if (!parse.MakeRoom()) {  // the reader refuses a header block above the limit before this
+      lock.unlock();
+      CloseClient(client, SocketExceptions::HTTPProtocolViolation,
+                  StringBuffer(u"header block too large"));
+      return;
     }
 
     int error = 0;

@@ -4,6 +4,9 @@
 
 #include "foundation/ByteBufferAccess.h"
 
+#include <algorithm>
+#include <cstring>
+
 namespace Veskan {
 
 const char16_t* Client::ParseData::States::ToString(Enumeration value) {
@@ -32,6 +35,22 @@ void Client::ParseData::EnsureReadBuffer() {
   if (Detail::ByteBufferAccess::PrepareEmpty(ReadBuffer, ChunkSize) != nullptr) {
     Detail::ByteBufferAccess::Commit(ReadBuffer, ChunkSize);
   }
+}
+
+bool Client::ParseData::MakeRoom() {
+  EnsureReadBuffer();
+  if (ReadPosition == WritePosition) {
+    ReadPosition = WritePosition = 0;
+  } else if (ReadPosition > 0) {
+    std::memmove(ReadBuffer.Data(), ReadBuffer.Data() + ReadPosition,
+                 static_cast<std::size_t>(WritePosition - ReadPosition));
+    WritePosition -= ReadPosition;
+    ReadPosition = 0;
+  }
+  if (WritePosition == ReadBuffer.Size()) {
+    ReadBuffer.Resize(std::min(ReadBuffer.Size() * 2, MaxHeaderBytes + ChunkSize));
+  }
+  return WritePosition < ReadBuffer.Size();
 }
 
 Client::ParseData::ParseData(const ParseData& other) = default;

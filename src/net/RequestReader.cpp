@@ -78,10 +78,6 @@ bool StartsWith(const char* data, int length, const char* prefix, int prefixLeng
   return length >= prefixLength && std::memcmp(data, prefix, prefixLength) == 0;
 }
 
-bool EqualsIgnoringCase(const StringBuffer& text, const char16_t* other) {
-  return EqualsIgnoringAsciiCase(text, other);
-}
-
 // True when the last transfer coding of `codings` is "chunked".
 bool EndsWithChunked(const StringBuffer& codings) {
   int end = codings.length();
@@ -320,23 +316,23 @@ class Reader {
     for (const Header& header : headers) {
       switch (header.Name.length()) {
         case 6:
-          framing.cookies = framing.cookies || EqualsIgnoringCase(header.Name, u"Cookie");
-          if (EqualsIgnoringCase(header.Name, u"Expect")) framing.expect = &header;
+          framing.cookies = framing.cookies || EqualsIgnoringAsciiCase(header.Name, u"Cookie");
+          if (EqualsIgnoringAsciiCase(header.Name, u"Expect")) framing.expect = &header;
           break;
         case 7:
-          if (EqualsIgnoringCase(header.Name, u"Upgrade")) framing.upgrade = &header;
+          if (EqualsIgnoringAsciiCase(header.Name, u"Upgrade")) framing.upgrade = &header;
           break;
         case 10:
-          if (EqualsIgnoringCase(header.Name, u"Connection")) framing.connection = &header;
-          framing.cookies = framing.cookies || EqualsIgnoringCase(header.Name, u"Set-Cookie");
+          if (EqualsIgnoringAsciiCase(header.Name, u"Connection")) framing.connection = &header;
+          framing.cookies = framing.cookies || EqualsIgnoringAsciiCase(header.Name, u"Set-Cookie");
           break;
         case 12:
-          if (EqualsIgnoringCase(header.Name, u"Content-Type") && !framing.contentType) {
+          if (EqualsIgnoringAsciiCase(header.Name, u"Content-Type") && !framing.contentType) {
             framing.contentType = &header;
           }
           break;
         case 14:
-          if (EqualsIgnoringCase(header.Name, u"Content-Length")) {
+          if (EqualsIgnoringAsciiCase(header.Name, u"Content-Length")) {
             // Two different lengths leave the message's end in doubt (RFC 7230 section 3.3.2).
             if (framing.contentLength && framing.contentLength->Value != header.Value) {
               framing.conflictingLengths = true;
@@ -345,7 +341,7 @@ class Reader {
           }
           break;
         case 17:
-          if (EqualsIgnoringCase(header.Name, u"Transfer-Encoding")) {
+          if (EqualsIgnoringAsciiCase(header.Name, u"Transfer-Encoding")) {
             framing.transferEncoding = &header;
           }
           break;
@@ -367,8 +363,8 @@ class Reader {
     }
     if (framing.conflictingLengths) return Step::Violation;
 
-    parse_.KeepAlive =
-        framing.connection != nullptr && !EqualsIgnoringCase(framing.connection->Value, u"close");
+    parse_.KeepAlive = framing.connection != nullptr &&
+                       !EqualsIgnoringAsciiCase(framing.connection->Value, u"close");
 
     if (!serverSide_ && current_->StatusCode / 100 == 1 && current_->StatusCode != 101) {
       // An interim reply ("100 Continue"): the final one follows (RFC 7231 section 6.2).
@@ -377,9 +373,9 @@ class Reader {
       parse_.State = States::Waiting;
       return Step::Continue;
     }
-    bool upgrade = framing.upgrade && EqualsIgnoringCase(framing.upgrade->Value, u"websocket");
-    bool continueExpected =
-        serverSide_ && framing.expect && EqualsIgnoringCase(framing.expect->Value, u"100-continue");
+    bool upgrade = framing.upgrade && EqualsIgnoringAsciiCase(framing.upgrade->Value, u"websocket");
+    bool continueExpected = serverSide_ && framing.expect &&
+                            EqualsIgnoringAsciiCase(framing.expect->Value, u"100-continue");
     // Chunked or not, a multipart body is split into parts as it arrives.
     if (framing.contentType) parse_.Delimiter = MultipartDelimiter(framing.contentType->Value);
     if (framing.transferEncoding && !upgrade) {

@@ -68,25 +68,13 @@ class Feeder {
   void Arrive(const std::uint8_t* bytes, std::size_t size) {
     std::size_t at = 0;
     while (at < size && !Ended()) {
-      if (parse_.ReadPosition == parse_.WritePosition) {
-        parse_.ReadPosition = parse_.WritePosition = 0;
-      } else if (parse_.ReadPosition > 0) {
-        std::memmove(parse_.ReadBuffer.Data(), parse_.ReadBuffer.Data() + parse_.ReadPosition,
-                     static_cast<std::size_t>(parse_.WritePosition - parse_.ReadPosition));
-        parse_.WritePosition -= parse_.ReadPosition;
-        parse_.ReadPosition = 0;
-      }
-      if (parse_.WritePosition == parse_.ReadBuffer.Size()) {
-        parse_.ReadBuffer.Resize(
-            std::min(parse_.ReadBuffer.Size() * 2, parse_.MaxHeaderBytes + parse_.ChunkSize));
-        if (parse_.WritePosition == parse_.ReadBuffer.Size()) {
-          // Only a chunk-size line, which may run to 1 KiB, can outgrow a small read buffer:
-          // everything else is refused at the header limit or moved into the content buffer.
-          Fuzzing::Require(parse_.State == States::ReadingChunkSize &&
-                           parse_.ReadBuffer.Size() < 1024);
-          bufferFull_ = true;
-          return;
-        }
+      if (!parse_.MakeRoom()) {
+        // Only a chunk-size line, which may run to 1 KiB, can outgrow a small read buffer:
+        // everything else is refused at the header limit or moved into the content buffer.
+        Fuzzing::Require(parse_.State == States::ReadingChunkSize &&
+                         parse_.ReadBuffer.Size() < 1024);
+        bufferFull_ = true;
+        return;
       }
       const std::size_t count = std::min(
           size - at, static_cast<std::size_t>(parse_.ReadBuffer.Size() - parse_.WritePosition));

@@ -171,21 +171,9 @@ class Feeder {
   void Arrive(const std::string& bytes) {
     std::size_t at = 0;
     while (at < bytes.size() && !Ended()) {
-      if (parse.ReadPosition == parse.WritePosition) {
-        parse.ReadPosition = parse.WritePosition = 0;
-      } else if (parse.ReadPosition > 0) {
-        std::memmove(parse.ReadBuffer.Data(), parse.ReadBuffer.Data() + parse.ReadPosition,
-                     static_cast<std::size_t>(parse.WritePosition - parse.ReadPosition));
-        parse.WritePosition -= parse.ReadPosition;
-        parse.ReadPosition = 0;
-      }
-      if (parse.WritePosition == parse.ReadBuffer.Size()) {
-        parse.ReadBuffer.Resize(
-            std::min(parse.ReadBuffer.Size() * 2, parse.MaxHeaderBytes + parse.ChunkSize));
-        if (parse.WritePosition == parse.ReadBuffer.Size()) {
-          bufferFull = true;
-          return;
-        }
+      if (!parse.MakeRoom()) {
+        bufferFull = true;
+        return;
       }
       const std::size_t count =
           std::min(bytes.size() - at,
