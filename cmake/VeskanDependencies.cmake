@@ -2,6 +2,7 @@
 
 find_package(ICU 72 REQUIRED COMPONENTS uc i18n)
 find_package(Boost 1.74 REQUIRED)
+find_package(OpenSSL 3 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(CryptoPP REQUIRED IMPORTED_TARGET libcrypto++)
 pkg_check_modules(XercesC REQUIRED IMPORTED_TARGET xerces-c)

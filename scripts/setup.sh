@@ -13,10 +13,11 @@ packages=(
   libcrypto++-dev libtinyxml-dev libcurl4-gnutls-dev libsqlite3-dev
   # tests, benchmarks, fuzzing, sanitizers, formatting
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev libfuzzer-14-dev clang-format
-  # load tests and browser tests
-  wrk curl
+  # load tests and browser tests; the TLS tests' peer (openssl s_client)
+  wrk curl openssl chromium
   # peer servers for the HTTP benchmark (bench/http)
   libmicrohttpd-dev libpoco-dev nginx
+  libwebsocketpp-dev  # peer server of the WebSocket benchmark (bench/ws); Beast is in libboost-dev
 )
 
 missing=()

@@ -25,10 +25,13 @@ namespace Veskan {
 class Daemon;
 class Server;
 class NetworkPerformanceMonitor;
+class TransportLayerSecurity;
+
+class Content;
 
 namespace Detail {
-class ConnectionTransform;
 class RequestReader;
+class WebSocketSupport;
 }  // namespace Detail
 
 // One connection. Server-side connections are made by the daemon for an accepted socket and start
@@ -77,6 +80,25 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   int BlockUntilCheck(ClientStates::Enumeration state) const;
   // Attaches the performance counters instance `instanceName` to the engine.
   void MonitorPerformance(const char16_t* instanceName);
+
+  // On a connection upgraded to WebSocket: sends `text` as one text message (UTF-8), or the
+  // content's bytes as one message (a text message for a "text/..." or guessed text type, else
+  // binary). The frame leaves at once when nothing else waits to be sent. False when the
+  // connection is not an open WebSocket, or when the peer has not taken more than
+  // MaxWebSocketBacklog bytes sent earlier (the connection is then closed: a client that does not
+  // read cannot make the server hold unbounded data).
+  bool WriteThroughWebSocket(const StringBuffer& text);
+  bool WriteThroughWebSocket(const std::shared_ptr<Content>& content);
+  // Sends the protocol's closing frame (with `code` where the protocol carries one) and closes
+  // the connection once it has left. Nothing on a connection that is not an open WebSocket.
+  void CloseWebSocket(int code = 1000);
+  // True from the completed handshake until the WebSocket is closed.
+  bool IsWebSocket() const;
+  // The request target of the upgrade ("/ws?room=1"); empty for a connection never upgraded.
+  StringBuffer WebSocketTarget() const;
+  // The process-wide number of the upgrade (1 for the first); 0 for a connection never upgraded.
+  std::uint32_t WebSocketNumber() const;
+  static constexpr std::size_t MaxWebSocketBacklog = 16 * 1024 * 1024;
 
   int GetSocket() const;
   ClientStates::Enumeration State() const;
@@ -139,6 +161,8 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   };
 
   void SetState(ClientStates::Enumeration state);
+  // Frames and queues bytes on an upgraded connection (see WriteThroughWebSocket).
+  bool WriteWebSocketFrame(const char* data, std::size_t length, bool binary);
   // Finishes every message still waiting; called with the lock held, announces after unlocking.
   std::vector<std::shared_ptr<Message>> TakeUnfinished();
   static void FinishMessages(const std::shared_ptr<DaemonMarshaller>& marshaller,
@@ -162,8 +186,10 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   std::int64_t lastActivitySeconds_ = 0;
   std::int64_t lastActivityNanoseconds_ = 0;
   std::unique_ptr<ParseData> parse_;
-  std::shared_ptr<Message> message_;                        // the message being read
-  std::unique_ptr<Detail::ConnectionTransform> transform_;  // TLS, when present
+  std::shared_ptr<Message> message_;                     // the message being read
+  std::shared_ptr<Detail::WebSocketSupport> webSocket_;  // set by an upgrade request
+  bool webSocketAnnounced_ = false;  // WEBSOCKETCONNECT delivered, WEBSOCKETDISCONNECT owed
+  std::shared_ptr<TransportLayerSecurity> tls_;  // the TLS session, when the server is secure
   std::deque<Exchange> exchanges_;  // in order of arrival (server) or of Send (outgoing)
   std::deque<std::shared_ptr<Message>> inFlight_;  // outgoing: written, reply not complete
   std::vector<char> out_;                          // formatted bytes not yet sent

@@ -132,6 +132,21 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   bool ProcessOut(const std::shared_ptr<Client>& client);
   // Appends bytes for `client` to send, through its transform when it has one; its lock is held.
   static void QueueBytes(Client& client, const char* bytes, std::size_t length);
+  // Sends the queued bytes of `client` as far as its socket takes them; its lock is held. False
+  // when sending failed.
+  static bool SendQueued(Client& client);
+  // Starts the WebSocket support of a connection whose upgrade request `request` was read, and
+  // feeds it the request and the bytes behind it. False: the connection breaks the protocol.
+  bool UpgradeToWebSocket(const std::shared_ptr<Client>& client,
+                          std::unique_lock<std::recursive_mutex>& lock,
+                          const std::shared_ptr<Message>& request);
+  // Answers an upgrade request that is not taken with 400 and closes once that has left.
+  static void RefuseUpgrade(Client& client);
+  // Feeds bytes to the connection's WebSocket support, queues what it answers and delivers its
+  // events to the host (without the connection's lock, which `lock` holds on entry and exit).
+  void FeedWebSocket(const std::shared_ptr<Client>& client,
+                     std::unique_lock<std::recursive_mutex>& lock, const char* data,
+                     std::size_t length);
   void ProcessAllClients();
   void CloseClient(const std::shared_ptr<Client>& client, SocketExceptions::Enumeration reason,
                    const StringBuffer& detail);

@@ -18,6 +18,11 @@ namespace Veskan {
 
 class Daemon;
 class NetworkPerformanceMonitor;
+class TransportLayerSecurity;
+
+namespace Detail {
+class TlsContext;
+}  // namespace Detail
 
 // A listening HTTP/1.1 server. Its socket and connections are served by the daemon ring; its
 // signals are delivered through its DaemonMarshaller: on the thread that constructed the server
@@ -48,7 +53,10 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   // Stops a running instance, then listens on the port of `baseUrl` ("http://*:8080/",
   // "http://localhost:0/"; host "*" or none: every address). With `retryWithSystemPort`, a taken
   // port is replaced by one the system chooses. Returns false, with the state Stopped, when no
-  // socket could be bound ("Port occupied" is logged); true once the state is Started.
+  // socket could be bound ("Port occupied" is logged); true once the state is Started. A secure
+  // server first reads its certificate and key (see TransportLayerSecurity::CreateServer): when
+  // they cannot be used, the reason is written to Server::Log, and Start returns false with the
+  // state Stopped, without listening.
   bool Start(const char16_t* baseUrl, bool retryWithSystemPort = true);
   // Closes the listening socket and every connection: each is shut down for sending, and the ones
   // still open after `graceMilliseconds` are aborted. The state is Stopped when it returns.
@@ -64,10 +72,15 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   // Attaches the performance counters instance `instanceName` to the engine.
   void MonitorPerformance(const char16_t* instanceName);
 
+  // Closes a connection upgraded to WebSocket, as Client::CloseWebSocket(1000) does.
+  void CloseWebSocket(const std::shared_ptr<Client>& client);
+
   ServerStates::Enumeration State() const;
   // The port listened on (the system's choice after a retry or for port 0); 0 when not listening.
   int Port() const;
   StringBuffer BaseUrl() const;
+  // True when a certificate or a key file was given: every connection then speaks TLS.
+  bool IsSecure() const;
   // A copy of the open connections.
   Client::Collection Connections() const;
   DaemonMarshaller& Marshaller() { return *marshaller_; }
@@ -97,6 +110,12 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   DaemonMarshaller::ServerClientMessageBoolSignal MessageReceived;
   // A reply has been written to the socket completely [6].
   DaemonMarshaller::ServerClientMessageSignal MessageSent;
+  // A WebSocket event of a connection [13]: WEBSOCKETCONNECT once its upgrade completed,
+  // WEBSOCKETMESSAGE with the text messages received (in order, each delivered once), and
+  // WEBSOCKETDISCONNECT once when it is no longer open. A GET request with "Upgrade: websocket"
+  // is answered by the engine (both the hybi-00 and the RFC 6455 handshake); it never reaches
+  // MessageReceived. Use Client::WebSocketTarget to route by path.
+  DaemonMarshaller::ServerWebSocketMessageSignal WebSocketMessage;
 
  private:
   friend class Daemon;
@@ -104,6 +123,8 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
 
   void SetState(ServerStates::Enumeration state);
   void ForgetConnection(const Client* client);
+  // A TLS session for a new connection of a started secure server; null otherwise.
+  std::shared_ptr<TransportLayerSecurity> NewTlsSession() const;
 
   std::shared_ptr<DaemonMarshaller> marshaller_;
   StringBuffer certificate_;
@@ -120,6 +141,7 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   std::shared_ptr<Daemon> daemon_;  // the daemon watching the listening socket
   int listeningSocket_ = -1;
   Client::Collection connections_;
+  std::shared_ptr<Detail::TlsContext> tlsContext_;  // a secure server's settings, built by Start
 };
 
 // The engine's diagnostic sink: lines at or above a threshold go to the system log (syslog with

@@ -31,6 +31,16 @@ bool DecodeUtf8(const char* source, std::int32_t length, icu::UnicodeString& tar
   // replaces the usual pre-flight pass that would read the input twice.
   char16_t* block = target.getBuffer(length + 1);
   if (!block) return false;
+  // Most texts on the wire are ASCII: widened directly, without the converter's set-up.
+  std::int32_t ascii = 0;
+  while (ascii < length && static_cast<unsigned char>(source[ascii]) < 0x80) {
+    block[ascii] = static_cast<char16_t>(source[ascii]);
+    ++ascii;
+  }
+  if (ascii == length) {
+    target.releaseBuffer(length);
+    return true;
+  }
   std::int32_t written = 0;
   UErrorCode status = U_ZERO_ERROR;
   u_strFromUTF8(block, length + 1, &written, source, length, &status);
@@ -48,6 +58,15 @@ bool DecodeUtf8(const char* source, std::int32_t length, icu::UnicodeString& tar
 std::string EncodeUtf8(const char16_t* source, std::int32_t length) {
   std::string text;
   if (!source || length < 1 || length > INT32_MAX / 3) return text;
+  std::int32_t ascii = 0;
+  while (ascii < length && source[ascii] < 0x80)
+    ++ascii;
+  if (ascii == length) {  // narrowed directly, without the converter's set-up
+    text.resize(static_cast<std::size_t>(length));
+    for (std::int32_t i = 0; i < length; ++i)
+      text[static_cast<std::size_t>(i)] = static_cast<char>(source[i]);
+    return text;
+  }
   text.resize(static_cast<std::size_t>(length) * 3);
   std::int32_t written = 0;
   UErrorCode status = U_ZERO_ERROR;

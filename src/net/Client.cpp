@@ -1,6 +1,7 @@
 // Client: the host's operations on one connection. The worker's side lives in Daemon.cpp.
 #include <veskan/Address.h>
 #include <veskan/Client.h>
+#include <veskan/Content.h>
 #include <veskan/Daemon.h>
 #include <veskan/Logger.h>
 #include <veskan/NetworkPerformanceMonitor.h>
@@ -8,9 +9,9 @@
 #include <veskan/Url.h>
 
 #include "http/SignalPool.h"
-#include "net/ConnectionTransform.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
+#include "net/websocket/WebSocketSupport.h"
 #include "sys/Socket.h"
 
 #include <atomic>
@@ -197,7 +198,7 @@ void Client::Disconnect(bool disconnectSlots) {
             << " "
             << MessageFormat(u"closesock: Client::Disconnect, __LINE__ = {0,number}", {__LINE__});
       }
-      transform_.reset();
+      tls_.reset();
       closing_ = true;  // the worker closes the socket, which it may be polling right now
       std::shared_ptr<Daemon> daemon = daemon_;
       lock.unlock();
@@ -310,6 +311,75 @@ int Client::BlockUntilCheck(ClientStates::Enumeration state) const {
 
 void Client::MonitorPerformance(const char16_t* instanceName) {
   Daemon::MonitorPerformance(std::make_shared<NetworkPerformanceMonitor>(instanceName));
+}
+
+bool Client::WriteThroughWebSocket(const StringBuffer& text) {
+  std::string bytes = text.ToUTF8();
+  return WriteWebSocketFrame(bytes.data(), bytes.size(), false);
+}
+
+bool Client::WriteThroughWebSocket(const std::shared_ptr<Content>& content) {
+  if (!content) return false;
+  if (content->Length < 0) return WriteThroughWebSocket(content->Text);
+  bool binary = StringBuffer(content->GuessType()) == Content::Types::ApplicationOctetStream;
+  return WriteWebSocketFrame(reinterpret_cast<const char*>(content->Bytes.Data()),
+                             static_cast<std::size_t>(content->Length), binary);
+}
+
+bool Client::WriteWebSocketFrame(const char* data, std::size_t length, bool binary) {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  if (!webSocket_ || closing_ || socket_ < 0 || closeAfterWrite_) return false;
+  std::shared_ptr<Daemon> daemon = daemon_;
+  if (out_.size() - outSent_ > MaxWebSocketBacklog) {
+    lock.unlock();
+    Detail::EngineLog(Logger::Severity::Warning, "Veskan::Client::WriteThroughWebSocket",
+                      StringBuffer(" peer does not read, closing: ") + PeerAddress());
+    if (daemon) daemon->ScheduleCloseClient(shared_from_this());
+    return false;
+  }
+  std::string frame;
+  if (!webSocket_->Write(data, length, binary, frame)) return false;
+  bool wasIdle = outSent_ == out_.size();
+  Daemon::QueueBytes(*this, frame.data(), frame.size());
+  // Sent from this thread right away: a broadcast to thousands of connections does not wait for
+  // each worker to wake up. What the socket does not take now the worker sends when writable.
+  if (wasIdle && Daemon::SendQueued(*this) && outSent_ == out_.size() && written_.empty()) {
+    out_.clear();
+    outSent_ = 0;
+    if (out_.capacity() > 65536) out_.shrink_to_fit();
+    return true;
+  }
+  lock.unlock();
+  if (daemon) daemon->WakeUp();
+  return true;
+}
+
+void Client::CloseWebSocket(int code) {
+  std::unique_lock<std::recursive_mutex> lock(mutex_);
+  if (!webSocket_ || !webSocket_->IsOpen() || closing_ || socket_ < 0) return;
+  std::string frame;
+  webSocket_->Close(code, frame);
+  Daemon::QueueBytes(*this, frame.data(), frame.size());
+  closeAfterWrite_ = true;  // the worker closes the connection once the frame has left
+  readStopped_ = true;
+  std::shared_ptr<Daemon> daemon = daemon_;
+  lock.unlock();
+  if (daemon) daemon->WakeUp();
+}
+
+bool Client::IsWebSocket() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return webSocket_ && webSocket_->IsOpen() && !closing_;
+}
+
+StringBuffer Client::WebSocketTarget() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return webSocket_ ? UTF8to16(webSocket_->Target().c_str()) : StringBuffer();
+}
+
+std::uint32_t Client::WebSocketNumber() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return webSocket_ ? webSocket_->ConnectionNumber() : 0;
 }
 
 int Client::GetSocket() const {

@@ -5,13 +5,15 @@
 #include <veskan/Logger.h>
 #include <veskan/NetworkPerformanceMonitor.h>
 #include <veskan/Server.h>
+#include <veskan/TransportLayerSecurity.h>
 #include <veskan/Url.h>
+#include <veskan/WSData.h>
 
-#include "net/ConnectionTransform.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
 #include "net/ReplyWriter.h"
 #include "net/RequestReader.h"
+#include "net/websocket/WebSocketSupport.h"
 #include "sys/Clock.h"
 #include "sys/Socket.h"
 
@@ -517,6 +519,18 @@ std::shared_ptr<Client> Daemon::FinalizeNewConnection(int socket, const StringBu
                                                       const std::shared_ptr<Server>& server) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::FinalizeNewConnection")
       << " sin.addr_.sin_addr: " << peerAddress;
+  // A secure server's connection has its session before a worker can read it; without one it is
+  // not served at all, never in plain HTTP.
+  std::shared_ptr<TransportLayerSecurity> tls;
+  if (server->IsSecure()) {
+    tls = server->NewTlsSession();
+    if (!tls) {
+      Detail::EngineLog(Logger::Severity::Error, "Veskan::Daemon::FinalizeNewConnection",
+                        StringBuffer(u"no TLS session, socket: ") + FormatInteger(socket));
+      Sys::SocketCalls::Close(socket);
+      return nullptr;
+    }
+  }
   std::shared_ptr<Client> client;
   {
     std::lock_guard<std::recursive_mutex> ring(LinkListMutex);
@@ -525,6 +539,7 @@ std::shared_ptr<Client> Daemon::FinalizeNewConnection(int socket, const StringBu
     client.reset(new Client(socket, server, chosen));
     client->peerAddress_ = peerAddress;
     client->peerPort_ = peerPort;
+    client->tls_ = std::move(tls);
     client->parse_->MaxBodySize = server->MaxBodySize();
     client->lastActivitySeconds_ = Now() / NanosecondsPerSecond;
     if (!chosen->Include(client)) {  // cannot happen under the ring lock; the socket goes
@@ -571,19 +586,19 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     int socket = client->socket_;
     bool final = false;
     long received;
-    if (client->transform_) {
+    if (client->tls_) {
       char wire[16384];
       received = Sys::SocketCalls::Receive(socket, wire, sizeof wire, error);
       if (received > 0) {
         std::vector<char> plain;
         std::vector<char> answer;
-        if (!client->transform_->Incoming(wire, static_cast<std::size_t>(received), plain,
-                                          answer)) {
+        if (!client->tls_->Incoming(wire, static_cast<std::size_t>(received), plain, answer)) {
           lock.unlock();
           CloseClient(client, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"tls"));
           return;
         }
         client->out_.insert(client->out_.end(), answer.begin(), answer.end());
+        if (plain.empty()) continue;  // handshake records only: no end of the stream
         int needed = parse.WritePosition + static_cast<int>(plain.size());
         if (needed > parse.ReadBuffer.Size()) parse.ReadBuffer.Resize(needed);
         std::memcpy(parse.ReadBuffer.Data() + parse.WritePosition, plain.data(), plain.size());
@@ -608,7 +623,13 @@ void Daemon::ProcessSocketReadable(const std::shared_ptr<Client>& client) {
     Detail::CountEvent(Counters::BytesReceived, static_cast<int>(received));
     Detail::CountEvent(Counters::ReadableEvents, 1);
 
-    if (client->readStopped_) {  // bytes after the last message of the connection are dropped
+    if (client->webSocket_) {  // frames: the HTTP reader is done with this connection
+      const char* data =
+          reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition;
+      std::size_t length = static_cast<std::size_t>(parse.WritePosition - parse.ReadPosition);
+      parse.ReadPosition = parse.WritePosition;
+      if (!client->readStopped_) FeedWebSocket(client, lock, data, length);
+    } else if (client->readStopped_) {  // bytes after the last message are dropped
       parse.ReadPosition = parse.WritePosition;
     } else if (Detail::IsPolicyFileRequest(parse)) {
       parse.ReadPosition = parse.WritePosition;
@@ -676,6 +697,12 @@ bool Daemon::ProcessIn(const std::shared_ptr<Client>& client,
     }
   }
   if (outcome == Detail::ReadOutcome::Stop) client->readStopped_ = true;
+  if (outcome == Detail::ReadOutcome::Upgrade) {
+    // An upgrade behind requests not yet answered would put the handshake's answer before
+    // their replies; no browser does that.
+    if (events.size() != 1 || !client->exchanges_.empty()) return false;
+    return UpgradeToWebSocket(client, lock, events.back().Subject);
+  }
   if (events.empty()) return outcome != Detail::ReadOutcome::Violation;
 
   // The host hears about it without the connection's lock.
@@ -693,6 +720,7 @@ bool Daemon::ProcessIn(const std::shared_ptr<Client>& client,
         }
         break;
       case Detail::ReaderEvent::Kind::ContinueExpected:
+      case Detail::ReaderEvent::Kind::UpgradeRequested:
         break;
       case Detail::ReaderEvent::Kind::PartComplete:
         Detail::CountEvent(Counters::PartsReceived, 1);
@@ -773,8 +801,8 @@ void Daemon::HandleConnectingClient(const std::shared_ptr<Client>& client, int e
 }
 
 void Daemon::QueueBytes(Client& client, const char* bytes, std::size_t length) {
-  if (client.transform_) {
-    client.transform_->Outgoing(bytes, length, client.out_);
+  if (client.tls_) {
+    client.tls_->Outgoing(bytes, length, client.out_);
   } else {
     client.out_.insert(client.out_.end(), bytes, bytes + length);
   }
@@ -793,6 +821,95 @@ long Daemon::sendall(int socket, const char* data, std::size_t length, int& erro
   return static_cast<long>(sent);
 }
 
+bool Daemon::SendQueued(Client& client) {
+  if (client.outSent_ >= client.out_.size()) return true;
+  int error = 0;
+  long sent = sendall(client.socket_, client.out_.data() + client.outSent_,
+                      client.out_.size() - client.outSent_, error);
+  if (sent < 0) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessOut")
+        << " send: n = " << client.outSent_ << ", out_octetStreamSize = " << client.out_.size()
+        << ", lastError = " << error;
+    return false;
+  }
+  client.outSent_ += static_cast<std::size_t>(sent);  // a partial send waits for writable
+  if (sent > 0) Detail::CountEvent(Counters::BytesSent, static_cast<int>(sent));
+  return true;
+}
+
+void Daemon::RefuseUpgrade(Client& client) {
+  static const char refusal[] =
+      "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  QueueBytes(client, refusal, sizeof refusal - 1);
+  client.closeAfterWrite_ = true;
+  client.readStopped_ = true;
+}
+
+bool Daemon::UpgradeToWebSocket(const std::shared_ptr<Client>& client,
+                                std::unique_lock<std::recursive_mutex>& lock,
+                                const std::shared_ptr<Message>& request) {
+  Client::ParseData& parse = *client->parse_;
+  std::shared_ptr<Server> server = client->server_.lock();
+  if (!server || server->WebSocketMessage.empty()) {
+    // A server that takes no WebSocket events would hold such connections for nothing.
+    parse.ReadPosition = parse.WritePosition;
+    RefuseUpgrade(*client);
+    return true;
+  }
+  // The handshake reads the request as it came; the reader has taken it apart, so it is put
+  // back together (names, values and target are kept exactly).
+  std::string bytes;
+  {
+    auto messageLock = request->Lock();
+    bytes = "GET " + request->Url->Text.ToUTF8() + " HTTP/1.1\r\n";
+    for (const Header& header : request->Request->Headers) {
+      bytes += header.Name.ToUTF8() + ": " + header.Value.ToUTF8() + "\r\n";
+    }
+    bytes += "\r\n";
+  }
+  bytes.append(reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition,
+               static_cast<std::size_t>(parse.WritePosition - parse.ReadPosition));
+  parse.ReadPosition = parse.WritePosition;
+  client->webSocket_ =
+      std::make_shared<Detail::WebSocketSupport>(static_cast<std::size_t>(parse.MaxBodySize));
+  FeedWebSocket(client, lock, bytes.data(), bytes.size());
+  return true;
+}
+
+void Daemon::FeedWebSocket(const std::shared_ptr<Client>& client,
+                           std::unique_lock<std::recursive_mutex>& lock, const char* data,
+                           std::size_t length) {
+  std::shared_ptr<Detail::WebSocketSupport> support = client->webSocket_;
+  bool wasOpen = support->IsOpen();
+  std::vector<std::shared_ptr<WSData>> events;
+  std::string wire;
+  int result = support->Feed(data, length, events, wire);
+  if (!wire.empty()) QueueBytes(*client, wire.data(), wire.size());
+  if (support->HandshakeFailed()) {
+    RefuseUpgrade(*client);
+    return;
+  }
+  if ((wasOpen || result == Detail::WebSocketSupport::Deliver) && !support->IsOpen()) {
+    // A closing or malformed frame closed it: the closing bytes leave, then the connection goes.
+    client->closeAfterWrite_ = true;
+    client->readStopped_ = true;
+  }
+  if (events.empty()) return;
+  if (events.front()->Method == Methods::WEBSOCKETCONNECT) client->webSocketAnnounced_ = true;
+  std::shared_ptr<Server> server = client->server_.lock();
+  lock.unlock();
+  for (const std::shared_ptr<WSData>& event : events) {
+    if (event->Method == Methods::WEBSOCKETMESSAGE) {
+      Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(event->Messages.size()));
+    }
+    if (server && !server->WebSocketMessage.empty()) {
+      client->marshaller_->Marshal_ServerWebSocketMessage(server->WebSocketMessage, server, client,
+                                                          event);
+    }
+  }
+  lock.lock();
+}
+
 bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
   std::unique_lock<std::recursive_mutex> lock(client->mutex_);
   if (client->closing_ || client->socket_ < 0 || client->state_ == ClientStates::Connecting) {
@@ -806,7 +923,7 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
          !client->closeAfterWrite_) {
     Client::Exchange exchange = std::move(client->exchanges_.front());
     client->exchanges_.pop_front();
-    std::vector<char>& target = client->transform_ ? plain : client->out_;
+    std::vector<char>& target = client->tls_ ? plain : client->out_;
     if (serverSide) {
       Detail::FormatReply(*exchange.message, exchange.keepAlive, target);
       if (!exchange.keepAlive) client->closeAfterWrite_ = true;
@@ -815,29 +932,17 @@ bool Daemon::ProcessOut(const std::shared_ptr<Client>& client) {
       client->inFlight_.push_back(exchange.message);
       requestsWritten.push_back(exchange.message);
     }
-    if (client->transform_) {
-      if (!client->transform_->Outgoing(plain.data(), plain.size(), client->out_)) return false;
+    if (client->tls_) {
+      if (!client->tls_->Outgoing(plain.data(), plain.size(), client->out_)) return false;
       plain.clear();
     }
     client->written_.push_back(Client::Written{client->out_.size(), exchange.message});
+    // The last reply of a secure connection ends with close_notify, so that it is not taken for
+    // a truncation.
+    if (client->closeAfterWrite_ && client->tls_) client->tls_->Close(client->out_);
   }
 
-  std::size_t before = client->outSent_;
-  if (client->outSent_ < client->out_.size()) {
-    int error = 0;
-    long sent = sendall(client->socket_, client->out_.data() + client->outSent_,
-                        client->out_.size() - client->outSent_, error);
-    if (sent < 0) {
-      Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessOut")
-          << " send: n = " << client->outSent_ << ", out_octetStreamSize = " << client->out_.size()
-          << ", lastError = " << error;
-      return false;
-    }
-    client->outSent_ += static_cast<std::size_t>(sent);  // a partial send waits for writable
-  }
-  if (client->outSent_ > before) {
-    Detail::CountEvent(Counters::BytesSent, static_cast<int>(client->outSent_ - before));
-  }
+  if (!SendQueued(*client)) return false;
 
   std::vector<std::shared_ptr<Message>> sent;
   while (!client->written_.empty() && client->written_.front().end <= client->outSent_) {
@@ -900,8 +1005,10 @@ void Daemon::ProcessAllClients() {
     ClientStates::Enumeration state = client->state_;
     std::shared_ptr<Server> server = client->server_.lock();
     int idleLimit = server ? server->IdleTimeout() : 0;
+    // An open WebSocket is a channel the host keeps on purpose, quiet or not.
     bool idle = idleLimit > 0 && now - client->lastActivitySeconds_ >= idleLimit &&
-                client->exchanges_.empty() && client->out_.empty();
+                client->exchanges_.empty() && client->out_.empty() &&
+                !(client->webSocket_ && client->webSocket_->IsOpen());
     bool connectExpired = state == ClientStates::Connecting && --client->connectTimeout_ <= 0;
     // A connection quiet for a second gives its read buffer back until bytes arrive again, so
     // that thousands of idle keep-alive connections cost little memory.
@@ -946,11 +1053,13 @@ void Daemon::CloseClient(const std::shared_ptr<Client>& client,
     return;
   }
   ClientStates::Enumeration before = client->state_;
+  bool webSocketGone = client->webSocketAnnounced_;
+  client->webSocketAnnounced_ = false;
   client->socket_ = -1;
   client->closing_ = true;
   client->closeReason_ = reason;
   client->state_ = ClientStates::Disconnected;
-  client->transform_.reset();
+  client->tls_.reset();
   std::vector<std::shared_ptr<Message>> unfinished = client->TakeUnfinished();
   client->out_.clear();
   client->out_.shrink_to_fit();
@@ -969,6 +1078,11 @@ void Daemon::CloseClient(const std::shared_ptr<Client>& client,
   }
   Client::FinishMessages(client->marshaller_, unfinished);
   DaemonMarshaller& marshaller = *client->marshaller_;
+  if (webSocketGone && server && !server->WebSocketMessage.empty()) {
+    auto event = std::make_shared<WSData>();
+    event->Method = Methods::WEBSOCKETDISCONNECT;
+    marshaller.Marshal_ServerWebSocketMessage(server->WebSocketMessage, server, client, event);
+  }
   if (!client->Closed.empty()) {
     marshaller.Marshal_ClientMessageStringBufferStringBuffer(
         client->Closed, client, nullptr, StringBuffer(SocketExceptions::ToString(reason)), detail);

@@ -188,12 +188,14 @@ class Reader {
           return ReadOutcome::Violation;
         case Step::Stop:
           return ReadOutcome::Stop;
+        case Step::Upgrade:
+          return ReadOutcome::Upgrade;
       }
     }
   }
 
  private:
-  enum class Step { Continue, Wait, Violation, Stop };
+  enum class Step { Continue, Wait, Violation, Stop, Upgrade };
 
   void Consume(int count) { parse_.ReadPosition += count; }
 
@@ -374,6 +376,17 @@ class Reader {
       return Step::Continue;
     }
     bool upgrade = framing.upgrade && EqualsIgnoringAsciiCase(framing.upgrade->Value, u"websocket");
+    if (upgrade && serverSide_ && current_->Method == Methods::GET) {
+      // The WebSocket handshake takes over from here; the request never becomes an exchange.
+      lock.unlock();
+      events_.push_back(
+          ReaderEvent{ReaderEvent::Kind::UpgradeRequested, current_, nullptr, 0, true});
+      current_.reset();
+      parse_.HeaderBytes = 0;
+      parse_.Delimiter.clear();
+      parse_.State = States::Waiting;
+      return Step::Upgrade;
+    }
     bool continueExpected = serverSide_ && framing.expect &&
                             EqualsIgnoringAsciiCase(framing.expect->Value, u"100-continue");
     // Chunked or not, a multipart body is split into parts as it arrives.

@@ -20,6 +20,7 @@ struct ReaderEvent {
     PartComplete,      // Part and its index in Value
     MessageComplete,   // the message is ready to be announced Loaded
     ContinueExpected,  // the client waits for "100 Continue" before sending the body
+    UpgradeRequested,  // a WebSocket upgrade request's headers are complete
   };
   Kind What;
   std::shared_ptr<Message> Subject;
@@ -32,6 +33,8 @@ enum class ReadOutcome {
   NeedMore,   // every complete message has been read; more bytes are needed
   Violation,  // the bytes break the protocol or a limit: close the connection
   Stop,       // a message ended the connection's exchanges (no keep-alive): read no further
+  Upgrade,    // a WebSocket upgrade request (UpgradeRequested): the bytes after its header block
+              // belong to the WebSocket protocol
 };
 
 // The socket policy probe that browser plug-ins send, and the engine's answer to it.

@@ -3,8 +3,10 @@
 #include <veskan/Logger.h>
 #include <veskan/NetworkPerformanceMonitor.h>
 #include <veskan/Server.h>
+#include <veskan/TransportLayerSecurity.h>
 
 #include "net/EngineLog.h"
+#include "net/TlsContext.h"
 #include "sys/Socket.h"
 
 namespace Veskan {
@@ -33,6 +35,21 @@ bool Server::Start(const char16_t* baseUrl, bool retryWithSystemPort) {
     baseUrl_ = baseUrl;
   }
   SetState(ServerStates::Starting);
+
+  if (IsSecure()) {
+    // Checked before listening: a server asked to be secure never serves plain HTTP.
+    TransportLayerSecurity::StatusCodes::Enumeration status;
+    std::shared_ptr<Detail::TlsContext> context =
+        Detail::TlsContext::AcquireServer(certificate_, key_, status);
+    {
+      std::lock_guard<std::recursive_mutex> lock(mutex_);
+      tlsContext_ = context;
+    }
+    if (!context) {
+      SetState(ServerStates::Stopped);
+      return false;
+    }
+  }
 
   std::shared_ptr<Server> self = shared_from_this();
   int port = 0;
@@ -125,6 +142,10 @@ void Server::MonitorPerformance(const char16_t* instanceName) {
   Daemon::MonitorPerformance(std::make_shared<NetworkPerformanceMonitor>(instanceName));
 }
 
+void Server::CloseWebSocket(const std::shared_ptr<Client>& client) {
+  if (client) client->CloseWebSocket(1000);
+}
+
 ServerStates::Enumeration Server::State() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   return state_;
@@ -163,6 +184,19 @@ void Server::SetIdleTimeout(int seconds) {
 int Server::IdleTimeout() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   return idleTimeout_;
+}
+
+bool Server::IsSecure() const {
+  return !certificate_.isEmpty() || !key_.isEmpty();
+}
+
+std::shared_ptr<TransportLayerSecurity> Server::NewTlsSession() const {
+  std::shared_ptr<Detail::TlsContext> context;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    context = tlsContext_;
+  }
+  return context ? context->NewSession() : nullptr;
 }
 
 void Server::SetState(ServerStates::Enumeration state) {

@@ -173,6 +173,9 @@ class Feeder {
         case ReaderEvent::Kind::ContinueExpected:
           Fuzzing::Require(options_.serverSide && event.Subject == subject_);
           break;
+        case ReaderEvent::Kind::UpgradeRequested:
+          Fuzzing::Require(options_.serverSide && event.Subject->Method == Methods::GET);
+          break;
         case ReaderEvent::Kind::MessageComplete: {
           Fuzzing::Require(event.Subject == subject_);
           Fuzzing::Require(event.Value >= 0 && event.Value <= parse_.MaxBodySize);

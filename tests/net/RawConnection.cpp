@@ -75,6 +75,15 @@ std::string RawConnection::ReadResponse() {
   return response;
 }
 
+std::string RawConnection::ReadBytes(std::size_t count) {
+  while (buffer_.size() < count) {
+    if (!Fill()) return std::string();
+  }
+  std::string bytes = buffer_.substr(0, count);
+  buffer_.erase(0, count);
+  return bytes;
+}
+
 std::string RawConnection::ReadUntilClosed() {
   while (Fill()) {
   }

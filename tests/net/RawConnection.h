@@ -21,6 +21,8 @@ class RawConnection {
   // Reads one HTTP response (status line, headers, Content-Length body); empty on EOF, error or
   // time-out. Bytes behind it stay buffered for the next call.
   std::string ReadResponse();
+  // Reads exactly `count` bytes; empty on EOF, error or time-out.
+  std::string ReadBytes(std::size_t count);
   // Reads until the peer closes (or the time-out); returns everything read.
   std::string ReadUntilClosed();
   // True when the peer has closed the connection (EOF or reset) within the time-out.

@@ -146,6 +146,8 @@ const char* ToText(ReadOutcome outcome) {
       return "Violation";
     case ReadOutcome::Stop:
       return "Stop";
+    case ReadOutcome::Upgrade:
+      return "Upgrade";
   }
   return "?";
 }
@@ -211,6 +213,9 @@ class Feeder {
           break;
         case ReaderEvent::Kind::ContinueExpected:
           break;  // depends on how the bytes arrive: only asked for before the body has begun
+        case ReaderEvent::Kind::UpgradeRequested:
+          text += "upgrade\n" + Describe(event.Subject, setup_.serverSide) + "\n";
+          break;
       }
     }
     text += broken_;
@@ -268,7 +273,8 @@ class Feeder {
     for (std::size_t i = firstNew; i < events.size(); ++i) {
       const ReaderEvent& event = events[i];
       expect(event.Subject != nullptr, "broken: event without a message");
-      if (event.What == ReaderEvent::Kind::HeadersComplete) {
+      if (event.What == ReaderEvent::Kind::HeadersComplete ||
+          event.What == ReaderEvent::Kind::UpgradeRequested) {
         subject_ = event.Subject;
       } else {
         expect(event.Subject == subject_, "broken: event for another message");
@@ -610,11 +616,17 @@ TEST(RequestReaderBodyTest, ReadsAnEmptyChunkedBody) {
             ReadEveryWay("POST /e HTTP/1.1\r\nTransfer-Encoding: chunked\r\n\r\n0\r\n\r\n"));
 }
 
-TEST(RequestReaderBodyTest, IgnoresTransferEncodingOnAWebSocketUpgrade) {
-  EXPECT_EQ(Lines({"headers 0", "message 0 close", "  GET /ws", "  header Upgrade: WebSocket",
-                   "  header Transfer-Encoding: chunked", "outcome Stop"}),
+TEST(RequestReaderBodyTest, HandsAWebSocketUpgradeOverAfterItsHeaders) {
+  // The bytes behind the header block are frames, never a body or a next request, whatever the
+  // headers claim.
+  EXPECT_EQ(Lines({"upgrade", "  GET /ws", "  header Upgrade: WebSocket",
+                   "  header Transfer-Encoding: chunked", "outcome Upgrade"}),
             ReadEveryWay("GET /ws HTTP/1.1\r\nUpgrade: WebSocket\r\n"
                          "Transfer-Encoding: chunked\r\n\r\n"));
+  // Only a GET upgrades; a POST claiming it is read as an ordinary request.
+  EXPECT_EQ(Lines({"headers 0", "message 0 close", "  POST /ws", "  header Upgrade: websocket",
+                   "outcome Stop"}),
+            ReadEveryWay("POST /ws HTTP/1.1\r\nUpgrade: websocket\r\n\r\n"));
 }
 
 // --- Multipart bodies -------------------------------------------------------------------------

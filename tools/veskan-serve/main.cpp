@@ -1,10 +1,16 @@
 // veskan-serve: a small HTTP server built with the library, for trying it out, for black-box
 // tests and for the benchmarks.
 //
-//   veskan-serve [--port N] [--root DIR] [--direct]
+//   veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key FILE]]
+//
+// With --cert it serves HTTPS only: the certificate (chain) and its private key in PEM or DER, the
+// key in the certificate file when --key is not given. A certificate or key that cannot be used
+// is reported on stderr, and the program exits with 1.
 //
 // Routes: /echo describes the request as the library parsed it, /files/PATH serves files under
-// the root, /hello answers "Hello, world!", /status reports the engine's counts; anything else
+// the root, /hello answers "Hello, world!", /status reports the engine's counts, /ws is a
+// WebSocket (either handshake) that sends every text message back, and POST /broadcast sends its
+// body as one text message to every /ws connection and answers how many took it; anything else
 // is 404. Stops on SIGINT or SIGTERM.
 #include <veskan/Body.h>
 #include <veskan/ByteBuffer.h>
@@ -15,6 +21,7 @@
 #include <veskan/Message.h>
 #include <veskan/Server.h>
 #include <veskan/StringBuffer.h>
+#include <veskan/WSData.h>
 #include <veskan/XmlSchema.h>
 
 #include <sys/resource.h>
@@ -25,6 +32,8 @@
 #include <cstring>
 #include <filesystem>
 #include <iostream>
+#include <map>
+#include <mutex>
 #include <string>
 
 namespace {
@@ -44,6 +53,8 @@ struct Options {
   int port = DefaultPort;
   std::filesystem::path root = std::filesystem::current_path();
   bool direct = false;
+  std::string certificate;
+  std::string key;
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -59,6 +70,10 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.root = argv[++i];
     } else if (argument == "--direct") {
       options.direct = true;
+    } else if (argument == "--cert" && hasValue) {
+      options.certificate = argv[++i];
+    } else if (argument == "--key" && hasValue) {
+      options.key = argv[++i];
     } else {
       return false;
     }
@@ -121,8 +136,40 @@ class Routes {
     } else if (path == StringBuffer(u"/status")) {
       lock.unlock();
       Status(server, message);
+    } else if (path == StringBuffer(u"/broadcast") && message->Method == Methods::POST) {
+      lock.unlock();
+      Broadcast(message);
     } else {
       message->StatusCode = 404;
+    }
+  }
+
+  // /ws: every text message goes back to its sender. Upgrades to other paths are closed.
+  void OnWebSocket(const std::shared_ptr<Client>& client, const std::shared_ptr<WSData>& event) {
+    switch (event->Method) {
+      case Methods::WEBSOCKETCONNECT: {
+        StringBuffer target = client->WebSocketTarget();
+        int query = target.indexOf(u'?');
+        if (query >= 0) target.truncate(query);
+        if (target != u"/ws") {
+          client->CloseWebSocket(1008);  // policy violation: nothing is served there
+          return;
+        }
+        std::lock_guard<std::mutex> lock(socketsMutex_);
+        sockets_[client->Id()] = client;
+        return;
+      }
+      case Methods::WEBSOCKETMESSAGE:
+        for (const StringBuffer& text : event->Messages)
+          client->WriteThroughWebSocket(text);
+        return;
+      case Methods::WEBSOCKETDISCONNECT: {
+        std::lock_guard<std::mutex> lock(socketsMutex_);
+        sockets_.erase(client->Id());
+        return;
+      }
+      default:
+        return;
     }
   }
 
@@ -218,6 +265,38 @@ class Routes {
     Reply(message, 200, MediaTypeOf(file), content);
   }
 
+  // POST /broadcast: the body, as one text message, to every /ws connection; answers the number
+  // of connections that took it.
+  void Broadcast(const std::shared_ptr<Message>& message) {
+    StringBuffer text;
+    {
+      auto lock = message->Lock();
+      const std::shared_ptr<Content>& body = message->Request->Content;
+      if (body && body->Size() > 0) text = UTF8to16(body->Data(), 0, body->Size());
+    }
+    std::vector<std::shared_ptr<Client>> targets;
+    {
+      std::lock_guard<std::mutex> lock(socketsMutex_);
+      targets.reserve(sockets_.size());
+      for (const auto& entry : sockets_)
+        targets.push_back(entry.second);
+    }
+    int reached = 0;
+    for (const std::shared_ptr<Client>& client : targets) {
+      if (client->WriteThroughWebSocket(text)) ++reached;
+    }
+    std::string count = std::to_string(reached);
+    auto lock = message->Lock();
+    Reply(*message, 200, Content::Types::TextPlain,
+          std::make_shared<Content>(reinterpret_cast<const unsigned char*>(count.data()),
+                                    static_cast<int>(count.size())));
+  }
+
+  int WebSocketCount() {
+    std::lock_guard<std::mutex> lock(socketsMutex_);
+    return static_cast<int>(sockets_.size());
+  }
+
   void Status(const std::shared_ptr<Server>& server, const std::shared_ptr<Message>& message) {
     std::shared_ptr<XmlDocument> document = XmlSchema::NewDoc(u"<status/>");
     xercesc::DOMElement* status = XmlSchema::DocumentElement(document);
@@ -227,13 +306,16 @@ class Routes {
                             FormatInteger(Daemon::DaemonCount()).getTerminatedBuffer());
     XmlSchema::SetAttribute(status, u"requests",
                             FormatInteger(static_cast<int>(served_.load())).getTerminatedBuffer());
-    XmlSchema::SetAttribute(status, u"websockets", u"0");
+    XmlSchema::SetAttribute(status, u"websockets",
+                            FormatInteger(WebSocketCount()).getTerminatedBuffer());
     RespondXml(message, document);
   }
 
   std::filesystem::path root_;
   std::shared_ptr<Content> hello_;
   std::atomic<long long> served_{0};
+  std::mutex socketsMutex_;
+  std::map<std::uint64_t, std::shared_ptr<Client>> sockets_;  // the open /ws connections by id
 };
 
 }  // namespace
@@ -241,7 +323,8 @@ class Routes {
 int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, options)) {
-    std::cerr << "usage: veskan-serve [--port N] [--root DIR] [--direct]\n";
+    std::cerr << "usage: veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key "
+                 "FILE]]\n";
     return 2;
   }
   // Every connection is a descriptor: a school's worth of browsers needs more than the usual
@@ -256,17 +339,36 @@ int main(int argc, char** argv) {
 
   Globals globals;  // the XML engines, for /echo and /status
   Routes routes(options.root);
-  auto server = std::make_shared<Server>(options.direct, nullptr, nullptr);
+  StringBuffer certificate = UTF8to16(options.certificate.c_str());
+  StringBuffer key = UTF8to16(options.key.c_str());
+  auto server = std::make_shared<Server>(options.direct, certificate.getTerminatedBuffer(),
+                                         key.getTerminatedBuffer());
   server->MessageReceived.connect(
       [&routes](const std::shared_ptr<Server>& from, const std::shared_ptr<Client>&,
                 const std::shared_ptr<Message>& message, bool&) { routes.Answer(from, message); });
+  server->WebSocketMessage.connect(
+      [&routes](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
+                const std::shared_ptr<WSData>& event) { routes.OnWebSocket(client, event); });
 
   StringBuffer base = StringBuffer(u"http://127.0.0.1:") + FormatInteger(options.port) + u"/";
-  if (!server->Start(base.getTerminatedBuffer(), false)) {
-    std::cerr << "veskan-serve: cannot listen on port " << options.port << '\n';
+  // The server's own errors (a certificate that cannot be used, a taken port) are shown as they
+  // are logged.
+  std::string errors;
+  Server::Log::SetAlertHandler(
+      [&errors](const char16_t*, const char16_t* text, Server::Log::Enumeration) {
+        errors += StringBuffer(text).ToUTF8() + "\n";
+      });
+  Server::Log::Start(u"MessageBox", Server::Log::Error);
+  bool started = server->Start(base.getTerminatedBuffer(), false);
+  Server::Log::Stop();
+  Server::Log::SetAlertHandler(nullptr);
+  if (!started) {
+    if (errors.empty()) errors = "cannot listen on port " + std::to_string(options.port) + "\n";
+    std::cerr << "veskan-serve: " << errors;
     return 1;
   }
-  std::cout << "listening on http://127.0.0.1:" << server->Port() << "/" << std::endl;
+  std::cout << "listening on " << (server->IsSecure() ? "https" : "http")
+            << "://127.0.0.1:" << server->Port() << "/" << std::endl;
 
   while (!stopRequested) {
     // In window mode the handlers run here; in direct mode this only watches for the stop.

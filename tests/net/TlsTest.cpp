@@ -1,0 +1,646 @@
+// TLS: the set-up of a secure server from certificate and key files and its error texts, a
+// session driven in memory by an OpenSSL client, and a secure server with real peers on loopback
+// (curl, openssl s_client, raw sockets that do not speak TLS).
+#include <veskan/Client.h>
+#include <veskan/Daemon.h>
+#include <veskan/Server.h>
+#include <veskan/TransportLayerSecurity.h>
+
+#include "RawConnection.h"
+#include "TestSupport.h"
+
+#include <openssl/bio.h>
+#include <openssl/err.h>
+#include <openssl/evp.h>
+#include <openssl/pem.h>
+#include <openssl/rsa.h>
+#include <openssl/ssl.h>
+#include <openssl/x509.h>
+#include <openssl/x509v3.h>
+
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <cstdio>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <random>
+#include <string>
+#include <vector>
+
+namespace Veskan {
+namespace {
+
+using Status = TransportLayerSecurity::StatusCodes;
+using Testing::RawConnection;
+using Testing::TemporaryFolder;
+
+struct BioFree {
+  void operator()(BIO* bio) const { BIO_free(bio); }
+};
+struct KeyFree {
+  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
+};
+struct X509Free {
+  void operator()(X509* certificate) const { X509_free(certificate); }
+};
+struct ExtensionFree {
+  void operator()(X509_EXTENSION* extension) const { X509_EXTENSION_free(extension); }
+};
+struct ContextFree {
+  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
+};
+struct SslFree {
+  void operator()(SSL* ssl) const { SSL_free(ssl); }
+};
+using BioPtr = std::unique_ptr<BIO, BioFree>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, KeyFree>;
+using X509Ptr = std::unique_ptr<X509, X509Free>;
+using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
+using SslPtr = std::unique_ptr<SSL, SslFree>;
+
+std::string Text(const StringBuffer& text) {
+  return text.ToUTF8();
+}
+
+// What a memory BIO holds.
+std::string Contents(BIO* bio) {
+  char* data = nullptr;
+  long size = BIO_get_mem_data(bio, &data);
+  return std::string(data, static_cast<std::size_t>(size));
+}
+
+// A self-signed certificate for "localhost" and 127.0.0.1 on `key`.
+X509Ptr SelfSigned(EVP_PKEY* key) {
+  X509Ptr certificate(X509_new());
+  X509* x = certificate.get();
+  X509_set_version(x, 2);
+  ASN1_INTEGER_set(X509_get_serialNumber(x), 1);
+  X509_gmtime_adj(X509_getm_notBefore(x), -3600);
+  X509_gmtime_adj(X509_getm_notAfter(x), 24 * 3600);
+  X509_set_pubkey(x, key);
+  X509_NAME* name = X509_get_subject_name(x);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC,
+                             reinterpret_cast<const unsigned char*>("localhost"), -1, -1, 0);
+  X509_set_issuer_name(x, name);
+  X509V3_CTX context;
+  X509V3_set_ctx_nodb(&context);
+  X509V3_set_ctx(&context, x, x, nullptr, nullptr, 0);
+  std::unique_ptr<X509_EXTENSION, ExtensionFree> names(
+      X509V3_EXT_conf_nid(nullptr, &context, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1"));
+  if (!names || X509_add_ext(x, names.get(), -1) != 1) return nullptr;
+  if (X509_sign(x, key, EVP_sha256()) == 0) return nullptr;
+  return certificate;
+}
+
+std::string CertificatePem(X509* certificate) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_X509(bio.get(), certificate);
+  return Contents(bio.get());
+}
+std::string CertificateDer(X509* certificate) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  i2d_X509_bio(bio.get(), certificate);
+  return Contents(bio.get());
+}
+std::string KeyPem(EVP_PKEY* key) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
+  return Contents(bio.get());
+}
+std::string KeyDer(EVP_PKEY* key) {
+  BioPtr bio(BIO_new(BIO_s_mem()));
+  i2d_PrivateKey_bio(bio.get(), key);
+  return Contents(bio.get());
+}
+
+// Throw-away credentials, made once for the whole program: a 2048-bit RSA key with its
+// certificate in PEM and DER, both in one PEM file, a second key that does not match, a
+// certificate whose 512-bit key the default security level refuses, and a file that is neither.
+struct Credentials {
+  TemporaryFolder folder;
+  StringBuffer certificatePem, keyPem, certificateDer, keyDer, combined, otherKey, weakCertificate,
+      weakKey, junk, missing;
+  bool made = false;
+
+  Credentials() {
+    KeyPtr key(EVP_RSA_gen(2048));
+    KeyPtr other(EVP_RSA_gen(2048));
+    KeyPtr weak(EVP_RSA_gen(512));
+    if (!key || !other || !weak) return;
+    X509Ptr certificate = SelfSigned(key.get());
+    X509Ptr weakOne = SelfSigned(weak.get());
+    if (!certificate || !weakOne) return;
+    certificatePem = folder.WriteFile("cert.pem", CertificatePem(certificate.get()));
+    keyPem = folder.WriteFile("key.pem", KeyPem(key.get()));
+    certificateDer = folder.WriteFile("cert.der", CertificateDer(certificate.get()));
+    keyDer = folder.WriteFile("key.der", KeyDer(key.get()));
+    combined = folder.WriteFile("both.pem", CertificatePem(certificate.get()) + KeyPem(key.get()));
+    otherKey = folder.WriteFile("other-key.pem", KeyPem(other.get()));
+    weakCertificate = folder.WriteFile("weak-cert.pem", CertificatePem(weakOne.get()));
+    weakKey = folder.WriteFile("weak-key.pem", KeyPem(weak.get()));
+    junk = folder.WriteFile("junk.txt", "neither a certificate nor a key\n");
+    missing = folder.File("missing.pem");
+    made = !KeyDer(key.get()).empty() && !CertificateDer(certificate.get()).empty();
+  }
+};
+
+const Credentials& TheCredentials() {
+  static Credentials credentials;
+  return credentials;
+}
+
+// Captures what is written to the server log (alert mode) for its lifetime.
+class LogCapture {
+ public:
+  LogCapture() {
+    Server::Log::SetAlertHandler(
+        [this](const char16_t*, const char16_t* text, Server::Log::Enumeration) {
+          std::lock_guard<std::mutex> lock(mutex_);
+          lines_.push_back(Text(StringBuffer(text)));
+        });
+    Server::Log::Start(u"MessageBox", Server::Log::Information);
+  }
+  ~LogCapture() {
+    Server::Log::Stop();
+    Server::Log::SetAlertHandler(nullptr);
+  }
+  std::vector<std::string> Take() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    std::vector<std::string> taken;
+    taken.swap(lines_);
+    return taken;
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
+
+std::string FileText(const StringBuffer& file, const std::string& reason) {
+  return "A secure connection could not be created because file: " + Text(file) + " " + reason;
+}
+
+const std::string NoCertificate =
+    "An attempt to start a secure server failed because no certificate file was specified.";
+const std::string BadCertificate =
+    "does not contain an SSL certificate in X.509 ASN.1 DER format or PEM format(or some error "
+    "occurred reading it)";
+const std::string BadKey =
+    "does not contain an RSA private key in X.509 ASN.1 DER format or PEM format(or some error "
+    "occurred reading it)";
+const std::string Neither =
+    "contains neither an SSL certificate in X.509 ASN.1 DER format nor an RSA private key in PEM "
+    "format";
+const std::string Mismatch =
+    "certificate and private key don't match (or some error occurred reading it)";
+const std::string Unusable = "seems perfectly fine but there was some error reading it";
+
+class TlsSetUpTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(TheCredentials().made);
+    ASSERT_TRUE(Server::Log::AlertMode());
+  }
+  const Credentials& files_ = TheCredentials();
+  LogCapture log_;
+};
+
+TEST_F(TlsSetUpTest, EachFailureIsLoggedWithItsText) {
+  const struct {
+    const char* name;
+    const StringBuffer* certificate;  // null: no file named
+    const StringBuffer* key;
+    Status::Enumeration status;
+    std::string text;
+  } cases[] = {
+      {"no certificate", nullptr, &files_.keyPem, Status::NoCertificate, NoCertificate},
+      {"missing certificate file", &files_.missing, &files_.keyPem, Status::BadCertificate,
+       FileText(files_.missing, BadCertificate)},
+      {"missing file for both", &files_.missing, nullptr, Status::BadCertificate,
+       FileText(files_.missing, BadCertificate)},
+      {"certificate file is a key", &files_.keyPem, &files_.keyPem, Status::BadCertificate,
+       FileText(files_.keyPem, BadCertificate)},
+      {"certificate file is junk", &files_.junk, &files_.keyPem, Status::BadCertificate,
+       FileText(files_.junk, BadCertificate)},
+      {"key file is junk", &files_.certificatePem, &files_.junk, Status::BadKey,
+       FileText(files_.junk, BadKey)},
+      {"key file is a certificate", &files_.certificatePem, &files_.certificateDer, Status::BadKey,
+       FileText(files_.certificateDer, BadKey)},
+      {"one file holding no key", &files_.certificatePem, nullptr, Status::BadKey,
+       FileText(files_.certificatePem, BadKey)},
+      {"one file holding neither", &files_.junk, nullptr, Status::NoCertificateNorKey,
+       FileText(files_.junk, Neither)},
+      {"the same file holding neither", &files_.junk, &files_.junk, Status::NoCertificateNorKey,
+       FileText(files_.junk, Neither)},
+      {"another key", &files_.certificatePem, &files_.otherKey, Status::Mismatch,
+       FileText(files_.otherKey, Mismatch)},
+      {"a key too weak", &files_.weakCertificate, &files_.weakKey, Status::Unusable,
+       FileText(files_.weakCertificate, Unusable)},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    StringBuffer certificate = test.certificate ? *test.certificate : StringBuffer();
+    StringBuffer key = test.key ? *test.key : StringBuffer();
+    Status::Enumeration status = Status::Ok;
+    EXPECT_EQ(nullptr, TransportLayerSecurity::CreateServer(
+                           test.certificate ? certificate.getTerminatedBuffer() : nullptr,
+                           test.key ? key.getTerminatedBuffer() : nullptr, &status));
+    EXPECT_EQ(test.status, status);
+    EXPECT_EQ(std::vector<std::string>{test.text}, log_.Take());
+  }
+  // An empty name is no name.
+  EXPECT_EQ(nullptr, TransportLayerSecurity::CreateServer(u"", u""));
+  EXPECT_EQ(std::vector<std::string>{NoCertificate}, log_.Take());
+}
+
+TEST_F(TlsSetUpTest, ReadsPemAndDerAndRereadsAChangedFile) {
+  const struct {
+    const char* name;
+    const StringBuffer* certificate;
+    const StringBuffer* key;
+  } cases[] = {
+      {"PEM", &files_.certificatePem, &files_.keyPem},
+      {"DER", &files_.certificateDer, &files_.keyDer},
+      {"PEM certificate, DER key", &files_.certificatePem, &files_.keyDer},
+      {"one file, no key named", &files_.combined, nullptr},
+      {"one file named twice", &files_.combined, &files_.combined},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    StringBuffer key = test.key ? *test.key : StringBuffer();
+    Status::Enumeration status = Status::SessionFailed;
+    std::shared_ptr<TransportLayerSecurity> session = TransportLayerSecurity::CreateServer(
+        StringBuffer(*test.certificate).getTerminatedBuffer(),
+        test.key ? key.getTerminatedBuffer() : nullptr, &status);
+    ASSERT_NE(nullptr, session);
+    EXPECT_EQ(Status::Ok, status);
+    EXPECT_EQ(Status::Ok, session->Status());
+    EXPECT_TRUE(log_.Take().empty());
+  }
+
+  // The settings are kept per pair of files: a file is read again only once its modification
+  // time has changed.
+  TemporaryFolder folder;
+  StringBuffer certificate =
+      folder.WriteFile("cert.pem", Testing::ReadWholeFile(files_.certificatePem));
+  StringBuffer key = folder.WriteFile("key.pem", Testing::ReadWholeFile(files_.keyPem));
+  ASSERT_NE(nullptr, TransportLayerSecurity::CreateServer(certificate.getTerminatedBuffer(),
+                                                          key.getTerminatedBuffer()));
+  auto path = folder.Path() / "key.pem";
+  auto time = std::filesystem::last_write_time(path);
+  folder.WriteFile("key.pem", Testing::ReadWholeFile(files_.otherKey));
+  std::filesystem::last_write_time(path, time);
+  EXPECT_NE(nullptr, TransportLayerSecurity::CreateServer(certificate.getTerminatedBuffer(),
+                                                          key.getTerminatedBuffer()))
+      << "the same modification time: not read again";
+  std::filesystem::last_write_time(path, time + std::chrono::seconds(1));
+  Status::Enumeration status = Status::Ok;
+  EXPECT_EQ(nullptr, TransportLayerSecurity::CreateServer(certificate.getTerminatedBuffer(),
+                                                          key.getTerminatedBuffer(), &status));
+  EXPECT_EQ(Status::Mismatch, status);
+  EXPECT_EQ(std::vector<std::string>{FileText(key, Mismatch)}, log_.Take());
+}
+
+// An OpenSSL client in memory, talking to a server session through Incoming and Outgoing.
+class MemoryPeer {
+ public:
+  MemoryPeer() : context_(SSL_CTX_new(TLS_client_method())) {
+    SSL_CTX_set_verify(context_.get(), SSL_VERIFY_NONE, nullptr);
+    ssl_.reset(SSL_new(context_.get()));
+    BIO* in = BIO_new(BIO_s_mem());
+    BIO* out = BIO_new(BIO_s_mem());
+    BIO_set_mem_eof_return(in, -1);
+    SSL_set_bio(ssl_.get(), in, out);  // the session owns both
+    in_ = in;
+    out_ = out;
+    SSL_set_connect_state(ssl_.get());
+  }
+  SSL* Ssl() { return ssl_.get(); }
+  // The bytes the client wants to send.
+  std::string TakeWire() {
+    std::string bytes = Contents(out_);
+    BIO_reset(out_);
+    return bytes;
+  }
+  void Give(const std::vector<char>& wire) {
+    if (!wire.empty()) BIO_write(in_, wire.data(), static_cast<int>(wire.size()));
+  }
+  // Plaintext the client has received so far.
+  std::string Read(bool& closed) {
+    std::string text;
+    char buffer[4096];
+    std::size_t count = 0;
+    while (SSL_read_ex(ssl_.get(), buffer, sizeof buffer, &count) == 1)
+      text.append(buffer, count);
+    closed = SSL_get_error(ssl_.get(), 0) == SSL_ERROR_ZERO_RETURN ||
+             (SSL_get_shutdown(ssl_.get()) & SSL_RECEIVED_SHUTDOWN) != 0;
+    ERR_clear_error();
+    return text;
+  }
+
+ private:
+  ContextPtr context_;
+  SslPtr ssl_;
+  BIO* in_ = nullptr;   // owned by ssl_
+  BIO* out_ = nullptr;  // owned by ssl_
+};
+
+TEST_F(TlsSetUpTest, SessionWorksOnBytesInAnyPiecesAndFailsOnGarbage) {
+  StringBuffer certificate = files_.certificatePem;
+  StringBuffer key = files_.keyPem;
+  std::shared_ptr<TransportLayerSecurity> server = TransportLayerSecurity::CreateServer(
+      certificate.getTerminatedBuffer(), key.getTerminatedBuffer());
+  ASSERT_NE(nullptr, server);
+
+  MemoryPeer client;
+  std::vector<char> wire;
+  std::vector<char> plain;
+  // Written before the handshake: held and sent once it has finished.
+  ASSERT_TRUE(server->Outgoing("early|", 6, wire));
+  EXPECT_TRUE(wire.empty());
+  bool done = false;
+  for (int flight = 0; flight < 10 && !done; ++flight) {
+    done = SSL_do_handshake(client.Ssl()) == 1;
+    std::string bytes = client.TakeWire();
+    // Fed in pieces of 7 bytes: records and handshake messages split anywhere.
+    for (std::size_t at = 0; at < bytes.size(); at += 7) {
+      ASSERT_TRUE(server->Incoming(bytes.data() + at, std::min<std::size_t>(7, bytes.size() - at),
+                                   plain, wire));
+    }
+    client.Give(wire);
+    wire.clear();
+  }
+  ASSERT_TRUE(done);
+  EXPECT_TRUE(plain.empty());
+  ASSERT_EQ(18, SSL_write(client.Ssl(), "GET / HTTP/1.1\r\n\r\n", 18));
+  std::string request = client.TakeWire();
+  ASSERT_TRUE(server->Incoming(request.data(), request.size(), plain, wire));
+  EXPECT_EQ("GET / HTTP/1.1\r\n\r\n", std::string(plain.begin(), plain.end()));
+  std::string reply(100000, 'r');  // several records
+  ASSERT_TRUE(server->Outgoing(reply.data(), reply.size(), wire));
+  server->Close(wire);
+  client.Give(wire);
+  bool closed = false;
+  EXPECT_EQ("early|" + reply, client.Read(closed));
+  EXPECT_TRUE(closed) << "close_notify follows the last reply";
+  EXPECT_EQ(Status::Ok, server->Status());
+
+  const struct {
+    const char* name;
+    std::string bytes;
+  } garbage[] = {
+      {"plain HTTP", "GET / HTTP/1.1\r\nHost: x\r\n\r\n"},
+      {"a ClientHello record of junk",
+       std::string("\x16\x03\x01\x00\x40\x01\x00\x00\x3c\x03\x03", 11) + std::string(58, '\xff')},
+      {"a record longer than the protocol allows", std::string("\x16\x03\x01\xff\xff", 5)},
+      {"an application record before the handshake", std::string("\x17\x03\x03\x00\x05hello", 10)},
+  };
+  for (const auto& test : garbage) {
+    SCOPED_TRACE(test.name);
+    std::shared_ptr<TransportLayerSecurity> session = TransportLayerSecurity::CreateServer(
+        certificate.getTerminatedBuffer(), key.getTerminatedBuffer());
+    ASSERT_NE(nullptr, session);
+    plain.clear();
+    wire.clear();
+    EXPECT_FALSE(session->Incoming(test.bytes.data(), test.bytes.size(), plain, wire));
+    EXPECT_TRUE(plain.empty());
+    EXPECT_EQ(Status::SessionFailed, session->Status());
+    EXPECT_FALSE(session->Outgoing("x", 1, wire)) << "a failed session stays failed";
+  }
+  EXPECT_TRUE(log_.Take().empty()) << "sessions fail quietly: the daemon closes the connection";
+}
+
+// What the host saw of a secure server's connections.
+struct Observations {
+  std::mutex mutex;
+  std::condition_variable changed;
+  int connected = 0;
+  std::vector<SocketExceptions::Enumeration> closeReasons;
+
+  template <typename Condition>
+  bool WaitFor(Condition condition) {
+    std::unique_lock<std::mutex> lock(mutex);
+    return changed.wait_for(lock, std::chrono::seconds(20), condition);
+  }
+  int Count(SocketExceptions::Enumeration reason) {
+    std::lock_guard<std::mutex> lock(mutex);
+    return static_cast<int>(std::count(closeReasons.begin(), closeReasons.end(), reason));
+  }
+};
+
+// Runs `command` with a shell and returns what it printed on stdout, and its exit status.
+std::string RunCommand(const std::string& command, int* exitStatus = nullptr) {
+  std::string output;
+  FILE* pipe = popen((command + " 2>/dev/null").c_str(), "r");
+  if (pipe == nullptr) return output;
+  char chunk[4096];
+  std::size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0)
+    output.append(chunk, n);
+  int status = pclose(pipe);
+  if (exitStatus != nullptr) *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return output;
+}
+
+class TlsServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(files_.made); }
+  void TearDown() override {
+    if (server_) server_->Stop(200);
+    server_.reset();
+    EXPECT_TRUE(Daemon::WaitForAllThreads(10)) << "daemon threads still running";
+  }
+
+  // Starts a secure server on a port the system chooses; it answers "METHOD target|body", and
+  // 300000 bytes for /big.
+  void StartServer() {
+    StringBuffer certificate = files_.certificatePem;
+    StringBuffer key = files_.keyPem;
+    server_ = std::make_shared<Server>(true, certificate.getTerminatedBuffer(),
+                                       key.getTerminatedBuffer());
+    server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
+                                        const std::shared_ptr<Client>&,
+                                        const std::shared_ptr<Message>& message, bool&) {
+      auto lock = message->Lock();
+      std::string text = Text(StringBuffer(Methods::ToString(message->Method))) + " " +
+                         Text(message->Url->Text) + "|";
+      if (message->Request->Content) {
+        text.append(reinterpret_cast<const char*>(message->Request->Content->Data()),
+                    static_cast<std::size_t>(message->Request->Content->Size()));
+      }
+      if (message->Url->Path == StringBuffer(u"/big")) text = BigBody();
+      message->StatusCode = 200;
+      message->Reply->Content = std::make_shared<Content>(
+          reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+    });
+    server_->ClientConnected.connect(
+        [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&) {
+          std::lock_guard<std::mutex> lock(seen_.mutex);
+          ++seen_.connected;
+          seen_.changed.notify_all();
+        });
+    server_->ClientDisconnected.connect(
+        [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client) {
+          std::lock_guard<std::mutex> lock(seen_.mutex);
+          seen_.closeReasons.push_back(client->CloseReason());
+          seen_.changed.notify_all();
+        });
+    ASSERT_TRUE(server_->Start(u"http://localhost:0/", false));
+    ASSERT_TRUE(server_->IsSecure());
+    port_ = server_->Port();
+    ASSERT_GT(port_, 0);
+    base_ = "https://127.0.0.1:" + std::to_string(port_);
+  }
+
+  static std::string BigBody() {
+    std::string body;
+    for (int i = 0; body.size() < 300000; ++i)
+      body += std::to_string(i) + ",";
+    return body;
+  }
+
+  // curl, trusting the test's own certificate only.
+  std::string Curl(const std::string& arguments) {
+    return RunCommand("curl -s --max-time 30 --cacert '" + Text(files_.certificatePem) + "' " +
+                      arguments);
+  }
+
+  // openssl s_client with `options`, stdin from `input`; the exit status in `exitStatus`.
+  std::string SecureClient(const std::string& options, const std::string& input, int& exitStatus) {
+    return RunCommand("printf '" + input + "' | timeout 30 openssl s_client -connect 127.0.0.1:" +
+                          std::to_string(port_) + " " + options,
+                      &exitStatus);
+  }
+
+  int Connected() {
+    std::lock_guard<std::mutex> lock(seen_.mutex);
+    return seen_.connected;
+  }
+
+  const Credentials& files_ = TheCredentials();
+  std::shared_ptr<Server> server_;
+  int port_ = 0;
+  std::string base_;
+  Observations seen_;
+};
+
+TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
+  StartServer();
+  EXPECT_EQ("GET /plain?q=1|", Curl("'" + base_ + "/plain?q=1'"));
+  EXPECT_EQ("GET /name|", Curl("--resolve localhost:" + std::to_string(port_) +
+                               ":127.0.0.1 https://localhost:" + std::to_string(port_) + "/name"))
+      << "the certificate's name is checked";
+  EXPECT_EQ("POST /form|a=1&b=2", Curl("-d 'a=1&b=2' " + base_ + "/form"));
+  EXPECT_EQ(BigBody(), Curl(base_ + "/big"));
+
+  // Three requests over one TLS connection.
+  int before = Connected();
+  EXPECT_EQ("GET /one|GET /two|GET /three|", Curl("-H 'Connection: keep-alive' " + base_ + "/one " +
+                                                  base_ + "/two " + base_ + "/three"));
+  EXPECT_EQ(before + 1, Connected());
+
+  int exitStatus = -1;
+  std::string answer =
+      SecureClient("-quiet", "GET /s HTTP/1.1\\r\\nHost: x\\r\\n\\r\\n", exitStatus);
+  EXPECT_EQ(0u, answer.find("HTTP/1.1 200 OK\r\n")) << answer;
+  EXPECT_EQ("GET /s|", Testing::BodyOf(answer));
+  EXPECT_EQ(0, exitStatus) << "the server ended the session with close_notify";
+}
+
+TEST_F(TlsServerTest, SpeaksTls12And13Only) {
+  StartServer();
+  const struct {
+    const char* option;
+    const char* protocol;
+  } accepted[] = {{"-tls1_2", "TLSv1.2"}, {"-tls1_3", "TLSv1.3"}};
+  for (const auto& test : accepted) {
+    SCOPED_TRACE(test.option);
+    int exitStatus = -1;
+    std::string output = SecureClient(test.option, "", exitStatus);
+    EXPECT_EQ(0, exitStatus);
+    EXPECT_NE(std::string::npos, output.find(std::string("New, ") + test.protocol + ", Cipher is "))
+        << output;
+  }
+  // The client is allowed the old versions (security level 0), so that the refusal is the
+  // server's.
+  for (const char* option : {"-tls1_1", "-tls1"}) {
+    SCOPED_TRACE(option);
+    int refused = seen_.Count(SocketExceptions::HTTPProtocolViolation);
+    int exitStatus = 0;
+    SecureClient(std::string(option) + " -cipher DEFAULT:@SECLEVEL=0", "", exitStatus);
+    EXPECT_NE(0, exitStatus);
+    EXPECT_TRUE(seen_.WaitFor([this, refused] {
+      return std::count(seen_.closeReasons.begin(), seen_.closeReasons.end(),
+                        SocketExceptions::HTTPProtocolViolation) == refused + 1;
+    }));
+  }
+}
+
+TEST_F(TlsServerTest, DropsPeersThatDoNotSpeakTlsAndServesTheOthers) {
+  StartServer();
+  std::mt19937 random(20240601);
+  std::string noise(300, '\0');
+  for (char& byte : noise)
+    byte = static_cast<char>(random() & 0xff);
+  noise[0] = '\x42';  // not a record type
+  const std::string peers[] = {
+      "GET / HTTP/1.1\r\nHost: x\r\nConnection: keep-alive\r\n\r\n",
+      noise,
+      std::string("\x16\x03\x01\x00\x40\x01\x00\x00\x3c\x03\x03", 11) + std::string(58, '\xff'),
+  };
+  std::vector<std::unique_ptr<RawConnection>> bad;
+  for (std::size_t i = 0; i < sizeof peers / sizeof peers[0]; ++i)
+    bad.push_back(std::make_unique<RawConnection>(port_));
+  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.connected == 3; }));
+  for (std::size_t i = 0; i < bad.size(); ++i)
+    ASSERT_TRUE(bad[i]->Send(peers[i]));
+  EXPECT_EQ("GET /meanwhile|", Curl(base_ + "/meanwhile"));
+  for (std::size_t i = 0; i < bad.size(); ++i) {
+    SCOPED_TRACE(i);
+    std::string answer = bad[i]->ReadUntilClosed();
+    EXPECT_EQ(std::string::npos, answer.find("HTTP/1.1")) << "no plain HTTP from a secure port";
+  }
+  EXPECT_TRUE(seen_.WaitFor([this] {
+    return std::count(seen_.closeReasons.begin(), seen_.closeReasons.end(),
+                      SocketExceptions::HTTPProtocolViolation) == 3;
+  }));
+  EXPECT_EQ("GET /after|", Curl(base_ + "/after"));
+}
+
+TEST(TlsServerStart, FailsWithoutUsableCredentials) {
+  ASSERT_TRUE(TheCredentials().made);
+  const Credentials& files = TheCredentials();
+  const struct {
+    const char* name;
+    StringBuffer certificate;
+    StringBuffer key;
+    std::string text;
+  } cases[] = {
+      {"a key that does not match", files.certificatePem, files.otherKey,
+       FileText(files.otherKey, Mismatch)},
+      {"a key but no certificate", StringBuffer(), files.keyPem, NoCertificate},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    LogCapture log;
+    StringBuffer certificate = test.certificate;
+    StringBuffer key = test.key;
+    auto server = std::make_shared<Server>(true, certificate.getTerminatedBuffer(),
+                                           key.getTerminatedBuffer());
+    EXPECT_TRUE(server->IsSecure());
+    EXPECT_FALSE(server->Start(u"http://localhost:0/", false));
+    EXPECT_EQ(ServerStates::Stopped, server->State());
+    EXPECT_EQ(0, server->Port());
+    EXPECT_EQ(std::vector<std::string>{test.text}, log.Take());
+  }
+  EXPECT_TRUE(Daemon::WaitForAllThreads(10));
+}
+
+}  // namespace
+}  // namespace Veskan

@@ -1,0 +1,387 @@
+// The WebSocket protocol cores on bytes alone: both handshakes, frame reading at every split
+// point, the frames that are not acted on, limits, frame writing and closing.
+#include "net/websocket/WebSocketSupport.h"
+#include "net/websocket/WebsocketSpecifications.h"
+
+#include "WebSocketFrames.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace Veskan {
+namespace {
+
+using Detail::WebSocketSupport;
+using Testing::ClientFrame;
+using Testing::Hybi00Answer;
+using Testing::Hybi00Request;
+using WebsocketSpecifications::Hybi00KeyNumber;
+
+std::string Hybi17Request(const std::string& without = std::string()) {
+  return Testing::Hybi17Request("/ws?room=1", without);
+}
+
+std::string Text(unsigned char first, const std::string& payload) {
+  return ClientFrame(first, payload);
+}
+using WebsocketSpecifications::hybi_00;
+using WebsocketSpecifications::hybi_17;
+
+constexpr std::size_t Limit = 1 << 20;
+
+// What a support made of a series of feeds: answer bytes, and one line per event.
+struct Fed {
+  std::string wire;
+  std::vector<std::string> events;
+  int lastResult = -1;
+};
+
+void Feed(WebSocketSupport& support, const std::string& bytes, Fed& fed) {
+  std::vector<std::shared_ptr<WSData>> events;
+  fed.lastResult = support.Feed(bytes.data(), bytes.size(), events, fed.wire);
+  for (const std::shared_ptr<WSData>& event : events) {
+    std::string line = Methods::ToString(event->Method) == nullptr
+                           ? std::string("?")
+                           : StringBuffer(Methods::ToString(event->Method)).ToUTF8();
+    for (const StringBuffer& message : event->Messages)
+      line += " [" + message.ToUTF8() + "]";
+    fed.events.push_back(line);
+  }
+}
+
+// Feeds `bytes` in two pieces split at `at`.
+Fed FeedSplit(WebSocketSupport& support, const std::string& bytes, std::size_t at) {
+  Fed fed;
+  Feed(support, bytes.substr(0, at), fed);
+  Feed(support, bytes.substr(at), fed);
+  return fed;
+}
+
+// The messages of every WEBSOCKETMESSAGE event, in order, each in brackets.
+std::string MessagesOf(const Fed& fed) {
+  static const std::string prefix = "WEBSOCKETMESSAGE";
+  std::string all;
+  for (const std::string& event : fed.events) {
+    if (event.compare(0, prefix.size(), prefix) == 0) all += event.substr(prefix.size());
+  }
+  return all;
+}
+
+std::vector<std::string> Lines(std::initializer_list<const char*> lines) {
+  return std::vector<std::string>(lines.begin(), lines.end());
+}
+
+// --- Handshakes ------------------------------------------------------------------------------
+
+TEST(WebSocketHandshakeTest, AnswersTheRfc6455HandshakeAtEverySplitPoint) {
+  const std::string request = Hybi17Request();
+  for (std::size_t at = 0; at <= request.size(); ++at) {
+    WebSocketSupport support(Limit);
+    Fed fed = FeedSplit(support, request, at);
+    ASSERT_EQ(Lines({"WEBSOCKETCONNECT"}), fed.events) << "split at " << at;
+    ASSERT_EQ(
+        "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
+        "Sec-WebSocket-Accept: s3pPLMBiTxaQ9kYGzzhZRbK+xOo=\r\n\r\n",
+        fed.wire);
+    EXPECT_TRUE(support.IsOpen());
+    EXPECT_EQ(17, support.Revision());
+    EXPECT_EQ("/ws?room=1", support.Target());
+  }
+}
+
+TEST(WebSocketHandshakeTest, NumbersUpgradedConnectionsInOrder) {
+  WebSocketSupport first(Limit);
+  WebSocketSupport second(Limit);
+  Fed fed;
+  Feed(first, Hybi17Request(), fed);
+  Feed(second, Hybi17Request(), fed);
+  EXPECT_GT(first.ConnectionNumber(), 0u);
+  EXPECT_EQ(first.ConnectionNumber() + 1, second.ConnectionNumber());
+}
+
+TEST(WebSocketHandshakeTest, RefusesARequestWithoutARequiredHeader) {
+  for (const char* header :
+       {"Host", "Connection", "Upgrade", "Sec-WebSocket-Version", "Sec-WebSocket-Key"}) {
+    WebSocketSupport support(Limit);
+    Fed fed;
+    Feed(support, Hybi17Request(header), fed);
+    EXPECT_TRUE(fed.events.empty()) << header;
+    EXPECT_TRUE(fed.wire.empty()) << header;
+    EXPECT_TRUE(support.HandshakeFailed()) << header;
+    EXPECT_EQ(WebSocketSupport::NothingToDeliver, fed.lastResult);
+    // Nothing afterwards is taken for frames.
+    Feed(support, Text(0x81, "hi"), fed);
+    EXPECT_TRUE(fed.events.empty());
+  }
+  // Origin is what browsers add; other clients may leave it out.
+  WebSocketSupport support(Limit);
+  Fed fed;
+  Feed(support, Hybi17Request("Origin"), fed);
+  EXPECT_EQ(Lines({"WEBSOCKETCONNECT"}), fed.events);
+}
+
+TEST(WebSocketHandshakeTest, RefusesWrongValues) {
+  auto refused = [](std::string request, const std::string& from, const std::string& to) {
+    request.replace(request.find(from), from.size(), to);
+    WebSocketSupport support(Limit);
+    Fed fed;
+    Feed(support, request, fed);
+    return support.HandshakeFailed() && fed.events.empty();
+  };
+  const std::string request = Hybi17Request();
+  EXPECT_TRUE(refused(request, "Version: 13", "Version: 8"));
+  EXPECT_TRUE(refused(request, "dGhlIHNhbXBsZSBub25jZQ==", "short"));
+  EXPECT_TRUE(refused(request, "Upgrade: websocket", "Upgrade: h2c"));
+  EXPECT_TRUE(refused(request, "keep-alive, Upgrade", "keep-alive"));
+  EXPECT_TRUE(refused(request, " HTTP/1.1\r\n", " HTTP/1.0\r\n"));
+  EXPECT_TRUE(refused(request, "GET ", "POST "));
+  EXPECT_TRUE(refused(request, "Host: ", "Host "));  // a line without a colon
+  // Names and the token lists compare without regard to case.
+  EXPECT_FALSE(refused(request, "Upgrade: websocket", "upgrade: WebSocket"));
+  EXPECT_FALSE(refused(request, "keep-alive, Upgrade", "upgrade"));
+}
+
+TEST(WebSocketHandshakeTest, RefusesAnEndlessRequest) {
+  WebSocketSupport support(Limit);
+  Fed fed;
+  std::string line = "X-Filler: " + std::string(1000, 'x') + "\r\n";
+  Feed(support, "GET /ws HTTP/1.1\r\n", fed);
+  for (int i = 0; i < 100 && !support.HandshakeFailed(); ++i)
+    Feed(support, line, fed);
+  EXPECT_TRUE(support.HandshakeFailed());
+}
+
+TEST(WebSocketHandshakeTest, Hybi00KeyNumbers) {
+  std::uint32_t number = 0;
+  ASSERT_TRUE(Hybi00KeyNumber("4 @1  46546xW%0l 1 5", number));  // 4146546015, 5 blanks
+  EXPECT_EQ(829309203u, number);
+  EXPECT_FALSE(Hybi00KeyNumber("12  3", number));         // 123 is not divisible by 2
+  EXPECT_FALSE(Hybi00KeyNumber("12345", number));         // no blank
+  EXPECT_FALSE(Hybi00KeyNumber("99999999999 ", number));  // more than 32 bits
+  EXPECT_FALSE(Hybi00KeyNumber(std::string(40, '9') + " ", number));
+}
+
+TEST(WebSocketHandshakeTest, AnswersTheHybi00HandshakeWhateverHowItArrives) {
+  const std::string request = Hybi00Request;
+  const std::string expected =
+      "HTTP/1.1 101 WebSocket Protocol Handshake\r\nUpgrade: WebSocket\r\n"
+      "Connection: Upgrade\r\nSec-WebSocket-Origin: http://example.com\r\n"
+      "Sec-WebSocket-Location: ws://example.com/demo\r\n\r\n" +
+      std::string(Hybi00Answer);
+  for (std::size_t at = 0; at <= request.size(); ++at) {
+    WebSocketSupport support(Limit);
+    Fed fed = FeedSplit(support, request, at);
+    ASSERT_EQ(Lines({"WEBSOCKETCONNECT"}), fed.events) << "split at " << at;
+    ASSERT_EQ(expected, fed.wire);
+    EXPECT_EQ(0, support.Revision());
+  }
+  // A key whose digits are not divisible by its blanks fails.
+  std::string bad = request;
+  bad.replace(bad.find(".P00"), 4, ".P01");
+  WebSocketSupport support(Limit);
+  Fed fed;
+  Feed(support, bad, fed);
+  EXPECT_TRUE(support.HandshakeFailed());
+  EXPECT_TRUE(fed.wire.empty());
+}
+
+// --- hybi-17 frames --------------------------------------------------------------------------
+
+WebSocketSupport& Upgraded17(WebSocketSupport& support) {
+  Fed fed;
+  Feed(support, Hybi17Request(), fed);
+  return support;
+}
+
+TEST(WebSocketFramesTest, ReadsMessagesOfEveryLengthFormAtEverySplitPoint) {
+  const std::string medium(300, 'm');
+  const std::string stream = Text(0x81, "one") + Text(0x81, "") + Text(0x81, medium) +
+                             Text(0x01, "fin bit not needed") + Text(0x81, "t\xC3\xA9st");
+  for (std::size_t at = 0; at <= stream.size(); ++at) {
+    WebSocketSupport support(Limit);
+    Fed fed = FeedSplit(Upgraded17(support), stream, at);
+    ASSERT_EQ(" [one] [] [" + medium + "] [fin bit not needed] [t\xC3\xA9st]", MessagesOf(fed))
+        << "split at " << at;
+    EXPECT_TRUE(support.IsOpen());
+    EXPECT_TRUE(fed.wire.empty());
+  }
+}
+
+TEST(WebSocketFramesTest, ReadsA64BitLengthFrameByteByByte) {
+  const std::string big(70000, 'b');
+  const std::string frame = Text(0x81, big);
+  ASSERT_EQ(127, frame[1] & 0x7f);
+  WebSocketSupport support(Limit);
+  Upgraded17(support);
+  Fed fed;
+  for (char byte : frame) {
+    Feed(support, std::string(1, byte), fed);
+    if (fed.events.empty()) {
+      ASSERT_EQ(WebSocketSupport::NeedMore, fed.lastResult);
+    }
+  }
+  ASSERT_EQ(1u, fed.events.size());
+  EXPECT_EQ(WebSocketSupport::Deliver, fed.lastResult);
+  EXPECT_EQ("WEBSOCKETMESSAGE [" + big + "]", fed.events[0]);
+}
+
+TEST(WebSocketFramesTest, FramesNotActedOnAreSkippedWhole) {
+  // Ping, pong, close, binary and continuation frames, and an unmasked text frame: none is
+  // delivered, none closes the connection, and what follows each is read correctly.
+  const std::string stream = ClientFrame(0x89, "ping") + Text(0x81, "a") +
+                             ClientFrame(0x8A, "pong") +
+                             ClientFrame(0x82, std::string(200, '\x81')) + Text(0x81, "b") +
+                             ClientFrame(0x80, "continued") + ClientFrame(0x81, "unmasked", false) +
+                             ClientFrame(0x88, "\x03\xe8") + Text(0x81, "c");
+  for (std::size_t at = 0; at <= stream.size(); ++at) {
+    WebSocketSupport support(Limit);
+    Fed fed = FeedSplit(Upgraded17(support), stream, at);
+    ASSERT_EQ(" [a] [b] [c]", MessagesOf(fed)) << "split at " << at;
+    EXPECT_TRUE(support.IsOpen());
+    EXPECT_TRUE(fed.wire.empty());
+  }
+  // A lone ping is not delivered: more bytes needed, connection open.
+  WebSocketSupport support(Limit);
+  Fed fed;
+  Feed(Upgraded17(support), ClientFrame(0x89, ""), fed);
+  EXPECT_EQ(WebSocketSupport::NeedMore, fed.lastResult);
+  EXPECT_TRUE(fed.events.empty());
+  EXPECT_TRUE(support.IsOpen());
+}
+
+TEST(WebSocketFramesTest, AMessageAboveTheLimitClosesWithCode1009) {
+  WebSocketSupport support(100);
+  Upgraded17(support);
+  Fed fed;
+  Feed(support, Text(0x81, "fits") + Text(0x81, std::string(101, 'x')), fed);
+  EXPECT_EQ(Lines({"WEBSOCKETMESSAGE [fits]"}), fed.events);  // what came before is kept
+  EXPECT_FALSE(support.IsOpen());
+  EXPECT_EQ(std::string("\x88\x02\x03\xf1", 4), fed.wire);
+  fed.events.clear();
+  Feed(support, Text(0x81, "late"), fed);
+  EXPECT_EQ(WebSocketSupport::NothingToDeliver, fed.lastResult);
+  EXPECT_TRUE(fed.events.empty());
+}
+
+TEST(WebSocketFramesTest, ALengthWithTheTopBitSetClosesWithCode1002) {
+  WebSocketSupport support(Limit);
+  Upgraded17(support);
+  Fed fed;
+  Feed(support, std::string("\x81\xff\x80\0\0\0\0\0\0\0\x01\x02\x03\x04", 14), fed);
+  EXPECT_FALSE(support.IsOpen());
+  EXPECT_EQ(std::string("\x88\x02\x03\xea", 4), fed.wire);
+}
+
+TEST(WebSocketFramesTest, ReadingAfterCloseGivesClosed) {
+  hybi_17 specification(Limit);
+  std::vector<std::string> messages;
+  std::string wire;
+  const std::string frame = Text(0x81, "x");
+  EXPECT_EQ(hybi_17::Closed, specification.ReadFrames(frame.data(), frame.size(), messages, wire));
+  EXPECT_TRUE(messages.empty());
+}
+
+TEST(WebSocketFramesTest, WritesTheThreeLengthForms) {
+  WebSocketSupport support(Limit);
+  std::string wire;
+  EXPECT_FALSE(support.Write("x", 1, false, wire));  // not upgraded
+  Upgraded17(support);
+  struct Case {
+    std::size_t length;
+    std::string header;
+  };
+  const Case cases[] = {
+      {0, std::string("\x81\x00", 2)},
+      {125, std::string("\x81\x7d", 2)},
+      {126, std::string("\x81\x7e\x00\x7e", 4)},
+      {65535, std::string("\x81\x7e\xff\xff", 4)},
+      {65536, std::string("\x81\x7f\0\0\0\0\0\x01\0\0", 10)},
+  };
+  for (const Case& c : cases) {
+    std::string payload(c.length, 'p');
+    wire.clear();
+    ASSERT_TRUE(support.Write(payload.data(), payload.size(), false, wire));
+    EXPECT_EQ(c.header, wire.substr(0, c.header.size())) << c.length;
+    EXPECT_EQ(payload, wire.substr(c.header.size())) << c.length;
+  }
+  wire.clear();
+  ASSERT_TRUE(support.Write("\x01\x02", 2, true, wire));
+  EXPECT_EQ(std::string("\x82\x02\x01\x02", 4), wire);
+
+  wire.clear();
+  support.Close(1000, wire);
+  EXPECT_EQ(std::string("\x88\x02\x03\xe8", 4), wire);
+  wire.clear();
+  support.Close(1000, wire);  // only once
+  EXPECT_TRUE(wire.empty());
+  EXPECT_FALSE(support.Write("x", 1, false, wire));
+
+  hybi_17 noCode(Limit);
+  std::string request = Hybi17Request();
+  ASSERT_TRUE(noCode.Handshake(request.data(), request.size(), wire));
+  wire.clear();
+  noCode.Close(1005, wire);  // a code that never travels: a closing frame without one
+  EXPECT_EQ(std::string("\x88\x00", 2), wire);
+}
+
+// --- hybi-00 frames --------------------------------------------------------------------------
+
+WebSocketSupport& Upgraded00(WebSocketSupport& support) {
+  Fed fed;
+  Feed(support, Hybi00Request, fed);
+  return support;
+}
+
+TEST(WebSocketHybi00Test, ReadsSentinelFramesAtEverySplitPoint) {
+  const std::string stream = std::string("\x00one\xff", 5) + std::string("\x00\xff", 2) +
+                             std::string("\xff\x83\x01", 3) + std::string(385, 'z') +
+                             std::string("\x05skipped\xff", 9) +
+                             std::string("\x00tw\xC3\xA9\xff", 7);
+  for (std::size_t at = 0; at <= stream.size(); ++at) {
+    WebSocketSupport support(Limit);
+    Fed fed = FeedSplit(Upgraded00(support), stream, at);
+    ASSERT_EQ(" [one] [] [tw\xC3\xA9]", MessagesOf(fed)) << "split at " << at;
+    EXPECT_TRUE(support.IsOpen());
+  }
+}
+
+TEST(WebSocketHybi00Test, TheClosingFrameAndUnknownTypesClose) {
+  for (const std::string& closing : {std::string("\xff\x00", 2), std::string("\x80\x01", 2)}) {
+    WebSocketSupport support(Limit);
+    Upgraded00(support);
+    Fed fed;
+    Feed(support, std::string("\x00hi\xff", 4) + closing, fed);
+    EXPECT_EQ(Lines({"WEBSOCKETMESSAGE [hi]"}), fed.events);
+    EXPECT_FALSE(support.IsOpen());
+    EXPECT_EQ(std::string("\xff\x00", 2), fed.wire);  // answered with our own closing frame
+  }
+}
+
+TEST(WebSocketHybi00Test, AnUnendingTextFrameStopsAtTheLimit) {
+  WebSocketSupport support(64);
+  Upgraded00(support);
+  Fed fed;
+  Feed(support, std::string("\x00", 1) + std::string(40, 'a'), fed);
+  EXPECT_TRUE(support.IsOpen());
+  Feed(support, std::string(40, 'a'), fed);
+  EXPECT_FALSE(support.IsOpen());
+  EXPECT_TRUE(fed.events.empty());
+}
+
+TEST(WebSocketHybi00Test, WritesSentinelFrames) {
+  WebSocketSupport support(Limit);
+  Upgraded00(support);
+  std::string wire;
+  ASSERT_TRUE(support.Write("h\xC3\xA9", 3, false, wire));
+  EXPECT_EQ(std::string("\x00h\xC3\xA9\xff", 5), wire);
+  wire.clear();
+  EXPECT_FALSE(support.Write("\xff", 1, true, wire));  // cannot be framed
+  EXPECT_TRUE(wire.empty());
+  support.Close(1000, wire);
+  EXPECT_EQ(std::string("\xff\x00", 2), wire);
+}
+
+}  // namespace
+}  // namespace Veskan
