@@ -14,6 +14,7 @@
 #include <condition_variable>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Veskan {
@@ -266,6 +267,52 @@ TEST_F(WebSocketServerTest, AClientThatDoesNotReadIsClosedAtTheBacklogLimit) {
   EXPECT_LT(written, most);
   EXPECT_GE(written, static_cast<int>(Client::MaxWebSocketBacklog >> 20));
   EXPECT_EQ("DISCONNECT", WaitForEvents(2).back());
+}
+
+}  // namespace
+}  // namespace Veskan
+
+namespace Veskan {
+namespace {
+
+TEST(WebSocketWindowModeTest, EventsArriveOnTheOwnerThreadAndItsAnswersLeave) {
+  auto server = std::make_shared<Server>(false, nullptr, nullptr);
+  std::vector<std::thread::id> threads;
+  std::vector<Methods::Enumeration> methods;
+  server->WebSocketMessage.connect([&](const std::shared_ptr<Server>&,
+                                       const std::shared_ptr<Client>& client,
+                                       const std::shared_ptr<WSData>& data) {
+    threads.push_back(std::this_thread::get_id());
+    methods.push_back(data->Method);
+    for (const StringBuffer& message : data->Messages)
+      client->WriteThroughWebSocket(StringBuffer(u"re: ") + message);
+  });
+  ASSERT_TRUE(server->Start(u"http://localhost:0/"));
+  RawConnection connection(server->Port());
+  connection.Send(Testing::Hybi17Request("/ws") + TextFrame("window"));
+  // The answers need this thread's event loop: read them on another one meanwhile.
+  std::string answer;
+  std::pair<int, std::string> echo;
+  std::thread reader([&] {
+    answer = connection.ReadResponse();
+    std::string head = connection.ReadBytes(2);
+    echo = {head.empty() ? -1 : static_cast<unsigned char>(head[0]),
+            connection.ReadBytes(head.size() == 2 ? static_cast<unsigned char>(head[1]) : 0)};
+    connection.Close();
+  });
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (methods.size() < 3 && std::chrono::steady_clock::now() < deadline)
+    DaemonMarshaller::RunEventLoopOnce();
+  reader.join();
+  EXPECT_EQ(0u, answer.find("HTTP/1.1 101"));
+  EXPECT_EQ(std::make_pair(0x81, std::string("re: window")), echo);
+  EXPECT_EQ((std::vector<Methods::Enumeration>{Methods::WEBSOCKETCONNECT, Methods::WEBSOCKETMESSAGE,
+                                               Methods::WEBSOCKETDISCONNECT}),
+            methods);
+  for (std::thread::id id : threads)
+    EXPECT_EQ(std::this_thread::get_id(), id);
+  server->Stop(200);
+  EXPECT_TRUE(Daemon::WaitForAllThreads(10));
 }
 
 }  // namespace
