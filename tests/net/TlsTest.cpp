@@ -5,6 +5,7 @@
 #include <veskan/Daemon.h>
 #include <veskan/Server.h>
 #include <veskan/TransportLayerSecurity.h>
+#include <veskan/WSData.h>
 
 #include "RawConnection.h"
 #include "TestSupport.h"
@@ -551,6 +552,30 @@ TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
   EXPECT_EQ(0u, answer.find("HTTP/1.1 200 OK\r\n")) << answer;
   EXPECT_EQ("GET /s|", Testing::BodyOf(answer));
   EXPECT_EQ(0, exitStatus) << "the server ended the session with close_notify";
+}
+
+TEST_F(TlsServerTest, CarriesWebSocketFrames) {
+  StartServer();
+  // Echo once, then close: the client's session ends with the connection.
+  server_->WebSocketMessage.connect([this](const std::shared_ptr<Server>&,
+                                           const std::shared_ptr<Client>& client,
+                                           const std::shared_ptr<WSData>& data) {
+    if (data->Method != Methods::WEBSOCKETMESSAGE) return;
+    for (const StringBuffer& message : data->Messages)
+      client->WriteThroughWebSocket(message);
+    server_->CloseWebSocket(client);
+  });
+  int exitStatus = -1;
+  // A masked text frame "wss" (a zero masking key), in printf's octal escapes.
+  std::string answer = SecureClient(
+      "-quiet",
+      "GET /ws HTTP/1.1\\r\\nHost: x\\r\\nUpgrade: websocket\\r\\nConnection: Upgrade\\r\\n"
+      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\\r\\nSec-WebSocket-Version: 13\\r\\n\\r\\n"
+      "\\201\\203\\000\\000\\000\\000wss",
+      exitStatus);
+  EXPECT_EQ(0u, answer.find("HTTP/1.1 101 Switching Protocols\r\n")) << answer;
+  EXPECT_NE(std::string::npos, answer.find(std::string("\x81\x03wss\x88\x02\x03\xe8", 9)))
+      << answer;
 }
 
 TEST_F(TlsServerTest, SpeaksTls12And13Only) {
