@@ -50,9 +50,8 @@ int WebSocketSupport::Feed(const char* data, std::size_t length,
       pending_.clear();
       return NothingToDeliver;
     }
-    using Flags = unsigned;
-    Flags both = WebsocketSpecifications::HandshakeFlags::Key1 |
-                 WebsocketSpecifications::HandshakeFlags::Key2;
+    const unsigned both = WebsocketSpecifications::HandshakeFlags::Key1 |
+                          WebsocketSpecifications::HandshakeFlags::Key2;
     std::unique_ptr<WebsocketSpecifications::Specification> specification;
     if ((request.Flags & both) == both) {
       // The 8 challenge bytes follow the header block.
