@@ -18,6 +18,7 @@
 #include <veskan/Daemon.h>
 #include <veskan/DaemonMarshaller.h>
 #include <veskan/Globals.h>
+#include <veskan/Logger.h>
 #include <veskan/Message.h>
 #include <veskan/Server.h>
 #include <veskan/StringBuffer.h>
@@ -363,8 +364,12 @@ int main(int argc, char** argv) {
   Server::Log::Stop();
   Server::Log::SetAlertHandler(nullptr);
   if (!started) {
-    if (errors.empty()) errors = "cannot listen on port " + std::to_string(options.port) + "\n";
-    std::cerr << "veskan-serve: " << errors;
+    // The engine's errors are on stderr already when the library's log shows errors.
+    if (errors.empty()) {
+      std::cerr << "veskan-serve: cannot listen on port " << options.port << "\n";
+    } else if (!Logger::IsEnabled(Logger::Severity::Error)) {
+      std::cerr << "veskan-serve: " << errors;
+    }
     return 1;
   }
   std::cout << "listening on " << (server->IsSecure() ? "https" : "http")
