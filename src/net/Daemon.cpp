@@ -13,6 +13,7 @@
 #include "net/EngineLog.h"
 #include "net/ReplyWriter.h"
 #include "net/RequestReader.h"
+#include "net/TlsContext.h"
 #include "net/websocket/WebSocketSupport.h"
 #include "sys/Clock.h"
 #include "sys/Socket.h"
@@ -380,6 +381,7 @@ void Daemon::ThreadProc() {
     }
   }
   lock.unlock();
+  Detail::ReleaseTlsThreadState();
   Detail::CountEvent(Counters::DaemonsRunning, -1);
   Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ThreadProc") << " ended id_: " << id_;
   std::lock_guard<std::mutex> threads(threadsMutex);

@@ -38,6 +38,11 @@ class TlsContext {
   std::unique_ptr<ssl_ctx_st, Free> context_;
 };
 
+// Frees what the TLS library keeps for the calling thread (its error queue). A daemon thread
+// calls it as it ends: the library would otherwise free it only after the thread is counted as
+// ended, and a process exiting in that moment would lose it.
+void ReleaseTlsThreadState();
+
 }  // namespace Detail
 }  // namespace Veskan
 

@@ -7,6 +7,7 @@
 #include "net/TlsContext.h"
 
 #include <openssl/bio.h>
+#include <openssl/crypto.h>
 #include <openssl/err.h>
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -519,6 +520,10 @@ std::shared_ptr<TlsContext> TlsContext::AcquireServer(const StringBuffer& certif
     EngineLog(Logger::Severity::Error, Method, SetUpText(built.status, built.file));
   }
   return built.context;
+}
+
+void ReleaseTlsThreadState() {
+  OPENSSL_thread_stop();
 }
 
 }  // namespace Detail
