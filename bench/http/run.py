@@ -13,7 +13,6 @@ import datetime
 import errno
 import os
 import platform
-import resource
 import select
 import selectors
 import shlex
@@ -25,6 +24,9 @@ import subprocess
 import sys
 import tempfile
 import time
+
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from benchlib import fmt, log, pinned, raise_file_limit  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -54,10 +56,6 @@ PEER_BUILDS = {
 
 SERVER_CPU = "0"
 CLIENT_CPU = "1"
-
-
-def log(message):
-    print(message, file=sys.stderr, flush=True)
 
 
 # ---------------------------------------------------------------------------------------------
@@ -90,12 +88,6 @@ def free_port():
     with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
         s.bind(("127.0.0.1", 0))
         return s.getsockname()[1]
-
-
-def pinned(cpu, command):
-    if shutil.which("taskset") and os.cpu_count() and os.cpu_count() >= 2:
-        return ["taskset", "-c", cpu] + command
-    return command
 
 
 def process_tree(pid):
@@ -551,12 +543,6 @@ def package_versions():
     return ", ".join(line for line in completed.stdout.splitlines() if line.strip())
 
 
-def fmt(value, digits=0):
-    if value is None:
-        return "—"
-    return f"{value:,.{digits}f}"
-
-
 def render(args, results, idle, notes, elapsed, facts):
     nproc, model, load = facts
     lines = ["# HTTP benchmark results", ""]
@@ -635,14 +621,6 @@ def render(args, results, idle, notes, elapsed, facts):
 
 
 # ---------------------------------------------------------------------------------------------
-
-
-def raise_file_limit(needed):
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    target = hard if hard != resource.RLIM_INFINITY else max(soft, needed)
-    if soft < target:
-        resource.setrlimit(resource.RLIMIT_NOFILE, (target, hard))
-    return resource.getrlimit(resource.RLIMIT_NOFILE)[0]
 
 
 def main():

@@ -26,6 +26,9 @@ import sys
 import tempfile
 import time
 
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from benchlib import fmt, log, pinned, raise_file_limit  # noqa: E402
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 BUILD = os.path.join(ROOT, "build-bench-ws")
@@ -44,10 +47,6 @@ JOBS = "2"  # the machine has two cores, shared with other work
 SERVER_CPU = "0"
 CLIENT_CPU = "1"
 LISTENING = re.compile(r"listening on http://127\.0\.0\.1:(\d+)/")
-
-
-def log(message):
-    print(message, file=sys.stderr, flush=True)
 
 
 def run_logged(command, **kwargs):
@@ -92,12 +91,6 @@ def build_veskan():
 
 # ---------------------------------------------------------------------------------------------
 # Processes
-
-
-def pinned(cpu, command):
-    if shutil.which("taskset") and os.cpu_count() and os.cpu_count() >= 2:
-        return ["taskset", "-c", cpu] + command
-    return command
 
 
 def cpu_seconds(pid):
@@ -348,12 +341,6 @@ def package_versions():
     return ", ".join(line for line in completed.stdout.splitlines() if line.strip())
 
 
-def fmt(value, digits=0):
-    if value is None:
-        return "—"
-    return f"{value:,.{digits}f}"
-
-
 def ratio(numerator, denominator):
     return numerator / denominator if numerator and denominator else None
 
@@ -462,14 +449,6 @@ def goal_checks(results, own, peers):
 
 
 # ---------------------------------------------------------------------------------------------
-
-
-def raise_file_limit(needed):
-    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
-    target = hard if hard != resource.RLIM_INFINITY else max(soft, needed)
-    if soft < target:
-        resource.setrlimit(resource.RLIMIT_NOFILE, (target, hard))
-    return resource.getrlimit(resource.RLIMIT_NOFILE)[0]
 
 
 def main():

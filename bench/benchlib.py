@@ -1,0 +1,32 @@
+"""Helpers the benchmark scripts (bench/http/run.py, bench/ws/run.py) share. Standard library only."""
+
+import os
+import resource
+import shutil
+import sys
+
+
+def log(message):
+    print(message, file=sys.stderr, flush=True)
+
+
+def pinned(cpu, command):
+    """`command` run on CPU `cpu` when taskset is there and the machine has two CPUs or more."""
+    if shutil.which("taskset") and os.cpu_count() and os.cpu_count() >= 2:
+        return ["taskset", "-c", cpu] + command
+    return command
+
+
+def fmt(value, digits=0):
+    if value is None:
+        return "—"
+    return f"{value:,.{digits}f}"
+
+
+def raise_file_limit(needed):
+    """Raises the soft limit on open files as far as allowed; returns the limit then."""
+    soft, hard = resource.getrlimit(resource.RLIMIT_NOFILE)
+    target = hard if hard != resource.RLIM_INFINITY else max(soft, needed)
+    if soft < target:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (target, hard))
+    return resource.getrlimit(resource.RLIMIT_NOFILE)[0]
