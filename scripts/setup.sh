@@ -18,6 +18,9 @@ packages=(
   # peer servers for the HTTP benchmark (bench/http)
   libmicrohttpd-dev libpoco-dev nginx
   libwebsocketpp-dev  # peer server of the WebSocket benchmark (bench/ws); Beast is in libboost-dev
+  # the XPath engine's reference: xmllint re-generates the differential corpus, libxml2 is the
+  # benchmark's peer
+  libxml2-utils libxml2-dev
 )
 
 missing=()

@@ -24,6 +24,7 @@
 namespace Veskan {
 
 class Message;
+class XPathExpression;
 
 // One DOM document and, for a parsed one, the parser that built it.
 //
@@ -353,6 +354,12 @@ class VESKAN_API XmlSchema {
       xercesc::DOMNode* node, const char16_t* path, const char16_t* attribute,
       const char16_t* value, const XPathVariables& namespaces = Namespaces::Defaults);
 
+  // The first element, anywhere in the node's document, whose "xml:id" attribute is `id`; null
+  // when there is none.
+  static xercesc::DOMElement* GetElementById(xercesc::DOMNode* node, const char16_t* id);
+  static xercesc::DOMElement* GetElementById(const std::shared_ptr<XmlDocument>& doc,
+                                             const char16_t* id);
+
   // ---- Attributes and text
   // -----------------------------------------------------------------------
 
@@ -437,6 +444,11 @@ class VESKAN_API XmlSchema {
   // keeping list order within a group.
   static void MapElementsByAttributeValue(const XmlElementList& elements, const char16_t* attribute,
                                           XmlElementMap& map,
+                                          const XPathVariables& namespaces = Namespaces::Defaults);
+
+  // The same for the elements an expression selected (other nodes are left out).
+  static void MapElementsByAttributeValue(const XPathExpression& expression,
+                                          const char16_t* attribute, XmlElementMap& map,
                                           const XPathVariables& namespaces = Namespaces::Defaults);
 
   // The elements in the order of one presentation of a quiz, the same for the same seed text on

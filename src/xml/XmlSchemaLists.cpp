@@ -1,5 +1,6 @@
 // XmlSchema: sorting, grouping and randomising lists of elements.
 #include <veskan/Statistics.h>
+#include <veskan/XPathExpression.h>
 #include <veskan/XmlSchema.h>
 
 #include "foundation/TextOrder.h"
@@ -103,6 +104,16 @@ void XmlSchema::MapElementsByAttributeValue(const XmlElementList& elements,
     if (!group) group = std::make_shared<XmlElementList>();
     group->Add(element);
   }
+}
+
+void XmlSchema::MapElementsByAttributeValue(const XPathExpression& expression,
+                                            const char16_t* attribute, XmlElementMap& map,
+                                            const XPathVariables& namespaces) {
+  XmlElementList elements;
+  for (int i = 0; i < expression.Count(); ++i) {
+    if (xercesc::DOMElement* element = NodeAsElement(expression[i])) elements.Add(element);
+  }
+  MapElementsByAttributeValue(elements, attribute, map, namespaces);
 }
 
 XmlElementList XmlSchema::Randomize(const XmlElementList& elements, const char16_t* seed) {

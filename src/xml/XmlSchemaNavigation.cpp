@@ -1,5 +1,6 @@
 // XmlSchema: navigation, path lookup and path creation.
 #include <veskan/Logger.h>
+#include <veskan/XPathExpression.h>
 #include <veskan/XmlSchema.h>
 
 #include "xml/XmlNames.h"
@@ -357,6 +358,17 @@ xercesc::DOMElement* XmlSchema::FindElementWithAttributeValue(xercesc::DOMNode* 
                     Detail::AttributeThroughTable(element, attribute, namespaces);
                 return found && StringBuffer(found->getValue()) == wanted;
               });
+}
+
+xercesc::DOMElement* XmlSchema::GetElementById(xercesc::DOMNode* node, const char16_t* id) {
+  if (!node) return nullptr;
+  const XPathVariables binding(u"id", id ? id : u"", nullptr);
+  return XPathExpression(node, u"//*[@xml:id = $id]", binding, Namespaces::Defaults);
+}
+
+xercesc::DOMElement* XmlSchema::GetElementById(const std::shared_ptr<XmlDocument>& doc,
+                                               const char16_t* id) {
+  return GetElementById(DocumentNode(doc), id);
 }
 
 }  // namespace Veskan

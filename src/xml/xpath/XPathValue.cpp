@@ -1,0 +1,328 @@
+// The XPath engine's error and the XPath 1.0 conversions between node string-values, strings,
+// numbers and booleans.
+#include "xml/xpath/XPathValue.h"
+
+#include <xercesc/dom/DOMCharacterData.hpp>
+
+#include <array>
+#include <charconv>
+#include <cmath>
+#include <limits>
+#include <string>
+#include <system_error>
+
+namespace Veskan {
+namespace Detail {
+namespace XPath {
+
+using xercesc::DOMNode;
+
+// ---- XPathError
+
+// The base class keeps `msg` as a plain pointer and frees it only when it owns it, which its
+// default constructor says it does not: `msg` always points into our own `message_`.
+XPathError::XPathError(short errorCode, std::u16string message)
+    : xercesc::DOMXPathException(), message_(std::move(message)) {
+  code = errorCode;
+  msg = message_.c_str();
+}
+
+XPathError::XPathError(const XPathError& other)
+    : xercesc::DOMXPathException(), message_(other.message_) {
+  code = other.code;
+  msg = message_.c_str();
+}
+
+XPathError::~XPathError() {
+  msg = nullptr;
+}
+
+void ThrowInvalidExpression(std::u16string message) {
+  throw XPathError(xercesc::DOMXPathException::INVALID_EXPRESSION_ERR, std::move(message));
+}
+
+void ThrowTypeError(std::u16string message) {
+  throw XPathError(xercesc::DOMXPathException::TYPE_ERR, std::move(message));
+}
+
+std::u16string MessageText(std::string_view utf8) {
+  std::u16string out;
+  out.reserve(utf8.size());
+  std::size_t i = 0;
+  while (i < utf8.size()) {
+    const auto lead = static_cast<unsigned char>(utf8[i]);
+    std::size_t extra = 0;
+    char32_t c = lead;
+    if ((lead & 0xE0) == 0xC0) {
+      extra = 1;
+      c = lead & 0x1F;
+    } else if ((lead & 0xF0) == 0xE0) {
+      extra = 2;
+      c = lead & 0x0F;
+    } else if ((lead & 0xF8) == 0xF0) {
+      extra = 3;
+      c = lead & 0x07;
+    }
+    bool valid = lead < 0x80 || extra > 0;
+    for (std::size_t k = 1; valid && k <= extra; ++k) {
+      if (i + k >= utf8.size()) {
+        valid = false;
+        break;
+      }
+      const auto next = static_cast<unsigned char>(utf8[i + k]);
+      valid = (next & 0xC0) == 0x80;
+      c = (c << 6) | (next & 0x3F);
+    }
+    if (!valid) {
+      // Messages must not fail on bad input: show U+FFFD for the byte and go on.
+      out += u'\uFFFD';
+      ++i;
+      continue;
+    }
+    i += extra + 1;
+    if (c >= 0x10000) {
+      c -= 0x10000;
+      out += static_cast<char16_t>(0xD800 + (c >> 10));
+      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
+    } else {
+      out += static_cast<char16_t>(c);
+    }
+  }
+  return out;
+}
+
+// ---- String-values
+
+namespace {
+
+bool IsCharacterData(short type) {
+  return type == DOMNode::TEXT_NODE || type == DOMNode::CDATA_SECTION_NODE;
+}
+
+void AppendCharacterData(const DOMNode* node, std::u16string& out) {
+  const auto* data = static_cast<const xercesc::DOMCharacterData*>(node);
+  const XMLCh* text = data->getData();
+  if (text) out.append(text, data->getLength());
+}
+
+void AppendText(const XMLCh* text, std::u16string& out) {
+  if (text) out.append(text);
+}
+
+// The text and CDATA descendants of `root` in document order, without recursion: trees may be
+// far deeper than the stack.
+void AppendDescendantText(const DOMNode* root, std::u16string& out) {
+  const DOMNode* first = root->getFirstChild();
+  if (!first) return;
+  // The common case of an element holding one piece of text needs no walk.
+  if (!first->getNextSibling() && IsCharacterData(first->getNodeType())) {
+    AppendCharacterData(first, out);
+    return;
+  }
+  const DOMNode* node = first;
+  while (node) {
+    if (IsCharacterData(node->getNodeType())) {
+      AppendCharacterData(node, out);
+    } else if (const DOMNode* child = node->getFirstChild()) {
+      node = child;
+      continue;
+    }
+    while (node != root && !node->getNextSibling())
+      node = node->getParentNode();
+    node = node == root ? nullptr : node->getNextSibling();
+  }
+}
+
+}  // namespace
+
+void AppendStringValue(const DOMNode* node, std::u16string& out) {
+  switch (node->getNodeType()) {
+    case DOMNode::ELEMENT_NODE:
+    case DOMNode::DOCUMENT_NODE:
+    case DOMNode::DOCUMENT_FRAGMENT_NODE:
+    case DOMNode::ENTITY_REFERENCE_NODE:
+      AppendDescendantText(node, out);
+      break;
+    case DOMNode::TEXT_NODE:
+    case DOMNode::CDATA_SECTION_NODE:
+    case DOMNode::COMMENT_NODE:
+      AppendCharacterData(node, out);
+      break;
+    case DOMNode::ATTRIBUTE_NODE:
+    case DOMNode::PROCESSING_INSTRUCTION_NODE:
+      AppendText(node->getNodeValue(), out);
+      break;
+    default:
+      break;
+  }
+}
+
+std::u16string StringValue(const DOMNode* node) {
+  std::u16string out;
+  AppendStringValue(node, out);
+  return out;
+}
+
+// ---- Numbers
+
+std::u16string NumberToString(double value) {
+  if (std::isnan(value)) return u"NaN";
+  if (std::isinf(value)) return value > 0 ? u"Infinity" : u"-Infinity";
+  if (value == 0) return u"0";
+
+  // The shortest digits that read back as `value`, in scientific form "d.ddde[+-]xx", then laid
+  // out again without exponent.
+  std::array<char, 64> buffer{};
+  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                    std::chars_format::scientific);
+  const std::string_view text(buffer.data(), static_cast<std::size_t>(result.ptr - buffer.data()));
+  const std::size_t e = text.find('e');
+  std::string digits;
+  bool negative = false;
+  for (std::size_t i = 0; i < e; ++i) {
+    if (text[i] == '-') {
+      negative = true;
+    } else if (text[i] != '.') {
+      digits += text[i];
+    }
+  }
+  int exponent = 0;
+  std::from_chars(text.data() + e + 1 + (text[e + 1] == '+' ? 1 : 0), text.data() + text.size(),
+                  exponent);
+
+  // `exponent` + 1 digits stand before the point.
+  const int integerDigits = exponent + 1;
+  std::u16string out;
+  if (negative) out += u'-';
+  if (integerDigits <= 0) {
+    out += u"0.";
+    out.append(static_cast<std::size_t>(-integerDigits), u'0');
+    for (const char c : digits)
+      out += static_cast<char16_t>(c);
+    return out;
+  }
+  const auto whole = static_cast<std::size_t>(integerDigits);
+  for (std::size_t i = 0; i < whole; ++i) {
+    out += i < digits.size() ? static_cast<char16_t>(digits[i]) : u'0';
+  }
+  if (digits.size() > whole) {
+    out += u'.';
+    for (std::size_t i = whole; i < digits.size(); ++i)
+      out += static_cast<char16_t>(digits[i]);
+  }
+  return out;
+}
+
+double StringToNumber(std::u16string_view text) {
+  constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
+  std::size_t begin = 0;
+  std::size_t end = text.size();
+  while (begin < end && IsXPathSpace(text[begin]))
+    ++begin;
+  while (end > begin && IsXPathSpace(text[end - 1]))
+    --end;
+
+  // Check the grammar while copying to ASCII for the conversion.
+  std::string ascii;
+  ascii.reserve(end - begin);
+  std::size_t i = begin;
+  if (i < end && text[i] == u'-') {
+    ascii += '-';
+    ++i;
+  }
+  bool anyDigit = false;
+  bool nonZeroBeforePoint = false;
+  bool point = false;
+  for (; i < end; ++i) {
+    const char16_t c = text[i];
+    if (c >= u'0' && c <= u'9') {
+      anyDigit = true;
+      if (!point && c != u'0') nonZeroBeforePoint = true;
+    } else if (c == u'.' && !point) {
+      point = true;
+    } else {
+      return NaN;
+    }
+    ascii += static_cast<char>(c);
+  }
+  if (!anyDigit) return NaN;
+
+  double value = 0;
+  const auto result =
+      std::from_chars(ascii.data(), ascii.data() + ascii.size(), value, std::chars_format::fixed);
+  if (result.ec == std::errc::result_out_of_range) {
+    // Too large for a double, or so small that it rounds to zero.
+    const bool negative = ascii[0] == '-';
+    value = nonZeroBeforePoint ? std::numeric_limits<double>::infinity() : 0.0;
+    return negative ? -value : value;
+  }
+  if (result.ec != std::errc() || result.ptr != ascii.data() + ascii.size()) return NaN;
+  return value;
+}
+
+// ---- Items and sequences
+
+std::u16string ToString(const Item& item) {
+  switch (item.type) {
+    case ItemType::Node:
+      return StringValue(item.node);
+    case ItemType::String:
+      return item.string;
+    case ItemType::Number:
+      return NumberToString(item.number);
+    case ItemType::Boolean:
+      return item.boolean ? u"true" : u"false";
+  }
+  return std::u16string();
+}
+
+double ToNumber(const Item& item) {
+  switch (item.type) {
+    case ItemType::Node:
+      return StringToNumber(StringValue(item.node));
+    case ItemType::String:
+      return StringToNumber(item.string);
+    case ItemType::Number:
+      return item.number;
+    case ItemType::Boolean:
+      return item.boolean ? 1 : 0;
+  }
+  return std::numeric_limits<double>::quiet_NaN();
+}
+
+bool ToBoolean(const Item& item) {
+  switch (item.type) {
+    case ItemType::Node:
+      return true;
+    case ItemType::String:
+      return !item.string.empty();
+    case ItemType::Number:
+      return item.number != 0 && !std::isnan(item.number);
+    case ItemType::Boolean:
+      return item.boolean;
+  }
+  return false;
+}
+
+std::u16string ToString(const Sequence& sequence) {
+  return sequence.empty() ? std::u16string() : ToString(sequence.front());
+}
+
+double ToNumber(const Sequence& sequence) {
+  return sequence.empty() ? std::numeric_limits<double>::quiet_NaN() : ToNumber(sequence.front());
+}
+
+bool EffectiveBoolean(const Sequence& sequence) {
+  if (sequence.empty()) return false;
+  if (sequence.front().IsNode()) return true;
+  if (sequence.size() > 1) {
+    ThrowTypeError(
+        u"The effective boolean value of a sequence of several atomic values is not "
+        u"defined.");
+  }
+  return ToBoolean(sequence.front());
+}
+
+}  // namespace XPath
+}  // namespace Detail
+}  // namespace Veskan
