@@ -15,6 +15,7 @@
 
 #include <veskan/ByteBuffer.h>
 #include <veskan/Globals.h>
+#include <veskan/StringBuffer.h>
 #include <veskan/XPathVariables.h>
 #include <veskan/XmlSchema.h>
 
@@ -50,52 +51,12 @@ constexpr int PrintedFailures = 50;
 // ---- Text
 
 std::u16string Utf16(const std::string& utf8) {
-  std::u16string out;
-  for (std::size_t i = 0; i < utf8.size();) {
-    const auto lead = static_cast<unsigned char>(utf8[i]);
-    const int length = lead < 0x80 ? 1 : lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    char32_t code = length == 1   ? lead
-                    : length == 2 ? lead & 0x1Fu
-                    : length == 3 ? lead & 0x0Fu
-                                  : lead & 0x07u;
-    for (int k = 1; k < length && i + k < utf8.size(); ++k)
-      code = (code << 6) | (static_cast<unsigned char>(utf8[i + k]) & 0x3Fu);
-    i += length;
-    if (code >= 0x10000) {
-      code -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (code >> 10));
-      out += static_cast<char16_t>(0xDC00 + (code & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(code);
-    }
-  }
-  return out;
+  const StringBuffer text = UTF8to16(utf8.c_str(), 0, static_cast<int>(utf8.size()));
+  return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
 }
 
 std::string Utf8(const char16_t* text, std::size_t length) {
-  std::string out;
-  for (std::size_t i = 0; i < length; ++i) {
-    char32_t code = text[i];
-    if (code >= 0xD800 && code < 0xDC00 && i + 1 < length && text[i + 1] >= 0xDC00 &&
-        text[i + 1] < 0xE000)
-      code = 0x10000 + ((code - 0xD800) << 10) + (text[++i] - 0xDC00);
-    if (code < 0x80) {
-      out += static_cast<char>(code);
-    } else if (code < 0x800) {
-      out += static_cast<char>(0xC0 | (code >> 6));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else if (code < 0x10000) {
-      out += static_cast<char>(0xE0 | (code >> 12));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    } else {
-      out += static_cast<char>(0xF0 | (code >> 18));
-      out += static_cast<char>(0x80 | ((code >> 12) & 0x3F));
-      out += static_cast<char>(0x80 | ((code >> 6) & 0x3F));
-      out += static_cast<char>(0x80 | (code & 0x3F));
-    }
-  }
-  return out;
+  return StringBuffer(text, static_cast<int>(length)).ToUTF8();
 }
 
 std::string Utf8(const std::u16string& text) {
@@ -103,8 +64,7 @@ std::string Utf8(const std::u16string& text) {
 }
 
 std::string Utf8(const XMLCh* text) {
-  if (!text) return std::string();
-  return Utf8(text, std::char_traits<char16_t>::length(text));
+  return text ? Utf8(text, std::char_traits<char16_t>::length(text)) : std::string();
 }
 
 // The corpus' escapes: backslash, n, r, t.

@@ -383,14 +383,26 @@ bool IsReverse(Axis axis) {
          axis == Axis::Preceding || axis == Axis::PrecedingSibling;
 }
 
-// The next node after `node` in a preorder walk of the subtree of `root`, or null.
-DOMNode* NextInSubtree(DOMNode* node, const DOMNode* root) {
-  if (DOMNode* child = node->getFirstChild()) return child;
-  while (node != root) {
-    if (DOMNode* sibling = node->getNextSibling()) return sibling;
-    node = node->getParentNode();
+// Calls `emit` for every descendant of `root` in document order. The walk keeps its own stack of
+// open ancestors: Xerces' getParentNode costs a dynamic_cast per call.
+template <typename Emit>
+void WalkDescendants(DOMNode* root, Emit&& emit) {
+  std::vector<DOMNode*> open;
+  DOMNode* node = root->getFirstChild();
+  while (node) {
+    emit(node);
+    if (DOMNode* child = node->getFirstChild()) {
+      open.push_back(node);
+      node = child;
+      continue;
+    }
+    DOMNode* next = node->getNextSibling();
+    while (!next && !open.empty()) {
+      next = open.back()->getNextSibling();
+      open.pop_back();
+    }
+    node = next;
   }
-  return nullptr;
 }
 
 // Calls `emit` for every node of the axis from `context`, in axis order (reverse axes
@@ -412,10 +424,7 @@ void WalkAxis(Axis axis, DOMNode* context, Emit&& emit) {
       emit(context);
       [[fallthrough]];
     case Axis::Descendant:
-      if (attribute) return;
-      for (DOMNode* node = context->getFirstChild(); node; node = NextInSubtree(node, context)) {
-        emit(node);
-      }
+      if (!attribute) WalkDescendants(context, emit);
       return;
     case Axis::Parent:
       if (DOMNode* parent = ParentOf(context)) emit(parent);
@@ -444,15 +453,13 @@ void WalkAxis(Axis axis, DOMNode* context, Emit&& emit) {
       if (attribute) {
         start = ParentOf(context);
         if (!start) return;
-        for (DOMNode* node = start->getFirstChild(); node; node = NextInSubtree(node, start)) {
-          emit(node);
-        }
+        WalkDescendants(start, emit);
       }
       for (DOMNode* ancestor = start; ancestor; ancestor = ancestor->getParentNode()) {
         for (DOMNode* sibling = ancestor->getNextSibling(); sibling;
              sibling = sibling->getNextSibling()) {
-          for (DOMNode* node = sibling; node; node = NextInSubtree(node, sibling))
-            emit(node);
+          emit(sibling);
+          WalkDescendants(sibling, emit);
         }
       }
       return;

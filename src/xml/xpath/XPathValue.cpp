@@ -2,6 +2,8 @@
 // numbers and booleans.
 #include "xml/xpath/XPathValue.h"
 
+#include <veskan/StringBuffer.h>
+
 #include <xercesc/dom/DOMCharacterData.hpp>
 
 #include <array>
@@ -46,49 +48,8 @@ void ThrowTypeError(std::u16string message) {
 }
 
 std::u16string MessageText(std::string_view utf8) {
-  std::u16string out;
-  out.reserve(utf8.size());
-  std::size_t i = 0;
-  while (i < utf8.size()) {
-    const auto lead = static_cast<unsigned char>(utf8[i]);
-    std::size_t extra = 0;
-    char32_t c = lead;
-    if ((lead & 0xE0) == 0xC0) {
-      extra = 1;
-      c = lead & 0x1F;
-    } else if ((lead & 0xF0) == 0xE0) {
-      extra = 2;
-      c = lead & 0x0F;
-    } else if ((lead & 0xF8) == 0xF0) {
-      extra = 3;
-      c = lead & 0x07;
-    }
-    bool valid = lead < 0x80 || extra > 0;
-    for (std::size_t k = 1; valid && k <= extra; ++k) {
-      if (i + k >= utf8.size()) {
-        valid = false;
-        break;
-      }
-      const auto next = static_cast<unsigned char>(utf8[i + k]);
-      valid = (next & 0xC0) == 0x80;
-      c = (c << 6) | (next & 0x3F);
-    }
-    if (!valid) {
-      // Messages must not fail on bad input: show U+FFFD for the byte and go on.
-      out += u'\uFFFD';
-      ++i;
-      continue;
-    }
-    i += extra + 1;
-    if (c >= 0x10000) {
-      c -= 0x10000;
-      out += static_cast<char16_t>(0xD800 + (c >> 10));
-      out += static_cast<char16_t>(0xDC00 + (c & 0x3FF));
-    } else {
-      out += static_cast<char16_t>(c);
-    }
-  }
-  return out;
+  const StringBuffer text = UTF8to16(utf8.data(), 0, static_cast<int>(utf8.size()));
+  return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
 }
 
 // ---- String-values
