@@ -68,9 +68,14 @@ std::string Render(const Sequence& sequence) {
 
 class XPathEvaluatorTest : public ::testing::Test {
  protected:
+  // The result rendered, or "error " and the error's message.
   std::string Eval(const char16_t* expression, xercesc::DOMNode* context = nullptr) {
-    CompiledExpression compiled(expression, namespaces_);
-    return Render(compiled.Evaluate(context ? context : doc_->DocumentNode()));
+    try {
+      CompiledExpression compiled(expression, namespaces_);
+      return Render(compiled.Evaluate(context ? context : doc_->DocumentNode()));
+    } catch (const XPathError& error) {
+      return "error " + Utf8(error.getMessage());
+    }
   }
 
   // The error's code, and its message in UTF-8 after a colon.
@@ -85,7 +90,10 @@ class XPathEvaluatorTest : public ::testing::Test {
   }
 
   Globals globals_;
-  XPathVariables namespaces_{u"v", u"urn:v", u"fn", FunctionsNamespace.data(), nullptr};
+  XPathVariables namespaces_{u"v",   u"urn:v",
+                             u"fn",  FunctionsNamespace.data(),
+                             u"xs",  u"http://www.w3.org/2001/XMLSchema",
+                             nullptr};
   std::shared_ptr<XmlDocument> doc_ = XmlSchema::NewDoc(QuizText);
 };
 
@@ -177,6 +185,32 @@ TEST_F(XPathEvaluatorTest, SequencesComparisonsAndBindings) {
   }
 }
 
+TEST_F(XPathEvaluatorTest, FunctionsAndCastsInExpressions) {
+  const std::pair<const char16_t*, const char*> cases[] = {
+      {u"string-join(for $a in //a return string($a), '-')", "A-B-C-D"},
+      {u"upper-case(//t[1])", "PARIS"},
+      {u"tokenize('a,b,,c', ',')", "a, b, , c"},
+      {u"replace('2026-11-22', '(\\d+)-(\\d+)-(\\d+)', '$3.$2.$1')", "22.11.2026"},
+      {u"index-of((1, 2, 1), 1)", "1, 3"},
+      {u"reverse(1 to 3)", "3, 2, 1"},
+      {u"subsequence(//a, 2, 2)", "a(B), a(C)"},
+      {u"exists(//z), empty(//z)", "false, true"},
+      {u"ends-with((//t)[2], 'on'), matches(//t[1], '^p', 'i')", "true, true"},
+      {u"count(distinct-values(//q/@points)), avg(//q/@points), max(//q/@points)", "2, 4, 5"},
+      {u"fn:sum(//q/@points) div count(//q)", "4"},
+      {u"xs:integer('42') + 1, xs:integer(3.7), xs:double(' 1e3 '), xs:string(1.5)",
+       "43, 3, 1000, 1.5"},
+      {u"xs:boolean('0'), xs:boolean(' true '), xs:integer(())", "false, true"},
+  };
+  for (const auto& [expression, expected] : cases) {
+    EXPECT_EQ(Eval(expression), expected) << Utf8(expression);
+  }
+  EXPECT_EQ(Error(u"xs:integer('4.2')"), "52: \"4.2\" cannot be cast to xs:integer.");
+  EXPECT_EQ(Error(u"xs:decimal('1e3')"), "52: \"1e3\" cannot be cast to xs:decimal.");
+  EXPECT_EQ(Error(u"xs:boolean('yes')"), "52: \"yes\" cannot be cast to xs:boolean.");
+  EXPECT_EQ(Error(u"xs:date('2026-11-22')"), "51: The function xs:date() is not known.");
+}
+
 TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
   const std::pair<const char16_t*, const char*> cases[] = {
       {u"//q[", "51: Syntax error at offset"},
@@ -194,6 +228,9 @@ TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
       {u"//q is //a", "52: A node comparison needs a single node on each side."},
       {u"if ((1, 2)) then 1 else 0", "52: "},
       {u"1 to 5000000", "52: The expression builds a sequence of more than 4194304 items."},
+      // Catastrophic backtracking ends at the match engine's step limit.
+      {u"matches('aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa!', '^(a+)+$')",
+       "51: The regular expression \"^(a+)+$\" could not be matched: U_REGEX_TIME_OUT."},
   };
   for (const auto& [expression, expected] : cases) {
     const std::string error = Error(expression);

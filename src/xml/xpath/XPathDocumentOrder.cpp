@@ -1,6 +1,8 @@
 // Document order for the XPath evaluator, and the focus that library functions see.
 #include "xml/xpath/XPathEvaluator.h"
 
+#include "xml/xpath/XPathNodes.h"
+
 #include <xercesc/dom/DOMAttr.hpp>
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/dom/DOMNamedNodeMap.hpp>
@@ -18,13 +20,6 @@ using xercesc::DOMNode;
 
 // Sets below this size sort by comparing ancestor chains; larger ones number their tree once.
 constexpr std::size_t NumberingThreshold = 48;
-
-const DOMNode* ParentOf(const DOMNode* node) {
-  if (node->getNodeType() == DOMNode::ATTRIBUTE_NODE) {
-    return static_cast<const xercesc::DOMAttr*>(node)->getOwnerElement();
-  }
-  return node->getParentNode();
-}
 
 bool IsAttribute(const DOMNode* node) {
   return node->getNodeType() == DOMNode::ATTRIBUTE_NODE;

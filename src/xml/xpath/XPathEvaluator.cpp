@@ -2,6 +2,8 @@
 // rewrites that keep common paths cheap) and evaluation over the Xerces DOM.
 #include "xml/xpath/XPathEvaluator.h"
 
+#include "xml/xpath/XPathNodes.h"
+
 #include <xercesc/dom/DOMAttr.hpp>
 #include <xercesc/dom/DOMDocument.hpp>
 #include <xercesc/dom/DOMElement.hpp>
@@ -21,8 +23,6 @@ namespace {
 
 using xercesc::DOMNode;
 
-constexpr std::u16string_view XmlNamespace = u"http://www.w3.org/XML/1998/namespace";
-constexpr std::u16string_view XmlnsNamespace = u"http://www.w3.org/2000/xmlns/";
 
 // Deepest recursion evaluation may need, counted after chains of binary and unary operators
 // are folded into loops: keeps the evaluator's stack use far below any thread's stack.
@@ -30,10 +30,6 @@ constexpr int MaxEvaluationDepth = 512;
 // Longest sequence one evaluation builds: far above any document the library keeps, far below
 // what would exhaust memory ("1 to 1e12" is refused rather than attempted).
 constexpr std::size_t MaxSequenceLength = std::size_t{1} << 22;
-
-std::u16string_view View(const XMLCh* text) {
-  return text ? std::u16string_view(text) : std::u16string_view();
-}
 
 std::u16string Utf16(std::string_view ascii) {
   return std::u16string(ascii.begin(), ascii.end());
@@ -305,11 +301,6 @@ class Binder {
 
 // ---- Node tests and axes
 
-bool IsNamespaceDeclaration(const DOMNode* node) {
-  return node->getNodeType() == DOMNode::ATTRIBUTE_NODE &&
-         View(node->getNamespaceURI()) == XmlnsNamespace;
-}
-
 std::u16string_view LocalNameOf(const DOMNode* node) {
   const XMLCh* local = node->getLocalName();
   return View(local ? local : node->getNodeName());
@@ -370,13 +361,6 @@ class Matcher {
   bool namespaceAxis_;
   const std::u16string& uri_;
 };
-
-DOMNode* ParentOf(const DOMNode* node) {
-  if (node->getNodeType() == DOMNode::ATTRIBUTE_NODE) {
-    return static_cast<const xercesc::DOMAttr*>(node)->getOwnerElement();
-  }
-  return node->getParentNode();
-}
 
 bool IsReverse(Axis axis) {
   return axis == Axis::Parent || axis == Axis::Ancestor || axis == Axis::AncestorOrSelf ||

@@ -3,6 +3,8 @@
 // doubles; a string or number parameter takes the first item of its argument).
 #include "xml/xpath/XPathEvaluator.h"
 
+#include "xml/xpath/XPathNodes.h"
+
 #include <xercesc/dom/DOMAttr.hpp>
 #include <xercesc/dom/DOMElement.hpp>
 #include <xercesc/dom/DOMNamedNodeMap.hpp>
@@ -15,6 +17,7 @@
 
 #include <algorithm>
 #include <array>
+#include <cctype>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -33,8 +36,6 @@ using xercesc::DOMNode;
 using Arguments = std::vector<Sequence>;
 
 constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-constexpr std::u16string_view XmlNamespace = u"http://www.w3.org/XML/1998/namespace";
-constexpr std::u16string_view XmlnsNamespace = u"http://www.w3.org/2000/xmlns/";
 
 // ---- Small helpers
 
@@ -83,23 +84,6 @@ DOMNode* NodeOrContext(FunctionContext& context, const Arguments& arguments,
     ThrowTypeError(u"The argument of " + std::u16string(function) + u"() must be a node.");
   }
   return item.node;
-}
-
-const DOMNode* ParentOf(const DOMNode* node) {
-  if (node->getNodeType() == DOMNode::ATTRIBUTE_NODE) {
-    return static_cast<const xercesc::DOMAttr*>(node)->getOwnerElement();
-  }
-  return node->getParentNode();
-}
-
-std::u16string_view View(const XMLCh* text) {
-  return text ? std::u16string_view(text) : std::u16string_view();
-}
-
-// An xmlns attribute stands for the namespace node it declares.
-bool IsNamespaceDeclaration(const DOMNode* node) {
-  return node->getNodeType() == DOMNode::ATTRIBUTE_NODE &&
-         View(node->getNamespaceURI()) == XmlnsNamespace;
 }
 
 // ---- Code points
@@ -247,6 +231,8 @@ bool AtomicEqual(const Item& a, const Item& b) {
 
 // A compiled pattern with a matcher over the input. The matcher refers to the input and the
 // pattern by address: the members are declared so that it goes first, and the whole stays put.
+constexpr int32_t RegexStepLimit = 1000;
+
 struct Regex {
   Regex() = default;
   Regex(const Regex&) = delete;
@@ -302,10 +288,25 @@ void MakeRegex(Regex& regex, const std::u16string& pattern, std::u16string_view 
   regex.input = icu::UnicodeString(input.data(), static_cast<int32_t>(input.size()));
   UErrorCode status = U_ZERO_ERROR;
   regex.matcher.reset(regex.pattern->matcher(regex.input, status));
+  // A pattern that backtracks without end ("(a+)+$") must not hold the thread: after this many
+  // steps of ICU's match engine (on the order of a second) the match fails.
+  if (regex.matcher) regex.matcher->setTimeLimit(RegexStepLimit, status);
   if (U_FAILURE(status) || !regex.matcher) {
     ThrowInvalidExpression(u"Cannot match the regular expression \"" + pattern + u"\": " +
                            MessageText(u_errorName(status)) + u".");
   }
+}
+
+// The next match; a match that fails (the step limit, ICU's stack limit) is an error rather
+// than a silent "no match".
+bool FindNext(Regex& regex, const std::u16string& pattern) {
+  UErrorCode status = U_ZERO_ERROR;
+  const bool found = regex.matcher->find(status);
+  if (U_FAILURE(status)) {
+    ThrowInvalidExpression(u"The regular expression \"" + pattern + u"\" could not be matched: " +
+                           MessageText(u_errorName(status)) + u".");
+  }
+  return found;
 }
 
 void RejectEmptyMatch(const Regex& regex, const std::u16string& pattern,
@@ -786,9 +787,7 @@ Sequence Matches(FunctionContext&, Arguments& arguments) {
   const std::u16string pattern = ToString(arguments[1]);
   Regex regex;
   MakeRegex(regex, pattern, StringArgument(arguments, 2), input);
-  UErrorCode status = U_ZERO_ERROR;
-  const bool found = regex.matcher->find(0, status);
-  return OneBoolean(U_SUCCESS(status) && found);
+  return OneBoolean(FindNext(regex, pattern));
 }
 
 // $N is group N, taking further digits while they still name a group; \$ and \\ are the
@@ -841,7 +840,7 @@ Sequence Replace(FunctionContext&, Arguments& arguments) {
   std::u16string out;
   int32_t last = 0;
   UErrorCode status = U_ZERO_ERROR;
-  while (regex.matcher->find()) {
+  while (FindNext(regex, pattern)) {
     const int32_t start = regex.matcher->start(status);
     const int32_t end = regex.matcher->end(status);
     if (U_FAILURE(status)) break;
@@ -863,7 +862,7 @@ Sequence Tokenize(FunctionContext&, Arguments& arguments) {
   if (input.empty()) return result;
   int32_t last = 0;
   UErrorCode status = U_ZERO_ERROR;
-  while (regex.matcher->find()) {
+  while (FindNext(regex, pattern)) {
     const int32_t start = regex.matcher->start(status);
     const int32_t end = regex.matcher->end(status);
     if (U_FAILURE(status)) break;
@@ -1098,10 +1097,115 @@ const FunctionDefinition Library[] = {
     {u"zero-or-one", 1, 1, ZeroOrOne},
 };
 
+// ---- xs: constructor functions: the cast of one value to a schema type
+
+constexpr std::u16string_view SchemaNamespace = u"http://www.w3.org/2001/XMLSchema";
+
+[[noreturn]] void ThrowCast(const Item& item, std::u16string_view type) {
+  ThrowTypeError(u"\"" + ToString(item) + u"\" cannot be cast to xs:" + std::u16string(type) +
+                 u".");
+}
+
+std::u16string Trimmed(const std::u16string& text) {
+  const std::size_t first = text.find_first_not_of(u" \t\r\n");
+  if (first == std::u16string::npos) return std::u16string();
+  return text.substr(first, text.find_last_not_of(u" \t\r\n") - first + 1);
+}
+
+// The item a cast converts, or null for an empty argument (the cast of nothing is nothing).
+const Item* CastSource(const Arguments& arguments, std::u16string_view type) {
+  if (arguments[0].empty()) return nullptr;
+  if (arguments[0].size() > 1) {
+    ThrowTypeError(u"xs:" + std::u16string(type) + u"() casts one item, not a sequence.");
+  }
+  return &arguments[0].front();
+}
+
+// Text as a schema double: decimal or scientific notation, INF, -INF, NaN.
+double SchemaDouble(const Item& item, std::u16string_view type) {
+  if (item.type == ItemType::Number) return item.number;
+  if (item.type == ItemType::Boolean) return item.boolean ? 1 : 0;
+  const std::u16string text = Trimmed(ToString(item));
+  if (text == u"INF") return std::numeric_limits<double>::infinity();
+  if (text == u"-INF") return -std::numeric_limits<double>::infinity();
+  if (text == u"NaN") return NaN;
+  std::string ascii;
+  for (const char16_t c : text) {
+    if (c > 0x7F || (std::isalpha(static_cast<unsigned char>(c)) != 0) != (c == u'e' || c == u'E'))
+      ThrowCast(item, type);
+    ascii += static_cast<char>(c);
+  }
+  if (!ascii.empty() && ascii[0] == '+') ascii.erase(0, 1);
+  double value = 0;
+  const auto result = std::from_chars(ascii.data(), ascii.data() + ascii.size(), value);
+  if (ascii.empty() || result.ptr != ascii.data() + ascii.size() ||
+      (result.ec != std::errc() && result.ec != std::errc::result_out_of_range)) {
+    ThrowCast(item, type);
+  }
+  return value;
+}
+
+Sequence CastString(FunctionContext&, Arguments& arguments) {
+  const Item* item = CastSource(arguments, u"string");
+  return item ? OneString(ToString(*item)) : Sequence();
+}
+
+Sequence CastDouble(FunctionContext&, Arguments& arguments) {
+  const Item* item = CastSource(arguments, u"double");
+  return item ? OneNumber(SchemaDouble(*item, u"double")) : Sequence();
+}
+
+Sequence CastDecimal(FunctionContext&, Arguments& arguments) {
+  const Item* item = CastSource(arguments, u"decimal");
+  if (!item) return Sequence();
+  const double value = SchemaDouble(*item, u"decimal");
+  const bool text = item->type == ItemType::String || item->IsNode();
+  if (std::isnan(value) || std::isinf(value) ||
+      (text && ToString(*item).find_first_of(u"eEIN") != std::u16string::npos)) {
+    ThrowCast(*item, u"decimal");
+  }
+  return OneNumber(value);
+}
+
+Sequence CastInteger(FunctionContext&, Arguments& arguments) {
+  const Item* item = CastSource(arguments, u"integer");
+  if (!item) return Sequence();
+  const double value = SchemaDouble(*item, u"integer");
+  const bool text = item->type == ItemType::String || item->IsNode();
+  if (std::isnan(value) || std::isinf(value) ||
+      (text && ToString(*item).find_first_of(u".eEIN") != std::u16string::npos)) {
+    ThrowCast(*item, u"integer");
+  }
+  return OneNumber(std::trunc(value));
+}
+
+Sequence CastBoolean(FunctionContext&, Arguments& arguments) {
+  const Item* item = CastSource(arguments, u"boolean");
+  if (!item) return Sequence();
+  if (item->type == ItemType::Number || item->type == ItemType::Boolean) {
+    return OneBoolean(ToBoolean(*item));
+  }
+  const std::u16string text = Trimmed(ToString(*item));
+  if (text == u"true" || text == u"1") return OneBoolean(true);
+  if (text == u"false" || text == u"0") return OneBoolean(false);
+  ThrowCast(*item, u"boolean");
+}
+
+constexpr FunctionDefinition SchemaConstructors[] = {
+    {u"boolean", 1, 1, CastBoolean}, {u"decimal", 1, 1, CastDecimal}, {u"double", 1, 1, CastDouble},
+    {u"integer", 1, 1, CastInteger}, {u"string", 1, 1, CastString},
+};
+
 }  // namespace
 
 const FunctionDefinition* FindFunction(std::u16string_view namespaceUri,
                                        std::u16string_view localName) {
+  if (namespaceUri == SchemaNamespace) {
+    for (const FunctionDefinition& definition : SchemaConstructors) {
+      if (definition.localName == localName) return &definition;
+    }
+    return nullptr;
+  }
   if (namespaceUri != FunctionsNamespace) return nullptr;
   // Sorted once, searched by halving on every call.
   static const std::vector<const FunctionDefinition*> sorted = [] {
