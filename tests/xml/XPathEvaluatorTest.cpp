@@ -228,6 +228,8 @@ TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
       {u"//q is //a", "52: A node comparison needs a single node on each side."},
       {u"if ((1, 2)) then 1 else 0", "52: "},
       {u"1 to 5000000", "52: The expression builds a sequence of more than 4194304 items."},
+      {u"count(9007199254740993 to 9007199254740994)", "52: A range bound is beyond"},
+      {u"count(9007199254740992 to 9007199254740992)", "no error"},
       // Catastrophic backtracking ends at the match engine's step limit.
       {u"matches('aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa!', '^(a+)+$')",
        "51: The regular expression \"^(a+)+$\" could not be matched: U_REGEX_TIME_OUT."},

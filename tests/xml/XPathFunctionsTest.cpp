@@ -340,6 +340,12 @@ TEST(XPathFunctionsTest, Numbers) {
         << value << " " << precision;
   }
   EXPECT_EQ(Num(u"round-half-to-even", {N(4.5)}), 4);
+  // Rounding the largest doubles up leaves their range: infinity, not the reader's untouched 0.
+  const double largest = std::numeric_limits<double>::max();
+  EXPECT_EQ(Num(u"round-half-to-even", {N(largest), N(-308)}), Inf);
+  EXPECT_EQ(Num(u"round-half-to-even", {N(-largest), N(-308)}), -Inf);
+  EXPECT_EQ(Num(u"round-half-to-even", {N(1.5e308), N(-308)}), Inf);
+  EXPECT_EQ(Num(u"round-half-to-even", {N(1.2e308), N(-308)}), 1e308);
 
   EXPECT_EQ(Num(u"sum", {{}}), 0);
   EXPECT_EQ(Num(u"sum", {{Item::OfNumber(1), Item::OfString(u"2.5"), Item::OfBoolean(true)}}), 4.5);
@@ -354,6 +360,37 @@ TEST(XPathFunctionsTest, Numbers) {
   // Strings that are no numbers compare as strings, numerically looking ones too.
   EXPECT_EQ(Str(u"max", {Strings({u"pear", u"apple", u"10", u"9"})}), u"pear");
   EXPECT_EQ(Str(u"min", {Strings({u"pear", u"apple", u"10", u"9"})}), u"10");
+}
+
+// Text beyond the range of doubles casts to infinity or zero as its magnitude says, never to the
+// number reader's untouched starting value.
+TEST(XPathFunctionsTest, SchemaCastsOutOfRange) {
+  auto cast = [](std::u16string_view type, std::u16string_view text) {
+    const FunctionDefinition* function = FindFunction(u"http://www.w3.org/2001/XMLSchema", type);
+    EXPECT_NE(function, nullptr) << Ascii(type);
+    DocumentOrder order;
+    FunctionContext focus(nullptr, 1, 1, order);
+    std::vector<Sequence> arguments{S(std::u16string(text))};
+    const Sequence result = function->body(focus, arguments);
+    EXPECT_EQ(result.size(), 1U) << Ascii(text);
+    return result.empty() ? NaN : ToNumber(result.front());
+  };
+  EXPECT_EQ(cast(u"double", u"1e400"), Inf);
+  EXPECT_EQ(cast(u"double", u"-1e400"), -Inf);
+  EXPECT_EQ(cast(u"double", u"+0.0001e309"), 1e305);
+  EXPECT_TRUE(SameNumber(cast(u"double", u"-1e-400"), -0.0));
+  EXPECT_EQ(cast(u"double", u"0.00000000000000000001e-400"), 0);
+  EXPECT_EQ(cast(u"double", u"1e99999999999999999999999"), Inf);
+  EXPECT_EQ(cast(u"double", u"1e-99999999999999999999999"), 0);
+  EXPECT_EQ(cast(u"double", u"5e-324"), 5e-324);
+  const std::u16string huge = u"1" + std::u16string(400, u'0');
+  EXPECT_EQ(cast(u"double", huge), Inf);
+  // A decimal or an integer has no infinity: too large a one does not cast.
+  for (const char16_t* type : {u"decimal", u"integer"}) {
+    EXPECT_THROW(cast(type, huge), XPathError) << Ascii(type);
+  }
+  EXPECT_THROW(cast(u"double", u"+-1"), XPathError);
+  EXPECT_EQ(cast(u"double", u"+1"), 1);
 }
 
 TEST(XPathFunctionsTest, RegularExpressions) {

@@ -23,7 +23,6 @@ namespace {
 
 using xercesc::DOMNode;
 
-
 // Deepest recursion evaluation may need, counted after chains of binary and unary operators
 // are folded into loops: keeps the evaluator's stack use far below any thread's stack.
 constexpr int MaxEvaluationDepth = 512;
@@ -1000,12 +999,19 @@ class Evaluation {
     const double from = std::round(ToNumber(left));
     const double to = std::round(ToNumber(right));
     if (std::isnan(from) || std::isnan(to)) ThrowTypeError(u"A range bound is not a number.");
+    // Beyond 2^53 doubles skip integers: such a range cannot be counted out one by one.
+    constexpr double Exact = 9007199254740992.0;
+    if (std::fabs(from) > Exact || std::fabs(to) > Exact) {
+      ThrowTypeError(u"A range bound is beyond the integers a number holds exactly.");
+    }
     if (from > to) return {};
-    CheckLength(static_cast<std::size_t>(std::min(to - from + 1, 1e18)));
+    const double count = to - from + 1;
+    CheckLength(static_cast<std::size_t>(count));
     Sequence result;
-    result.reserve(static_cast<std::size_t>(to - from + 1));
-    for (double value = from; value <= to; ++value)
-      result.push_back(Item::OfNumber(value));
+    result.reserve(static_cast<std::size_t>(count));
+    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
+      result.push_back(Item::OfNumber(from + static_cast<double>(i)));
+    }
     return result;
   }
 

@@ -23,6 +23,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <system_error>
 #include <unordered_set>
 #include <vector>
 
@@ -200,7 +201,13 @@ double RoundHalfToEven(double x, double precisionValue) {
   const std::string decimal =
       rounded.substr(0, 1) + "." + rounded.substr(1) + "0e" + std::to_string(roundedExponent);
   double value = 0;
-  std::from_chars(decimal.data(), decimal.data() + decimal.size(), value);
+  const auto read = std::from_chars(decimal.data(), decimal.data() + decimal.size(), value);
+  // Rounding the largest doubles up (1.7976931348623157e308 to 2e308) leaves the range of
+  // doubles, and the reader then leaves `value` untouched: give the infinity the rounding reached
+  // (or, for a result too close to zero, zero).
+  if (read.ec == std::errc::result_out_of_range) {
+    return sign * (roundedExponent > 0 ? std::numeric_limits<double>::infinity() : 0.0);
+  }
   return sign * value;
 }
 
@@ -1121,6 +1128,29 @@ const Item* CastSource(const Arguments& arguments, std::u16string_view type) {
   return &arguments[0].front();
 }
 
+// The power of ten of the first non-zero digit of decimal or scientific text that the number
+// reader accepted ("-0.05e3": 1); very low for zero.
+long DecimalExponent(std::string_view text) {
+  constexpr long Far = std::numeric_limits<long>::max() / 4;
+  const std::size_t e = text.find_first_of("eE");
+  const std::string_view mantissa = text.substr(0, e);
+  long exponent = 0;
+  if (e != std::string_view::npos) {
+    std::string_view digits = text.substr(e + 1);
+    if (!digits.empty() && digits[0] == '+') digits.remove_prefix(1);
+    const auto read = std::from_chars(digits.data(), digits.data() + digits.size(), exponent);
+    // An exponent beyond `long` is as far out as any: its sign says which way.
+    if (read.ec == std::errc::result_out_of_range) exponent = digits[0] == '-' ? -Far : Far;
+    exponent = std::clamp(exponent, -Far, Far);
+  }
+  const std::size_t first = mantissa.find_first_of("123456789");
+  if (first == std::string_view::npos) return -Far;
+  const std::size_t point = std::min(mantissa.find('.'), mantissa.size());
+  const long position =
+      first < point ? static_cast<long>(point - first - 1) : -static_cast<long>(first - point);
+  return position + exponent;
+}
+
 // Text as a schema double: decimal or scientific notation, INF, -INF, NaN.
 double SchemaDouble(const Item& item, std::u16string_view type) {
   if (item.type == ItemType::Number) return item.number;
@@ -1135,12 +1165,23 @@ double SchemaDouble(const Item& item, std::u16string_view type) {
       ThrowCast(item, type);
     ascii += static_cast<char>(c);
   }
-  if (!ascii.empty() && ascii[0] == '+') ascii.erase(0, 1);
+  // One sign at most: "+-1" is no number.
+  if (!ascii.empty() && ascii[0] == '+') {
+    ascii.erase(0, 1);
+    if (!ascii.empty() && ascii[0] == '-') ThrowCast(item, type);
+  }
   double value = 0;
   const auto result = std::from_chars(ascii.data(), ascii.data() + ascii.size(), value);
   if (ascii.empty() || result.ptr != ascii.data() + ascii.size() ||
       (result.ec != std::errc() && result.ec != std::errc::result_out_of_range)) {
     ThrowCast(item, type);
+  }
+  if (result.ec == std::errc::result_out_of_range) {
+    // The reader leaves `value` as it was for text beyond the range of doubles: far above it
+    // ("1e400", or 400 digits) the value is infinite, far below it ("1e-400") zero.
+    const double magnitude =
+        DecimalExponent(ascii) > 0 ? std::numeric_limits<double>::infinity() : 0.0;
+    value = ascii[0] == '-' ? -magnitude : magnitude;
   }
   return value;
 }
