@@ -30,10 +30,6 @@ constexpr int MaxEvaluationDepth = 512;
 // what would exhaust memory ("1 to 1e12" is refused rather than attempted).
 constexpr std::size_t MaxSequenceLength = std::size_t{1} << 22;
 
-std::u16string Utf16(std::string_view ascii) {
-  return std::u16string(ascii.begin(), ascii.end());
-}
-
 // ---- The bound tree
 
 enum class PredicateKind {
@@ -253,7 +249,8 @@ class Binder {
     if (prefix == u"xml") return std::u16string(XmlNamespace);
     if (!namespaces_.Contains(prefix.c_str())) {
       ThrowInvalidExpression(u"The prefix \"" + prefix + u"\" at offset " +
-                             Utf16(std::to_string(offset)) + u" is not bound to a namespace.");
+                             MessageText(std::to_string(offset)) +
+                             u" is not bound to a namespace.");
     }
     return std::u16string(namespaces_[prefix.c_str()]);
   }
@@ -288,7 +285,7 @@ class Binder {
     if (count < function->minArguments ||
         (function->maxArguments >= 0 && count > function->maxArguments)) {
       ThrowInvalidExpression(u"The function " + name + u"() does not take " +
-                             Utf16(std::to_string(count)) + u" arguments.");
+                             MessageText(std::to_string(count)) + u" arguments.");
     }
     return function;
   }
@@ -656,7 +653,7 @@ Item Atomize(const Sequence& sequence, const char16_t* what) {
   if (sequence.size() != 1) {
     ThrowTypeError(std::u16string(u"The operand of ") + what +
                    u" must be a single item, not a sequence of " +
-                   Utf16(std::to_string(sequence.size())) + u".");
+                   MessageText(std::to_string(sequence.size())) + u".");
   }
   if (sequence[0].IsNode()) return Item::OfString(StringValue(sequence[0].node));
   return sequence[0];
@@ -711,7 +708,7 @@ double Arithmetic(Operator op, double a, double b) {
 void CheckLength(std::size_t length) {
   if (length > MaxSequenceLength) {
     ThrowTypeError(u"The expression builds a sequence of more than " +
-                   Utf16(std::to_string(MaxSequenceLength)) + u" items.");
+                   MessageText(std::to_string(MaxSequenceLength)) + u" items.");
   }
 }
 
@@ -1079,7 +1076,7 @@ class Evaluation {
 };
 
 std::u16string SyntaxMessage(const XPathSyntaxError& error) {
-  return u"Syntax error at offset " + Utf16(std::to_string(error.Offset())) + u": " +
+  return u"Syntax error at offset " + MessageText(std::to_string(error.Offset())) + u": " +
          MessageText(error.what());
 }
 

@@ -16,7 +16,6 @@
 #include <unicode/utypes.h>
 
 #include <algorithm>
-#include <array>
 #include <cctype>
 #include <charconv>
 #include <cmath>
@@ -162,18 +161,9 @@ double RoundHalfToEven(double x, double precisionValue) {
   if (std::isnan(x) || std::isinf(x) || x == 0) return x;
   const double clamped = std::isnan(precisionValue) ? 0 : std::clamp(precisionValue, -400.0, 400.0);
   const int precision = static_cast<int>(XPathRound(clamped));
-  std::array<char, 64> buffer{};
-  const auto written =
-      std::to_chars(buffer.data(), buffer.data() + buffer.size(), x, std::chars_format::scientific);
-  const std::string_view text(buffer.data(), static_cast<std::size_t>(written.ptr - buffer.data()));
-  const std::size_t e = text.find('e');
   std::string digits;
-  for (std::size_t i = 0; i < e; ++i) {
-    if (text[i] >= '0' && text[i] <= '9') digits += text[i];
-  }
   int exponent = 0;
-  std::from_chars(text.data() + e + 1 + (text[e + 1] == '+' ? 1 : 0), text.data() + text.size(),
-                  exponent);
+  ShortestDigits(x, digits, exponent);
   // Digit i stands for 10^(exponent - i); keep those down to 10^-precision.
   const long keep = static_cast<long>(exponent) + precision + 1;
   if (keep >= static_cast<long>(digits.size())) return x;

@@ -126,30 +126,32 @@ std::u16string StringValue(const DOMNode* node) {
 
 // ---- Numbers
 
-std::u16string NumberToString(double value) {
-  if (std::isnan(value)) return u"NaN";
-  if (std::isinf(value)) return value > 0 ? u"Infinity" : u"-Infinity";
-  if (value == 0) return u"0";
-
-  // The shortest digits that read back as `value`, in scientific form "d.ddde[+-]xx", then laid
-  // out again without exponent.
+void ShortestDigits(double value, std::string& digits, int& exponent) {
+  // std::to_chars gives the shortest round-trip form; its scientific notation "d.ddde[+-]xx"
+  // splits into the digits and the exponent.
   std::array<char, 64> buffer{};
   const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
                                     std::chars_format::scientific);
   const std::string_view text(buffer.data(), static_cast<std::size_t>(result.ptr - buffer.data()));
   const std::size_t e = text.find('e');
-  std::string digits;
-  bool negative = false;
+  digits.clear();
   for (std::size_t i = 0; i < e; ++i) {
-    if (text[i] == '-') {
-      negative = true;
-    } else if (text[i] != '.') {
-      digits += text[i];
-    }
+    if (text[i] >= '0' && text[i] <= '9') digits += text[i];
   }
-  int exponent = 0;
+  exponent = 0;
   std::from_chars(text.data() + e + 1 + (text[e + 1] == '+' ? 1 : 0), text.data() + text.size(),
                   exponent);
+}
+
+std::u16string NumberToString(double value) {
+  if (std::isnan(value)) return u"NaN";
+  if (std::isinf(value)) return value > 0 ? u"Infinity" : u"-Infinity";
+  if (value == 0) return u"0";
+
+  std::string digits;
+  int exponent = 0;
+  ShortestDigits(value, digits, exponent);
+  const bool negative = value < 0;
 
   // `exponent` + 1 digits stand before the point.
   const int integerDigits = exponent + 1;

@@ -94,6 +94,10 @@ std::u16string StringValue(const xercesc::DOMNode* node);
 // ("0.000001", "123456789012345680000").
 std::u16string NumberToString(double value);
 
+// The shortest decimal digits that read back as `value` (finite, not zero), sign left out, and
+// the power of ten of the first digit: 0.015 gives "15" and -2.
+void ShortestDigits(double value, std::string& digits, int& exponent);
+
 // Optional whitespace, an optional '-', digits with an optional '.' (at least one digit), optional
 // whitespace; anything else is NaN.
 double StringToNumber(std::u16string_view text);
