@@ -30,13 +30,16 @@ class TransportLayerSecurity;
 class Content;
 
 namespace Detail {
-class RequestReader;
-class WebSocketSupport;
+class Connection;
 }  // namespace Detail
 
 // One connection. Server-side connections are made by the daemon for an accepted socket and start
 // Connected; outgoing ones are made by the host and opened with Connect. The daemon's worker reads
 // and writes the connection; the host sends messages with Send.
+//
+// Each connection attempt has its own engine state (socket, parse state, queues), which the worker
+// keeps for as long as it works on it: Connect and Abort start afresh without waiting for the
+// worker, so a handler may call them from anywhere.
 //
 // Thread safety: every operation may be called from any thread. The signals are delivered through
 // the connection's marshaller (the server's for a server-side connection), never while the
@@ -84,8 +87,8 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // On a connection upgraded to WebSocket: sends `text` as one text message (UTF-8), or the
   // content's bytes as one message (a text message for a "text/..." or guessed text type, else
   // binary). The frame leaves at once when nothing else waits to be sent. False when the
-  // connection is not an open WebSocket, or when the peer has not taken more than
-  // MaxWebSocketBacklog bytes sent earlier (the connection is then closed: a client that does not
+  // connection is not an open WebSocket, or when the peer has left more than the server's
+  // MaxWebSocketBacklog bytes untaken (the connection is then closed: a client that does not
   // read cannot make the server hold unbounded data).
   bool WriteThroughWebSocket(const StringBuffer& text);
   bool WriteThroughWebSocket(const std::shared_ptr<Content>& content);
@@ -98,7 +101,6 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   StringBuffer WebSocketTarget() const;
   // The process-wide number of the upgrade (1 for the first); 0 for a connection never upgraded.
   std::uint32_t WebSocketNumber() const;
-  static constexpr std::size_t MaxWebSocketBacklog = 16 * 1024 * 1024;
 
   int GetSocket() const;
   ClientStates::Enumeration State() const;
@@ -141,66 +143,35 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   friend class Daemon;
   friend class Server;
 
-  // A server-side connection for an accepted socket, Connected.
-  Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon);
-  // What both kinds share: server-side when `server` is given.
-  Client(int socket, const std::shared_ptr<Server>& server, const std::shared_ptr<Daemon>& daemon,
+  // A server-side connection for an accepted socket, Connected; the daemon gives it its engine
+  // state.
+  Client(const std::shared_ptr<Server>& server,
          const std::shared_ptr<DaemonMarshaller>& marshaller);
 
-  // A message of this connection on its way: a received request awaiting its reply (server
-  // side), or a request to write (outgoing).
-  struct Exchange {
-    std::shared_ptr<Message> message;
-    bool keepAlive = true;
-    bool answered = false;  // ready to be written
-  };
-  // Formatted bytes of one message end at `end` in out_.
-  struct Written {
-    std::size_t end;
-    std::shared_ptr<Message> message;
-  };
-
+  // The engine state of the current connection attempt; null before the first.
+  std::shared_ptr<Detail::Connection> CurrentConnection() const;
+  bool IsCurrent(const Detail::Connection* connection) const;
+  // The engine reports on `connection`; an attempt that Connect has replaced reports nothing.
+  // Moves the state to `state` and signals the change.
+  void ConnectionStateChanged(const Detail::Connection* connection,
+                              ClientStates::Enumeration state);
+  // Records why `connection` was closed.
+  void ConnectionClosed(const Detail::Connection* connection, SocketExceptions::Enumeration reason);
   void SetState(ClientStates::Enumeration state);
   // Frames and queues bytes on an upgraded connection (see WriteThroughWebSocket).
   bool WriteWebSocketFrame(const char* data, std::size_t length, bool binary);
-  // Finishes every message still waiting; called with the lock held, announces after unlocking.
-  std::vector<std::shared_ptr<Message>> TakeUnfinished();
-  static void FinishMessages(const std::shared_ptr<DaemonMarshaller>& marshaller,
-                             const std::vector<std::shared_ptr<Message>>& messages);
 
   const std::uint64_t id_;
-  int socket_ = -1;
-  ClientStates::Enumeration state_ = ClientStates::Disconnected;
+  const bool serverSide_;  // accepted by a server, rather than opened by the host
+  const std::weak_ptr<Server> server_;
+  const std::shared_ptr<DaemonMarshaller> marshaller_;
+  // Guards what follows; taken last, with no other lock taken while it is held.
   mutable std::recursive_mutex mutex_;
   std::condition_variable_any changed_;
-  const bool serverSide_;  // accepted by a server, rather than opened by the host
-  std::weak_ptr<Server> server_;
-  std::shared_ptr<Daemon> daemon_;
-  std::shared_ptr<DaemonMarshaller> marshaller_;
-  StringBuffer url_;
-  StringBuffer peerAddress_;
-  int peerPort_ = 0;
-  bool keepAlive_ = false;
-  bool disconnectRequested_ = false;
-  bool activity_ = false;
-  std::int64_t lastActivitySeconds_ = 0;
-  std::int64_t lastActivityNanoseconds_ = 0;
-  std::unique_ptr<ParseData> parse_;
-  std::shared_ptr<Message> message_;                     // the message being read
-  std::shared_ptr<Detail::WebSocketSupport> webSocket_;  // set by an upgrade request
-  bool webSocketAnnounced_ = false;  // WEBSOCKETCONNECT delivered, WEBSOCKETDISCONNECT owed
-  std::shared_ptr<TransportLayerSecurity> tls_;  // the TLS session, when the server is secure
-  std::deque<Exchange> exchanges_;  // in order of arrival (server) or of Send (outgoing)
-  std::deque<std::shared_ptr<Message>> inFlight_;  // outgoing: written, reply not complete
-  std::vector<char> out_;                          // formatted bytes not yet sent
-  std::size_t outSent_ = 0;
-  std::deque<Written> written_;   // messages whose bytes are in out_
-  bool closeAfterWrite_ = false;  // the last formatted reply ends the connection
-  bool readStopped_ = false;      // no further message is read from this connection
-  bool shutDown_ = false;         // the sending direction is shut down
+  ClientStates::Enumeration state_ = ClientStates::Disconnected;
   SocketExceptions::Enumeration closeReason_ = SocketExceptions::None;
-  bool closing_ = false;    // the worker closes it at the end of its cycle
-  int connectTimeout_ = 0;  // seconds left for an outgoing connect
+  StringBuffer url_;
+  std::shared_ptr<Detail::Connection> connection_;
 };
 
 // The parse state of one connection: the bytes received and not yet consumed, the body of the

@@ -29,11 +29,20 @@ class TlsContext;
 // (window mode, while that thread runs DaemonMarshaller::RunEventLoopOnce or waits in BlockUntil
 // or Stop), or directly on a daemon's worker thread (direct mode).
 //
-// A request is answered by filling the Message given to MessageReceived (StatusCode, the reply's
-// headers and content). When every slot has returned the reply is written, unless a slot set
-// `answerLater`: then the host calls Client::Send(message) later, from any thread, and the reply
-// leaves at once. A message nobody answered (status 0) is answered 404. Replies of one connection
-// leave in the order of its requests.
+// Which signal a host uses for what:
+// - MessageReceived: the usual way to answer. Fill the Message it gives (StatusCode, the reply's
+//   headers and content); the reply is written when every slot has returned.
+// - MessageReceivedDeferrable: for answers that take time (a question still open, a long poll).
+//   A slot that sets `answerLater` keeps the reply back; the host calls Client::Send(message)
+//   later, from any thread, and the reply leaves at once.
+//   Both fire for every request, MessageReceived first; a host connects one of them.
+// - HeadersComplete: before the body is read, so that a host can prepare for a large upload;
+//   PartReceived: each part of a multipart body as it completes.
+// - ClientConnected, ClientDisconnected, StateChanged: the life of connections and the server.
+// - WebSocketMessage: everything of upgraded connections.
+// A message nobody answered (status 0) is answered 404. Replies of one connection leave in the
+// order of its requests. A reply's Content is sent from the object itself, not from a copy:
+// leave it unchanged until MessageSent.
 //
 // Thread safety: Start, Stop and BlockUntil are called from the host's threads (in window mode
 // from the owner thread, or from threads that do not wait for the owner thread). Every accessor
@@ -41,6 +50,47 @@ class TlsContext;
 class VESKAN_API Server : public std::enable_shared_from_this<Server> {
  public:
   class Log;
+
+  // Every limit that keeps one connection from costing the server more than its share. A
+  // connection that passes one is closed with the reason named here (Client::CloseReason, the
+  // Closed signal's texts: reason and detail) and a line in the engine's log, and the server's
+  // other connections go on being served. Times are checked once a second.
+  struct Limits {
+    // The start line and header block of one request. Above it: "HTTP Protocol violation".
+    int MaxHeaderBytes = 64 * 1024;
+    // The declared or received body of one request. Above it: "HTTP Protocol violation".
+    int MaxBodySize = 64 * 1024 * 1024;
+    // One chunk-size line of a chunked body, with its extensions. Above it: "HTTP Protocol
+    // violation".
+    int MaxChunkLineBytes = 1024;
+    // Seconds a connection may stay without traffic while no request is under way. After it:
+    // "No more data", detail "idle". An open WebSocket is exempt.
+    int IdleTimeoutSeconds = 120;
+    // Seconds from the first byte of a request to the end of its header block. After it: "Data
+    // refused", detail "request head too slow".
+    int HeadTimeoutSeconds = 20;
+    // A body must be whole within BodyTimeoutSeconds from its start plus one second for every
+    // MinBodyBytesPerSecond bytes received. After it: "Data refused", detail "request body too
+    // slow".
+    int BodyTimeoutSeconds = 20;
+    int MinBodyBytesPerSecond = 500;
+    // Bytes queued for the peer and not yet taken by it, above which the connection is not read
+    // from until they drain, so that a client that sends without reading is held back by the
+    // kernel's buffers rather than by the server's memory.
+    int MaxUnsentBytes = 1024 * 1024;
+    // Requests received and not yet answered, above which the connection is not read from until
+    // answers have left.
+    int MaxUnansweredRequests = 16;
+    // Seconds the peer may leave queued bytes untaken. After it: "Data refused", detail "peer
+    // does not read".
+    int SendTimeoutSeconds = 60;
+    // WebSocket: bytes queued for a peer, above which Client::WriteThroughWebSocket refuses the
+    // message and closes the connection ("Data refused", detail "peer does not read").
+    int MaxWebSocketBacklog = 16 * 1024 * 1024;
+    // WebSocket: the payload of one received frame, delivered or skipped. Above it the
+    // connection closes with code 1009.
+    int MaxWebSocketFrameBytes = 16 * 1024 * 1024;
+  };
 
   // `direct` selects the marshaller's direct mode. `certificate` and `key` name the TLS files
   // (null or empty: plain HTTP).
@@ -59,7 +109,8 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   // state Stopped, without listening.
   bool Start(const char16_t* baseUrl, bool retryWithSystemPort = true);
   // Closes the listening socket and every connection: each is shut down for sending, and the ones
-  // still open after `graceMilliseconds` are aborted. The state is Stopped when it returns.
+  // still open after `graceMilliseconds` are aborted. Every ClientDisconnected has been delivered
+  // before the state becomes Stopped; the state is Stopped when it returns.
   void Stop(int graceMilliseconds = 1000);
 
   // Waits until the state is `state`, or is Stopped while `state` is not, or `seconds` have
@@ -85,14 +136,9 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   Client::Collection Connections() const;
   DaemonMarshaller& Marshaller() { return *marshaller_; }
 
-  // Limits applied to every connection of this server; changes apply to requests read later.
-  // A request whose declared body exceeds `bytes` closes its connection ("HTTP Protocol
-  // violation"). Default 64 MiB.
-  void SetMaxBodySize(int bytes);
-  int MaxBodySize() const;
-  // Connections without traffic for `seconds` are closed ("No more data"). Default 120 s.
-  void SetIdleTimeout(int seconds);
-  int IdleTimeout() const;
+  // The limits of connections accepted from now on (see Limits).
+  void SetLimits(const Limits& limits);
+  Limits GetLimits() const;
 
   // Signals (the marshaller kind in brackets).
   // The state changed [7].
@@ -101,20 +147,23 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   DaemonMarshaller::ServerClientSignal ClientConnected;
   // A connection was closed [5].
   DaemonMarshaller::ServerClientSignal ClientDisconnected;
-  // A request's headers are complete: the part is null and the int is the declared content
-  // length (-1: until the peer closes) [10].
+  // A request's headers are complete, before its body is read: the part is null and the int is
+  // the declared content length (-1: chunked) [10].
   DaemonMarshaller::ServerClientMessagePartIntSignal HeadersComplete;
   // A part of a multipart request body is complete; the int is its index [10].
   DaemonMarshaller::ServerClientMessagePartIntSignal PartReceived;
-  // A request is complete (ready state Loaded); see the class comment for `answerLater` [8].
-  DaemonMarshaller::ServerClientMessageBoolSignal MessageReceived;
+  // A request is complete (ready state Loaded); answer it by filling the message [6].
+  DaemonMarshaller::ServerClientMessageSignal MessageReceived;
+  // The same request, after MessageReceived: a slot that sets the bool answers later with
+  // Client::Send [8].
+  DaemonMarshaller::ServerClientMessageBoolSignal MessageReceivedDeferrable;
   // A reply has been written to the socket completely [6].
   DaemonMarshaller::ServerClientMessageSignal MessageSent;
   // A WebSocket event of a connection [13]: WEBSOCKETCONNECT once its upgrade completed,
   // WEBSOCKETMESSAGE with the text messages received (in order, each delivered once), and
-  // WEBSOCKETDISCONNECT once when it is no longer open. A GET request with "Upgrade: websocket"
-  // is answered by the engine (both the hybi-00 and the RFC 6455 handshake); it never reaches
-  // MessageReceived. Use Client::WebSocketTarget to route by path.
+  // WEBSOCKETDISCONNECT once when it is no longer open, before its socket is closed. A GET request
+  // with "Upgrade: websocket" is answered by the engine (both the hybi-00 and the RFC 6455
+  // handshake); it never reaches MessageReceived. Use Client::WebSocketTarget to route by path.
   DaemonMarshaller::ServerWebSocketMessageSignal WebSocketMessage;
 
  private:
@@ -122,7 +171,12 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   friend class Client;
 
   void SetState(ServerStates::Enumeration state);
+  // Adds an accepted connection before any worker can serve it, so that its closing always finds
+  // it; removes it after its last signal.
+  void RememberConnection(const std::shared_ptr<Client>& client);
   void ForgetConnection(const Client* client);
+  // The listening socket, or -1.
+  int ListeningSocket() const;
   // A TLS session for a new connection of a started secure server; null otherwise.
   std::shared_ptr<TransportLayerSecurity> NewTlsSession() const;
 
@@ -136,8 +190,7 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   ServerStates::Enumeration state_ = ServerStates::Stopped;
   StringBuffer baseUrl_;
   int port_ = 0;
-  int maxBodySize_ = 64 * 1024 * 1024;
-  int idleTimeout_ = 120;
+  Limits limits_;
   std::shared_ptr<Daemon> daemon_;  // the daemon watching the listening socket
   int listeningSocket_ = -1;
   Client::Collection connections_;

@@ -9,6 +9,7 @@
 #include <veskan/Url.h>
 
 #include "http/SignalPool.h"
+#include "net/Connection.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
 #include "net/websocket/WebSocketSupport.h"
@@ -62,20 +63,12 @@ void Client::GiveBack(Signals* signals) {
 }
 
 Client::Client(bool direct, const char16_t* key, const char16_t* certificate)
-    : Client(-1, nullptr, nullptr, std::make_shared<DaemonMarshaller>(direct)) {
+    : Client(nullptr, std::make_shared<DaemonMarshaller>(direct)) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Client")
       << " key: " << StringBuffer(key) << " certificate: " << StringBuffer(certificate);
 }
 
-Client::Client(int socket, const std::shared_ptr<Server>& server,
-               const std::shared_ptr<Daemon>& daemon)
-    : Client(socket, server, daemon, server->marshaller_) {
-  Logger::Line(Logger::Severity::Trace, "Veskan::Client::Client") << " socket: " << socket;
-  parse_->MaxBodySize = server->MaxBodySize();
-}
-
-Client::Client(int socket, const std::shared_ptr<Server>& server,
-               const std::shared_ptr<Daemon>& daemon,
+Client::Client(const std::shared_ptr<Server>& server,
                const std::shared_ptr<DaemonMarshaller>& marshaller)
     : signals_(Detail::SignalPool<Signals>::Take(), &Client::GiveBack),
       StateChanged(signals_->stateChanged),
@@ -86,24 +79,16 @@ Client::Client(int socket, const std::shared_ptr<Server>& server,
       MessageSent(signals_->messageSent),
       Closed(signals_->closed),
       id_(nextClientId++),
-      socket_(socket),
-      state_(server ? ClientStates::Connected : ClientStates::Disconnected),
       serverSide_(server != nullptr),
       server_(server),
-      daemon_(daemon),
       marshaller_(marshaller),
-      parse_(std::make_unique<ParseData>()) {}
+      state_(server ? ClientStates::Connected : ClientStates::Disconnected) {}
 
-Client::~Client() {
-  // The worker closes sockets; this one never reached a daemon (or the daemon is gone).
-  if (socket_ >= 0) Sys::SocketCalls::Close(socket_);
-}
+Client::~Client() = default;
 
 bool Client::Connect(const char16_t* url) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Connect") << " url: " << StringBuffer(url);
   if (State() != ClientStates::Disconnected) Abort(false);
-  // The worker closes the aborted socket; the new one must not be taken for it.
-  Daemon::BlockUntil([this] { return socket_ < 0 ? 1 : 0; }, 5.0, mutex_, changed_);
   Url target(url);
   if (!target.HasHost || target.Scheme != Url::HttpScheme) {
     Detail::EngineLog(Logger::Severity::Warning, "Veskan::Client::Connect",
@@ -112,20 +97,11 @@ bool Client::Connect(const char16_t* url) {
   }
   int port = target.HasPort ? target.Port : 80;
   {
+    // The earlier attempt, if any, is its worker's to close; this one starts with fresh state.
     std::lock_guard<std::recursive_mutex> lock(mutex_);
     url_ = url;
-    disconnectRequested_ = false;
-    parse_ = std::make_unique<ParseData>();
-    message_.reset();
-    out_.clear();
-    outSent_ = 0;
-    written_.clear();
-    readStopped_ = false;
-    closing_ = false;
-    closeAfterWrite_ = false;
-    shutDown_ = false;
     closeReason_ = SocketExceptions::None;
-    connectTimeout_ = 30;
+    connection_.reset();
   }
   SetState(ClientStates::Connecting);
 
@@ -162,17 +138,19 @@ bool Client::Connect(const char16_t* url) {
     SetState(ClientStates::Disconnected);
     return false;
   }
+  auto connection = std::make_shared<Detail::Connection>(shared_from_this(), socket.Release(),
+                                                         nullptr, marshaller_, Server::Limits());
+  connection->peerAddress = dotted;
+  connection->peerPort = port;
+  connection->connecting = true;
+  connection->connectSecondsLeft = 30;
   {
     std::lock_guard<std::recursive_mutex> lock(mutex_);
-    socket_ = socket.Release();
-    peerAddress_ = dotted;
-    peerPort_ = port;
+    if (state_ != ClientStates::Connecting) return false;  // aborted meanwhile
+    connection_ = connection;
   }
   Detail::CountEvent(NetworkPerformanceMonitor::Counters::OutgoingConnections, 1);
-  std::shared_ptr<Client> self = shared_from_this();
-  std::shared_ptr<Daemon> daemon = Daemon::Place(marshaller_, self);
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  daemon_ = daemon;
+  Daemon::Place(marshaller_, connection);
   return true;
 }
 
@@ -189,22 +167,25 @@ bool Client::Reconnect() {
 void Client::Disconnect(bool disconnectSlots) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Disconnect");
   if (disconnectSlots) signals_->DisconnectAll();
-  std::unique_lock<std::recursive_mutex> lock(mutex_);
-  disconnectRequested_ = true;
-  switch (state_) {
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  switch (State()) {
     case ClientStates::Connecting: {
       if (Logger::IsEnabled(Logger::Severity::Debug)) {
         Logger::Line(Logger::Severity::Debug, "Veskan::Client::Disconnect")
             << " "
             << MessageFormat(u"closesock: Client::Disconnect, __LINE__ = {0,number}", {__LINE__});
       }
-      tls_.reset();
-      closing_ = true;  // the worker closes the socket, which it may be polling right now
-      std::shared_ptr<Daemon> daemon = daemon_;
-      lock.unlock();
-      Detail::CountEvent(NetworkPerformanceMonitor::Counters::OpenConnections, -1);
+      std::shared_ptr<Daemon> daemon;
+      if (connection) {
+        std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+        connection->closing = true;  // the worker closes the socket, which it may be polling now
+        daemon = connection->daemon;
+      }
       SetState(ClientStates::Disconnected);
-      if (daemon) daemon->ScheduleCloseClient(shared_from_this());
+      if (daemon) {
+        daemon->ScheduleCloseClient(connection, SocketExceptions::None,
+                                    StringBuffer(u"closed by the host"));
+      }
       return;
     }
     case ClientStates::Connected: {
@@ -213,10 +194,18 @@ void Client::Disconnect(bool disconnectSlots) {
             << " "
             << MessageFormat(u"shutdown: Client::Disconnect, __LINE__ = {0,number}", {__LINE__});
       }
-      int error = 0;
-      if (socket_ >= 0) Sys::SocketCalls::ShutdownSend(socket_, error);
-      lock.unlock();
+      std::shared_ptr<Daemon> daemon;
+      if (connection) {
+        // What is queued still leaves; then the sending side is shut, and the worker closes the
+        // connection when the peer has closed its own ("No more data").
+        std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+        connection->readStopped = true;
+        connection->shutdownOwed = true;
+        connection->QueueEndOfStream();
+        daemon = connection->daemon;
+      }
       SetState(ClientStates::Disconnecting);
+      if (daemon) daemon->WakeUp();
       return;
     }
     case ClientStates::Disconnected:
@@ -227,56 +216,44 @@ void Client::Disconnect(bool disconnectSlots) {
 
 void Client::Abort(bool notify) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Abort");
-  std::unique_lock<std::recursive_mutex> lock(mutex_);
-  std::vector<std::shared_ptr<Message>> unfinished = TakeUnfinished();
-  parse_->ResetAll();
-  bool wasOpen = state_ != ClientStates::Disconnected;
-  closing_ = true;
-  if (socket_ >= 0) {
-    int error = 0;
-    Sys::SocketCalls::ShutdownSend(socket_, error);
-  }
-  std::shared_ptr<Daemon> daemon = daemon_;
-  lock.unlock();
-  if (daemon) {
-    daemon->ScheduleCloseClient(shared_from_this());
-  }
-  FinishMessages(marshaller_, unfinished);
-  if (wasOpen) {
-    if (notify) {
-      SetState(ClientStates::Disconnected);
-    } else {
-      std::lock_guard<std::recursive_mutex> relock(mutex_);
-      state_ = ClientStates::Disconnected;
-      changed_.notify_all();
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  std::vector<std::shared_ptr<Message>> unfinished;
+  if (connection) {
+    std::shared_ptr<Daemon> daemon;
+    {
+      std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+      unfinished = connection->TakeUnfinished();
+      connection->parse.ResetAll();
+      connection->closing = true;
+      daemon = connection->daemon;
     }
+    if (daemon) {
+      daemon->ScheduleCloseClient(connection, SocketExceptions::None, StringBuffer(u"aborted"));
+    }
+  }
+  Detail::FinishMessages(*marshaller_, unfinished);
+  if (notify) {
+    SetState(ClientStates::Disconnected);
+  } else {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    state_ = ClientStates::Disconnected;
+    changed_.notify_all();
   }
 }
 
 bool Client::Send(const std::shared_ptr<Message>& message) {
   Logger::Line(Logger::Severity::Trace, "Veskan::Client::Send");
   if (!message) return false;
-  std::unique_lock<std::recursive_mutex> lock(mutex_);
-  if (state_ != ClientStates::Connected || closing_) return false;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection || State() != ClientStates::Connected) return false;
   std::unique_lock<std::recursive_mutex> messageLock = message->Lock();
   ReadyStates::Enumeration readyState = message->ReadyState;
   if (readyState == ReadyStates::Uninitialized) {
-    lock.unlock();
     Message::UnlockAndNotifyReadyStateChanged(marshaller_.get(), message,
                                               ReadyStates::Uninitialized, messageLock);
     return false;
   }
-  if (serverSide_) {
-    messageLock.unlock();
-    bool found = false;
-    for (Exchange& exchange : exchanges_) {
-      if (exchange.message == message) {
-        exchange.answered = true;
-        found = true;
-      }
-    }
-    if (!found) exchanges_.push_back(Exchange{message, true, true});  // a message of our own
-  } else {
+  if (!serverSide_) {
     if (readyState == ReadyStates::Sent || readyState == ReadyStates::Receiving) {
       messageLock.unlock();
       message->Resend();
@@ -284,15 +261,35 @@ bool Client::Send(const std::shared_ptr<Message>& message) {
       message->Reply = std::make_shared<Body>();
       Header::Collection& headers = message->Request->Headers;
       if (!static_cast<const Header::Collection&>(headers).Contains(u"Host") && message->Url) {
-        Url joined = Url(url_.getTerminatedBuffer()) + *message->Url;
+        StringBuffer url;
+        {
+          std::lock_guard<std::recursive_mutex> lock(mutex_);
+          url = url_;
+        }
+        Url joined = Url(url.getTerminatedBuffer()) + *message->Url;
         headers.Add(Header(StringBuffer(u"Host"), HostHeaderFor(joined)));
       }
-      messageLock.unlock();
     }
-    exchanges_.push_back(Exchange{message, true, true});
   }
-  std::shared_ptr<Daemon> daemon = daemon_;
-  lock.unlock();
+  if (messageLock.owns_lock()) messageLock.unlock();  // never held with the connection's lock
+
+  std::shared_ptr<Daemon> daemon;
+  {
+    std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+    if (connection->closing || connection->closed) return false;
+    bool found = false;
+    if (serverSide_) {
+      for (Detail::Exchange& exchange : connection->exchanges) {
+        if (exchange.message == message) {
+          exchange.answered = true;
+          found = true;
+        }
+      }
+    }
+    // A server may also send a message of its own; an outgoing connection queues its request.
+    if (!found) connection->exchanges.push_back(Detail::Exchange{message, true, true});
+    daemon = connection->daemon;
+  }
   if (daemon) daemon->WakeUp();
   return true;
 }
@@ -327,27 +324,36 @@ bool Client::WriteThroughWebSocket(const std::shared_ptr<Content>& content) {
 }
 
 bool Client::WriteWebSocketFrame(const char* data, std::size_t length, bool binary) {
-  std::unique_lock<std::recursive_mutex> lock(mutex_);
-  if (!webSocket_ || closing_ || socket_ < 0 || closeAfterWrite_) return false;
-  std::shared_ptr<Daemon> daemon = daemon_;
-  if (out_.size() - outSent_ > MaxWebSocketBacklog) {
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return false;
+  std::unique_lock<std::recursive_mutex> lock(connection->mutex);
+  if (!connection->webSocket || connection->closing || connection->socket < 0 ||
+      connection->closeAfterWrite) {
+    return false;
+  }
+  std::shared_ptr<Daemon> daemon = connection->daemon;
+  if (connection->Unsent() > static_cast<std::size_t>(connection->limits.MaxWebSocketBacklog)) {
+    connection->closing = true;
     lock.unlock();
     Detail::EngineLog(Logger::Severity::Warning, "Veskan::Client::WriteThroughWebSocket",
                       StringBuffer(" peer does not read, closing: ") + PeerAddress());
-    if (daemon) daemon->ScheduleCloseClient(shared_from_this());
+    if (daemon) {
+      daemon->ScheduleCloseClient(connection, SocketExceptions::DataRefused,
+                                  StringBuffer(u"peer does not read"));
+    }
     return false;
   }
   std::string frame;
-  if (!webSocket_->Write(data, length, binary, frame)) return false;
-  bool wasIdle = outSent_ == out_.size();
-  Daemon::QueueBytes(*this, frame.data(), frame.size());
+  if (!connection->webSocket->Write(data, length, binary, frame)) return false;
+  bool wasIdle = !connection->HasOutput();
+  connection->Queue(frame.data(), frame.size());
   // Sent from this thread right away: a broadcast to thousands of connections does not wait for
   // each worker to wake up. What the socket does not take now the worker sends when writable.
-  if (wasIdle && Daemon::SendQueued(*this) && outSent_ == out_.size() && written_.empty()) {
-    out_.clear();
-    outSent_ = 0;
-    if (out_.capacity() > 65536) out_.shrink_to_fit();
-    return true;
+  if (wasIdle) {
+    int error = 0;
+    if (connection->Flush(Detail::MonotonicNanoseconds(), error) && !connection->HasOutput()) {
+      return true;
+    }
   }
   lock.unlock();
   if (daemon) daemon->WakeUp();
@@ -355,36 +361,50 @@ bool Client::WriteWebSocketFrame(const char* data, std::size_t length, bool bina
 }
 
 void Client::CloseWebSocket(int code) {
-  std::unique_lock<std::recursive_mutex> lock(mutex_);
-  if (!webSocket_ || !webSocket_->IsOpen() || closing_ || socket_ < 0) return;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return;
+  std::unique_lock<std::recursive_mutex> lock(connection->mutex);
+  if (!connection->webSocket || !connection->webSocket->IsOpen() || connection->closing ||
+      connection->socket < 0) {
+    return;
+  }
   std::string frame;
-  webSocket_->Close(code, frame);
-  Daemon::QueueBytes(*this, frame.data(), frame.size());
-  closeAfterWrite_ = true;  // the worker closes the connection once the frame has left
-  readStopped_ = true;
-  std::shared_ptr<Daemon> daemon = daemon_;
+  connection->webSocket->Close(code, frame);
+  connection->Queue(frame.data(), frame.size());
+  connection->QueueEndOfStream();
+  connection->closeAfterWrite = true;  // the worker closes the connection once the frame has left
+  connection->readStopped = true;
+  std::shared_ptr<Daemon> daemon = connection->daemon;
   lock.unlock();
   if (daemon) daemon->WakeUp();
 }
 
 bool Client::IsWebSocket() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return webSocket_ && webSocket_->IsOpen() && !closing_;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return false;
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->webSocket && connection->webSocket->IsOpen() && !connection->closing;
 }
 
 StringBuffer Client::WebSocketTarget() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return webSocket_ ? UTF8to16(webSocket_->Target().c_str()) : StringBuffer();
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return StringBuffer();
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->webSocket ? UTF8to16(connection->webSocket->Target().c_str()) : StringBuffer();
 }
 
 std::uint32_t Client::WebSocketNumber() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return webSocket_ ? webSocket_->ConnectionNumber() : 0;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return 0;
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->webSocket ? connection->webSocket->ConnectionNumber() : 0;
 }
 
 int Client::GetSocket() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return socket_;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return -1;
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->socket;
 }
 
 ClientStates::Enumeration Client::State() const {
@@ -393,13 +413,17 @@ ClientStates::Enumeration Client::State() const {
 }
 
 StringBuffer Client::PeerAddress() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return peerAddress_;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return StringBuffer();
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->peerAddress;
 }
 
 int Client::PeerPort() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return peerPort_;
+  std::shared_ptr<Detail::Connection> connection = CurrentConnection();
+  if (!connection) return 0;
+  std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+  return connection->peerPort;
 }
 
 SocketExceptions::Enumeration Client::CloseReason() const {
@@ -409,6 +433,33 @@ SocketExceptions::Enumeration Client::CloseReason() const {
 
 std::shared_ptr<Server> Client::GetServer() const {
   return server_.lock();
+}
+
+std::shared_ptr<Detail::Connection> Client::CurrentConnection() const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return connection_;
+}
+
+bool Client::IsCurrent(const Detail::Connection* connection) const {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  return connection_.get() == connection;
+}
+
+void Client::ConnectionStateChanged(const Detail::Connection* connection,
+                                    ClientStates::Enumeration state) {
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    if (connection_.get() != connection || state_ == state) return;
+    state_ = state;
+    changed_.notify_all();
+  }
+  if (!StateChanged.empty()) marshaller_->Marshal_Client(StateChanged, shared_from_this());
+}
+
+void Client::ConnectionClosed(const Detail::Connection* connection,
+                              SocketExceptions::Enumeration reason) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (connection_.get() == connection) closeReason_ = reason;
 }
 
 void Client::SetState(ClientStates::Enumeration state) {
@@ -421,28 +472,18 @@ void Client::SetState(ClientStates::Enumeration state) {
   if (!StateChanged.empty()) marshaller_->Marshal_Client(StateChanged, shared_from_this());
 }
 
-std::vector<std::shared_ptr<Message>> Client::TakeUnfinished() {
-  std::vector<std::shared_ptr<Message>> unfinished;
-  for (Exchange& exchange : exchanges_) {
-    if (!serverSide_) unfinished.push_back(exchange.message);  // unsent requests
-  }
-  for (std::shared_ptr<Message>& message : inFlight_)
-    unfinished.push_back(message);
-  exchanges_.clear();
-  inFlight_.clear();
-  written_.clear();
-  message_.reset();  // outgoing: the head of inFlight_; server side: a request half read
-  return unfinished;
-}
+namespace Detail {
 
-void Client::FinishMessages(const std::shared_ptr<DaemonMarshaller>& marshaller,
-                            const std::vector<std::shared_ptr<Message>>& messages) {
+void FinishMessages(ReadyStateDelivery& marshaller,
+                    const std::vector<std::shared_ptr<Message>>& messages) {
   for (const std::shared_ptr<Message>& message : messages) {
     std::unique_lock<std::recursive_mutex> lock = message->Lock();
     if (message->Ready()) continue;
-    Message::UnlockAndNotifyReadyStateChanged(marshaller.get(), message, ReadyStates::Uninitialized,
+    Message::UnlockAndNotifyReadyStateChanged(&marshaller, message, ReadyStates::Uninitialized,
                                               lock);
   }
 }
+
+}  // namespace Detail
 
 }  // namespace Veskan

@@ -62,9 +62,13 @@ bool IsNamed(const Header& header, const char16_t* name) {
   return EqualsIgnoringAsciiCase(header.Name, name);
 }
 
+// Bodies up to this size are copied behind the head, so that a small reply leaves in one piece.
+constexpr int InlineBodyBytes = 4096;
+
 // Headers, cookies as `cookieHeader` lines, the length and the body of `body`.
-void AppendEntity(std::vector<char>& out, Body& body, const char16_t* cookieHeader,
+void AppendEntity(WireMessage& wire, Body& body, const char16_t* cookieHeader,
                   const char* connection, bool alwaysLength) {
+  std::vector<char>& out = wire.head;
   const Content* content = body.Content.get();
   // Joining parts, guessing a type and sealing are needed unless a sealed content already has its
   // type, as in replies that share one prepared content.
@@ -104,14 +108,18 @@ void AppendEntity(std::vector<char>& out, Body& body, const char16_t* cookieHead
   }
   if (connection != nullptr) Append(out, connection, std::strlen(connection));
   AppendLiteral(out, "\r\n");
-  if (length > 0) {
+  if (length > InlineBodyBytes) {
+    wire.body = body.Content;
+  } else if (length > 0) {
     Append(out, reinterpret_cast<const char*>(content->Data()), static_cast<std::size_t>(length));
   }
 }
 
 }  // namespace
 
-void FormatReply(Message& message, bool keepAlive, std::vector<char>& out) {
+WireMessage FormatReply(Message& message, bool keepAlive) {
+  WireMessage wire;
+  std::vector<char>& out = wire.head;
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   int status = message.StatusCode == 0 ? StatusCodes::NotFound : message.StatusCode;
   if (!message.Reply) message.Reply = std::make_shared<Body>();
@@ -120,11 +128,14 @@ void FormatReply(Message& message, bool keepAlive, std::vector<char>& out) {
   out.push_back(' ');
   AppendUtf8(out, StringBuffer(StatusCodes::DefaultReasonPhrase(status)));
   AppendLiteral(out, "\r\n");
-  AppendEntity(out, *message.Reply, Header::SetCookie,
+  AppendEntity(wire, *message.Reply, Header::SetCookie,
                keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n", true);
+  return wire;
 }
 
-void FormatRequest(Message& message, std::vector<char>& out) {
+WireMessage FormatRequest(Message& message) {
+  WireMessage wire;
+  std::vector<char>& out = wire.head;
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   AppendUtf8(out, StringBuffer(Methods::ToString(message.Method)));
   out.push_back(' ');
@@ -135,7 +146,8 @@ void FormatRequest(Message& message, std::vector<char>& out) {
   }
   AppendLiteral(out, " HTTP/1.1\r\n");
   if (!message.Request) message.Request = std::make_shared<Body>();
-  AppendEntity(out, *message.Request, Header::Cookie, nullptr, false);
+  AppendEntity(wire, *message.Request, Header::Cookie, nullptr, false);
+  return wire;
 }
 
 }  // namespace Detail

@@ -5,9 +5,12 @@
 #include <veskan/Server.h>
 #include <veskan/TransportLayerSecurity.h>
 
+#include "net/Connection.h"
 #include "net/EngineLog.h"
 #include "net/TlsContext.h"
 #include "sys/Socket.h"
+
+#include <algorithm>
 
 namespace Veskan {
 
@@ -119,10 +122,23 @@ void Server::Stop(int graceMilliseconds) {
   };
   for (const std::shared_ptr<Client>& client : Connections())
     client->Disconnect(false);
-  Daemon::BlockUntil(allGone, graceMilliseconds / 1000.0, mutex_, changed_);
-  for (const std::shared_ptr<Client>& client : Connections())
-    client->Abort(true);
-  Daemon::BlockUntil(allGone, 2.0, mutex_, changed_);
+  if (!Daemon::BlockUntil(allGone, graceMilliseconds / 1000.0, mutex_, changed_)) {
+    // What did not go away by itself is closed at once by the daemons serving it.
+    std::vector<std::shared_ptr<Daemon>> daemons;
+    for (const std::shared_ptr<Client>& client : Connections()) {
+      std::shared_ptr<Detail::Connection> connection = client->CurrentConnection();
+      if (!connection) continue;
+      std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+      if (connection->daemon &&
+          std::find(daemons.begin(), daemons.end(), connection->daemon) == daemons.end()) {
+        daemons.push_back(connection->daemon);
+      }
+    }
+    for (const std::shared_ptr<Daemon>& serving : daemons)
+      serving->Abort();
+    Daemon::BlockUntil(allGone, 2.0, mutex_, changed_);
+  }
+  Daemon::Release(daemon);
   SetState(ServerStates::Stopped);
 }
 
@@ -166,24 +182,19 @@ Client::Collection Server::Connections() const {
   return connections_;
 }
 
-void Server::SetMaxBodySize(int bytes) {
+void Server::SetLimits(const Limits& limits) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
-  maxBodySize_ = bytes;
+  limits_ = limits;
 }
 
-int Server::MaxBodySize() const {
+Server::Limits Server::GetLimits() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return maxBodySize_;
+  return limits_;
 }
 
-void Server::SetIdleTimeout(int seconds) {
+int Server::ListeningSocket() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
-  idleTimeout_ = seconds;
-}
-
-int Server::IdleTimeout() const {
-  std::lock_guard<std::recursive_mutex> lock(mutex_);
-  return idleTimeout_;
+  return listeningSocket_;
 }
 
 bool Server::IsSecure() const {
@@ -207,6 +218,11 @@ void Server::SetState(ServerStates::Enumeration state) {
     changed_.notify_all();
   }
   if (!StateChanged.empty()) marshaller_->Marshal_Server(StateChanged, shared_from_this());
+}
+
+void Server::RememberConnection(const std::shared_ptr<Client>& client) {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  connections_.Add(client);
 }
 
 void Server::ForgetConnection(const Client* client) {

@@ -22,6 +22,12 @@ struct SocketAddress {
   static bool FromDotted(const char* text, std::uint32_t& address);
 };
 
+// Bytes to send, described without owning them (an iovec).
+struct ByteSpan {
+  const char* data = nullptr;
+  std::size_t length = 0;
+};
+
 // Owns one socket descriptor.
 class Socket {
  public:
@@ -60,8 +66,13 @@ bool Connect(int socket, const SocketAddress& address, int& error);
 int PendingError(int socket);
 // Bytes received (0: the peer closed its side), or -1.
 long Receive(int socket, void* destination, std::size_t capacity, int& error);
+// Like Receive, but the bytes stay in the socket.
+long Peek(int socket, void* destination, std::size_t capacity, int& error);
 // Bytes sent, or -1; never raises SIGPIPE.
 long Send(int socket, const void* source, std::size_t count, int& error);
+// Sends the spans in order with one call (at most 64 are taken); bytes sent, or -1; never raises
+// SIGPIPE.
+long SendSpans(int socket, const ByteSpan* spans, std::size_t count, int& error);
 // Shuts the sending direction down.
 bool ShutdownSend(int socket, int& error);
 // The locally bound port, or -1.

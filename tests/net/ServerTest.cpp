@@ -63,7 +63,7 @@ class ServerTest : public ::testing::Test {
   // "METHOD target|body".
   void StartServer(bool direct = true) {
     server_ = std::make_shared<Server>(direct, nullptr, nullptr);
-    server_->MessageReceived.connect(
+    server_->MessageReceivedDeferrable.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
                const std::shared_ptr<Message>& message, bool& answerLater) {
           {
@@ -397,7 +397,9 @@ TEST_F(ServerTest, TakesAPortOfTheSystemsChoiceWhenItsPortIsTaken) {
 
 TEST_F(ServerTest, BadClientsLoseOnlyTheirOwnConnection) {
   StartServer();
-  server_->SetMaxBodySize(1 << 20);
+  Server::Limits limits;
+  limits.MaxBodySize = 1 << 20;
+  server_->SetLimits(limits);
   RawConnection bystander(port_);
   std::string headerBlock = "GET / HTTP/1.1\r\n";
   while (headerBlock.size() < (1 << 20))
@@ -465,7 +467,9 @@ long VirtualSizeKiB() {
 
 TEST_F(ServerTest, MemoryFollowsTheBytesThatArriveNotTheDeclaredLength) {
   StartServer();
-  server_->SetMaxBodySize(2000000000);
+  Server::Limits limits;
+  limits.MaxBodySize = 2000000000;
+  server_->SetLimits(limits);
   long before = VirtualSizeKiB();
   ASSERT_GT(before, 0);
   std::vector<std::unique_ptr<RawConnection>> liars;

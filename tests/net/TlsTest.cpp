@@ -467,7 +467,7 @@ class TlsServerTest : public ::testing::Test {
                                        key.getTerminatedBuffer());
     server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
                                         const std::shared_ptr<Client>&,
-                                        const std::shared_ptr<Message>& message, bool&) {
+                                        const std::shared_ptr<Message>& message) {
       auto lock = message->Lock();
       std::string text = Text(StringBuffer(Methods::ToString(message->Method))) + " " +
                          Text(message->Url->Text) + "|";

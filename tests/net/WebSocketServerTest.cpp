@@ -61,7 +61,7 @@ class WebSocketServerTest : public ::testing::Test {
     });
     server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
                                         const std::shared_ptr<Client>&,
-                                        const std::shared_ptr<Message>& message, bool&) {
+                                        const std::shared_ptr<Message>& message) {
       auto lock = message->Lock();
       message->StatusCode = 200;
     });
@@ -260,12 +260,12 @@ TEST_F(WebSocketServerTest, AClientThatDoesNotReadIsClosedAtTheBacklogLimit) {
   std::shared_ptr<Client> client = ClientOfEvent(0);
   const StringBuffer megabyte(UTF8to16(std::string(1 << 20, 'x').c_str()));
   // The socket's buffers take a few megabytes; the engine holds up to the backlog limit more.
-  const int most = static_cast<int>(Client::MaxWebSocketBacklog >> 20) + 64;
+  const int most = static_cast<int>(Server::Limits().MaxWebSocketBacklog >> 20) + 64;
   int written = 0;
   while (written < most && client->WriteThroughWebSocket(megabyte))
     ++written;
   EXPECT_LT(written, most);
-  EXPECT_GE(written, static_cast<int>(Client::MaxWebSocketBacklog >> 20));
+  EXPECT_GE(written, static_cast<int>(Server::Limits().MaxWebSocketBacklog >> 20));
   EXPECT_EQ("DISCONNECT", WaitForEvents(2).back());
 }
 

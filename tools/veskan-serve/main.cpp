@@ -346,7 +346,7 @@ int main(int argc, char** argv) {
                                          key.getTerminatedBuffer());
   server->MessageReceived.connect(
       [&routes](const std::shared_ptr<Server>& from, const std::shared_ptr<Client>&,
-                const std::shared_ptr<Message>& message, bool&) { routes.Answer(from, message); });
+                const std::shared_ptr<Message>& message) { routes.Answer(from, message); });
   server->WebSocketMessage.connect(
       [&routes](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
                 const std::shared_ptr<WSData>& event) { routes.OnWebSocket(client, event); });

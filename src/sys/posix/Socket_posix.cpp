@@ -8,7 +8,9 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <sys/uio.h>
 #include <unistd.h>
+#include <algorithm>
 #include <cerrno>
 
 #include <cstdint>
@@ -137,10 +139,38 @@ long Receive(int socket, void* destination, std::size_t capacity, int& error) {
   return static_cast<long>(count);
 }
 
+long Peek(int socket, void* destination, std::size_t capacity, int& error) {
+  ssize_t count;
+  do {
+    count = ::recv(socket, destination, capacity, MSG_PEEK);
+  } while (count < 0 && errno == EINTR);
+  error = count < 0 ? errno : 0;
+  return static_cast<long>(count);
+}
+
 long Send(int socket, const void* source, std::size_t count, int& error) {
   ssize_t sent;
   do {
     sent = ::send(socket, source, count, MSG_NOSIGNAL);
+  } while (sent < 0 && errno == EINTR);
+  error = sent < 0 ? errno : 0;
+  return static_cast<long>(sent);
+}
+
+long SendSpans(int socket, const ByteSpan* spans, std::size_t count, int& error) {
+  constexpr std::size_t most = 64;
+  iovec vectors[most];
+  count = std::min(count, most);
+  for (std::size_t i = 0; i < count; ++i) {
+    vectors[i].iov_base = const_cast<char*>(spans[i].data);  // sendmsg does not write through it
+    vectors[i].iov_len = spans[i].length;
+  }
+  msghdr header{};
+  header.msg_iov = vectors;
+  header.msg_iovlen = count;
+  ssize_t sent;
+  do {
+    sent = ::sendmsg(socket, &header, MSG_NOSIGNAL);
   } while (sent < 0 && errno == EINTR);
   error = sent < 0 ? errno : 0;
   return static_cast<long>(sent);

@@ -1,0 +1,553 @@
+// Daemon: moving a connection's bytes between its socket and the protocol cores (the request
+// reader, the reply writer, the TLS session, the WebSocket support), handing what they produce to
+// the host, and closing.
+#include <veskan/Daemon.h>
+#include <veskan/Logger.h>
+#include <veskan/Server.h>
+#include <veskan/WSData.h>
+
+#include "net/Connection.h"
+#include "net/EngineCounters.h"
+#include "net/EngineLog.h"
+#include "net/ReplyWriter.h"
+#include "net/RequestReader.h"
+#include "net/websocket/WebSocketSupport.h"
+#include "sys/Socket.h"
+
+#include <cstring>
+
+namespace Veskan {
+
+namespace {
+
+using Counters = NetworkPerformanceMonitor::Counters;
+using Detail::Connection;
+using Detail::MonotonicNanoseconds;
+using Detail::ReaderEvent;
+using Detail::ReadOutcome;
+
+// Receives at most this often per readable event, so that one busy connection cannot starve the
+// others.
+constexpr int ReceivesPerEvent = 4;
+
+// Hands the reader's events to the host in order, without the connection's lock (which `lock`
+// holds on entry and exit). A request that no slot defers is marked answered.
+void DeliverReaderEvents(Connection& connection, std::unique_lock<std::recursive_mutex>& lock,
+                         const std::vector<ReaderEvent>& events) {
+  if (events.empty()) return;
+  std::shared_ptr<Server> server = connection.server.lock();
+  std::shared_ptr<Client> owner = connection.owner;
+  DaemonMarshaller& marshaller = *connection.marshaller;
+  lock.unlock();
+  for (const ReaderEvent& event : events) {
+    switch (event.What) {
+      case ReaderEvent::Kind::HeadersComplete:
+      case ReaderEvent::Kind::PartComplete: {
+        bool headers = event.What == ReaderEvent::Kind::HeadersComplete;
+        if (!headers) Detail::CountEvent(Counters::PartsReceived, 1);
+        if (server) {
+          auto& signal = headers ? server->HeadersComplete : server->PartReceived;
+          if (!signal.empty()) {
+            marshaller.Marshal_ServerClientMessagePartInt(signal, server, owner, event.Subject,
+                                                          event.Piece, event.Value);
+          }
+        } else if (owner) {
+          auto& signal = headers ? owner->HeadersComplete : owner->PartReceived;
+          if (!signal.empty()) {
+            marshaller.Marshal_ClientMessagePartInt(signal, owner, event.Subject, event.Piece,
+                                                    event.Value);
+          }
+        }
+        break;
+      }
+      case ReaderEvent::Kind::ContinueExpected:
+      case ReaderEvent::Kind::UpgradeRequested:
+        break;
+      case ReaderEvent::Kind::MessageComplete: {
+        Detail::CountEvent(Counters::RequestsReceived, 1);
+        {
+          std::unique_lock<std::recursive_mutex> messageLock = event.Subject->Lock();
+          Message::UnlockAndNotifyReadyStateChanged(&marshaller, event.Subject, ReadyStates::Loaded,
+                                                    messageLock);
+        }
+        if (server) {
+          if (!server->MessageReceived.empty()) {
+            marshaller.Marshal_ServerClientMessage(server->MessageReceived, server, owner,
+                                                   event.Subject);
+          }
+          bool answerLater = false;
+          if (!server->MessageReceivedDeferrable.empty()) {
+            marshaller.Marshal_ServerClientMessageBool(server->MessageReceivedDeferrable, server,
+                                                       owner, event.Subject, answerLater);
+          }
+          if (!answerLater) {
+            std::lock_guard<std::recursive_mutex> relock(connection.mutex);
+            for (Detail::Exchange& exchange : connection.exchanges) {
+              if (exchange.message == event.Subject) exchange.answered = true;
+            }
+          }
+        } else if (owner && !owner->MessageReceived.empty()) {
+          marshaller.Marshal_ClientMessage(owner->MessageReceived, owner, event.Subject);
+        }
+        break;
+      }
+    }
+  }
+  lock.lock();
+}
+
+}  // namespace
+
+void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
+  Connection& connection = *pointer;
+  std::unique_lock<std::recursive_mutex> lock(connection.mutex);
+  for (int round = 0; round < ReceivesPerEvent; ++round) {
+    if (connection.closing || connection.socket < 0) return;
+    std::int64_t now = MonotonicNanoseconds();
+    connection.lastActivity = now;
+    int error = 0;
+    if (connection.ReadPaused()) {
+      // Not asked for: the socket hung up or failed. Whether the peer is gone tells a look at
+      // its bytes, which stay where they are.
+      char probe;
+      long peeked = Sys::SocketCalls::Peek(connection.socket, &probe, 1, error);
+      if (peeked > 0 || (peeked < 0 && Sys::SocketCalls::WouldBlock(error))) break;
+      lock.unlock();
+      CloseClient(
+          pointer,
+          peeked == 0 ? SocketExceptions::NoMoreData : SocketExceptions::DefaultException(error),
+          StringBuffer(u"recv"));
+      return;
+    }
+
+    Client::ParseData& parse = connection.parse;
+    if (!parse.MakeRoom()) {  // the reader refuses a header block above the limit before this
+      lock.unlock();
+      CloseClient(pointer, SocketExceptions::HTTPProtocolViolation,
+                  StringBuffer(u"header block too large"));
+      return;
+    }
+    long received;
+    if (connection.tls) {
+      char wire[16384];
+      received = Sys::SocketCalls::Receive(connection.socket, wire, sizeof wire, error);
+      if (received > 0) {
+        std::vector<char> plain;
+        std::vector<char> answer;
+        if (!connection.tls->Incoming(wire, static_cast<std::size_t>(received), plain, answer)) {
+          lock.unlock();
+          CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"tls"));
+          return;
+        }
+        if (!connection.HasOutput()) connection.lastSendProgress = now;
+        connection.out.Append(std::move(answer));  // handshake records go straight to the wire
+        if (plain.empty()) continue;               // handshake records only: no end of the stream
+        int needed = parse.WritePosition + static_cast<int>(plain.size());
+        if (needed > parse.ReadBuffer.Size()) parse.ReadBuffer.Resize(needed);
+        std::memcpy(parse.ReadBuffer.Data() + parse.WritePosition, plain.data(), plain.size());
+        received = static_cast<long>(plain.size());
+      }
+    } else {
+      received = Sys::SocketCalls::Receive(
+          connection.socket, parse.ReadBuffer.Data() + parse.WritePosition,
+          static_cast<std::size_t>(parse.ReadBuffer.Size() - parse.WritePosition), error);
+    }
+    if (received < 0) {
+      if (Sys::SocketCalls::WouldBlock(error)) break;
+      Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessSocketReadable")
+          << " 7 CloseClient: sockex = "
+          << static_cast<int>(SocketExceptions::DefaultException(error)) << ", en = " << error;
+      lock.unlock();
+      CloseClient(pointer, SocketExceptions::DefaultException(error), StringBuffer(u"recv"));
+      return;
+    }
+    bool final = received == 0;
+    parse.WritePosition += static_cast<int>(received);
+    Detail::CountEvent(Counters::BytesReceived, static_cast<int>(received));
+    Detail::CountEvent(Counters::ReadableEvents, 1);
+
+    if (connection.webSocket) {  // frames: the HTTP reader is done with this connection
+      const char* data =
+          reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition;
+      std::size_t length = static_cast<std::size_t>(connection.Unread());
+      parse.ReadPosition = parse.WritePosition;
+      if (!connection.readStopped) FeedWebSocket(pointer, lock, data, length);
+    } else if (connection.readStopped) {  // bytes after the last message are dropped
+      parse.ReadPosition = parse.WritePosition;
+    } else if (Detail::IsPolicyFileRequest(parse)) {
+      parse.ReadPosition = parse.WritePosition;
+      const char* answer = Detail::PolicyFileResponse;
+      connection.Queue(answer, std::strlen(answer) + 1);  // with its NUL
+      connection.closeAfterWrite = true;
+      connection.readStopped = true;
+    } else if (!ProcessIn(pointer, lock, final)) {
+      Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessSocketReadable")
+          << " 3 CloseClient: ex = ProtocolViolation, n = " << received;
+      Detail::CountEvent(Counters::ProtocolViolations, 1);
+      lock.unlock();
+      CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer());
+      return;
+    }
+    if (final) {
+      lock.unlock();
+      ProcessOut(pointer);  // what is answered still leaves if the peer only half-closed
+      Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessSocketReadable")
+          << " 2 CloseCLient: n = " << received << ", en = " << error;
+      CloseClient(pointer, SocketExceptions::NoMoreData, StringBuffer());
+      return;
+    }
+    if (parse.WritePosition < parse.ReadBuffer.Size()) break;  // the socket is drained
+  }
+  lock.unlock();
+  if (!ProcessOut(pointer)) {
+    CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
+  }
+}
+
+bool Daemon::ProcessIn(const ConnectionPointer& pointer,
+                       std::unique_lock<std::recursive_mutex>& lock, bool final) {
+  Connection& connection = *pointer;
+  const bool serverSide = connection.serverSide;
+  Client::ParseData& parse = connection.parse;
+  std::vector<ReaderEvent> events;
+  connection.unparsed = false;
+  for (;;) {
+    if (connection.ReadPaused()) {
+      // Requests behind this point wait in the read buffer until the peer has taken enough of
+      // the replies, or the host has answered enough of the requests.
+      connection.unparsed = connection.Unread() > 0;
+      break;
+    }
+    // An outgoing connection's replies fill its requests in the order they were written.
+    if (!serverSide && !connection.current && !connection.inFlight.empty()) {
+      connection.current = connection.inFlight.front();
+    }
+    events.clear();
+    ReadOutcome outcome =
+        Detail::RequestReader::Read(parse, connection.current, serverSide, final, events);
+    bool progressed = false;
+    for (const ReaderEvent& event : events) {
+      switch (event.What) {
+        case ReaderEvent::Kind::ContinueExpected:
+          if (connection.exchanges.empty()) {  // with replies outstanding it would come too early
+            static const char interim[] = "HTTP/1.1 100 Continue\r\n\r\n";
+            connection.Queue(interim, sizeof interim - 1);
+          }
+          break;
+        case ReaderEvent::Kind::MessageComplete:
+          progressed = true;
+          connection.headStarted = connection.bodyStarted = 0;  // the next request has its own
+          if (serverSide) {
+            connection.exchanges.push_back(Detail::Exchange{event.Subject, event.KeepAlive, false});
+          } else if (!connection.inFlight.empty()) {
+            connection.inFlight.pop_front();
+          }
+          break;
+        case ReaderEvent::Kind::HeadersComplete:
+          progressed = true;
+          break;
+        case ReaderEvent::Kind::PartComplete:
+        case ReaderEvent::Kind::UpgradeRequested:
+          break;
+      }
+    }
+    if (outcome == ReadOutcome::Upgrade) {
+      // An upgrade behind requests not yet answered would put the handshake's answer before
+      // their replies; no browser does that.
+      if (events.size() != 1 || !connection.exchanges.empty()) return false;
+      return UpgradeToWebSocket(pointer, lock, events.back().Subject);
+    }
+    if (outcome == ReadOutcome::Stop) connection.readStopped = true;
+    DeliverReaderEvents(connection, lock, events);
+    if (serverSide) FormatAnswered(connection, lock);
+    if (connection.closing) return true;
+    if (outcome == ReadOutcome::Violation) return false;
+    if (outcome != ReadOutcome::NeedMore || !progressed || connection.Unread() == 0) break;
+  }
+  connection.UpdateRequestClocks(MonotonicNanoseconds());
+  return true;
+}
+
+std::vector<std::shared_ptr<Message>> Daemon::FormatAnswered(
+    Connection& connection, std::unique_lock<std::recursive_mutex>& lock) {
+  std::vector<std::shared_ptr<Message>> requestsWritten;
+  while (!connection.closing && !connection.closeAfterWrite && !connection.exchanges.empty() &&
+         connection.exchanges.front().answered) {
+    Detail::Exchange exchange = std::move(connection.exchanges.front());
+    connection.exchanges.pop_front();
+    // Only this worker formats for the connection, so the order of the queue is kept while the
+    // message is formatted under its own lock alone.
+    lock.unlock();
+    Detail::WireMessage wire = connection.serverSide
+                                   ? Detail::FormatReply(*exchange.message, exchange.keepAlive)
+                                   : Detail::FormatRequest(*exchange.message);
+    lock.lock();
+    if (connection.closing) break;
+    connection.Queue(wire.head.data(), wire.head.size());
+    if (wire.body) {
+      const char* bytes = reinterpret_cast<const char*>(wire.body->Data());
+      connection.Queue(wire.body, bytes, static_cast<std::size_t>(wire.body->Size()));
+    }
+    if (connection.serverSide) {
+      if (!exchange.keepAlive) {
+        connection.closeAfterWrite = true;
+        // The last reply of a secure connection ends with close_notify, so that it is not taken
+        // for a truncation.
+        connection.QueueEndOfStream();
+      }
+    } else {
+      connection.inFlight.push_back(exchange.message);
+      requestsWritten.push_back(exchange.message);
+    }
+    connection.written.push_back(Detail::WrittenMark{connection.QueuedEnd(), exchange.message});
+  }
+  return requestsWritten;
+}
+
+bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
+  Connection& connection = *pointer;
+  std::unique_lock<std::recursive_mutex> lock(connection.mutex);
+  if (connection.closing || connection.socket < 0 || connection.connecting) return true;
+  std::vector<std::shared_ptr<Message>> requestsWritten = FormatAnswered(connection, lock);
+  if (connection.closing) return true;
+  int error = 0;
+  if (!connection.Flush(MonotonicNanoseconds(), error)) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessOut")
+        << " send: out_octetStreamSize = " << connection.Unsent() << ", lastError = " << error;
+    return false;
+  }
+
+  std::vector<std::shared_ptr<Message>> sent;
+  while (!connection.written.empty() && connection.HasSent(connection.written.front().end)) {
+    sent.push_back(std::move(connection.written.front().message));
+    connection.written.pop_front();
+  }
+  bool closeNow = false;
+  if (!connection.HasOutput() && !connection.shutDown) {
+    if (connection.closeAfterWrite) {
+      // With nothing unread the connection is closed now. Bytes still unread would turn the
+      // close into a reset that can destroy the reply in flight: then only the sending side is
+      // shut, and the peer's own close ends it ("No more data"), the idle time-out at the latest.
+      char probe[512];
+      long unread = Sys::SocketCalls::Receive(connection.socket, probe, sizeof probe, error);
+      closeNow = unread == 0 || (unread < 0 && Sys::SocketCalls::WouldBlock(error));
+    }
+    if (!closeNow && (connection.closeAfterWrite || connection.shutdownOwed)) {
+      Sys::SocketCalls::ShutdownSend(connection.socket, error);
+      connection.shutDown = true;
+    }
+  }
+  std::shared_ptr<Server> server = connection.server.lock();
+  std::shared_ptr<Client> owner = connection.owner;
+  DaemonMarshaller& marshaller = *connection.marshaller;
+  lock.unlock();
+
+  for (const std::shared_ptr<Message>& message : requestsWritten) {
+    std::unique_lock<std::recursive_mutex> messageLock = message->Lock();
+    Message::UnlockAndNotifyReadyStateChanged(&marshaller, message, ReadyStates::Sent, messageLock);
+  }
+  for (const std::shared_ptr<Message>& message : sent) {
+    Detail::CountEvent(Counters::RepliesSent, 1);
+    if (server && !server->MessageSent.empty()) {
+      marshaller.Marshal_ServerClientMessage(server->MessageSent, server, owner, message);
+    } else if (!server && owner && !owner->MessageSent.empty()) {
+      marshaller.Marshal_ClientMessage(owner->MessageSent, owner, message);
+    }
+  }
+  if (closeNow) CloseClient(pointer, SocketExceptions::None, StringBuffer(u"reply sent"));
+  return true;
+}
+
+void Daemon::ProcessSocketWritable(const ConnectionPointer& pointer) {
+  Connection& connection = *pointer;
+  std::unique_lock<std::recursive_mutex> lock(connection.mutex);
+  if (connection.closing || connection.socket < 0) return;
+  connection.lastActivity = MonotonicNanoseconds();
+  Detail::CountEvent(Counters::WritableEvents, 1);
+  if (connection.connecting) {
+    int error = Sys::SocketCalls::PendingError(connection.socket);
+    lock.unlock();
+    HandleConnectingClient(pointer, error);
+    return;
+  }
+  lock.unlock();
+  if (!ProcessOut(pointer)) {
+    CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
+  }
+}
+
+void Daemon::HandleConnectingClient(const ConnectionPointer& pointer, int error) {
+  if (error != 0) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessSocketException")
+        << " errno: " << error;
+    CloseClient(pointer, SocketExceptions::ConnectionRefused, StringBuffer());
+    return;
+  }
+  std::shared_ptr<Client> owner;
+  {
+    std::lock_guard<std::recursive_mutex> lock(pointer->mutex);
+    pointer->connecting = false;
+    owner = pointer->owner;
+  }
+  if (owner) owner->ConnectionStateChanged(pointer.get(), ClientStates::Connected);
+  if (!ProcessOut(pointer)) {
+    CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
+  }
+}
+
+void Daemon::RefuseUpgrade(Connection& connection) {
+  static const char refusal[] =
+      "HTTP/1.1 400 Bad Request\r\nContent-Length: 0\r\nConnection: close\r\n\r\n";
+  connection.Queue(refusal, sizeof refusal - 1);
+  connection.QueueEndOfStream();
+  connection.closeAfterWrite = true;
+  connection.readStopped = true;
+}
+
+bool Daemon::UpgradeToWebSocket(const ConnectionPointer& pointer,
+                                std::unique_lock<std::recursive_mutex>& lock,
+                                const std::shared_ptr<Message>& request) {
+  Connection& connection = *pointer;
+  Client::ParseData& parse = connection.parse;
+  std::shared_ptr<Server> server = connection.server.lock();
+  if (!server || server->WebSocketMessage.empty()) {
+    // A server that takes no WebSocket events would hold such connections for nothing.
+    parse.ReadPosition = parse.WritePosition;
+    RefuseUpgrade(connection);
+    return true;
+  }
+  // The handshake reads the request as it came; the reader has taken it apart, so it is put
+  // back together (names, values and target are kept exactly).
+  std::string bytes;
+  {
+    auto messageLock = request->Lock();
+    bytes = "GET " + request->Url->Text.ToUTF8() + " HTTP/1.1\r\n";
+    for (const Header& header : request->Request->Headers) {
+      bytes += header.Name.ToUTF8() + ": " + header.Value.ToUTF8() + "\r\n";
+    }
+    bytes += "\r\n";
+  }
+  bytes.append(reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition,
+               static_cast<std::size_t>(connection.Unread()));
+  parse.ReadPosition = parse.WritePosition;
+  connection.webSocket = std::make_shared<Detail::WebSocketSupport>(
+      static_cast<std::size_t>(connection.limits.MaxWebSocketFrameBytes));
+  connection.UpdateRequestClocks(MonotonicNanoseconds());
+  FeedWebSocket(pointer, lock, bytes.data(), bytes.size());
+  return true;
+}
+
+void Daemon::FeedWebSocket(const ConnectionPointer& pointer,
+                           std::unique_lock<std::recursive_mutex>& lock, const char* data,
+                           std::size_t length) {
+  Connection& connection = *pointer;
+  std::shared_ptr<Detail::WebSocketSupport> support = connection.webSocket;
+  bool wasOpen = support->IsOpen();
+  std::vector<std::shared_ptr<WSData>> events;
+  std::string wire;
+  int result = support->Feed(data, length, events, wire);
+  if (!wire.empty()) connection.Queue(wire.data(), wire.size());
+  if (support->HandshakeFailed()) {
+    RefuseUpgrade(connection);
+    return;
+  }
+  if ((wasOpen || result == Detail::WebSocketSupport::Deliver) && !support->IsOpen()) {
+    // A closing or malformed frame closed it: the closing bytes leave, then the connection goes.
+    connection.QueueEndOfStream();
+    connection.closeAfterWrite = true;
+    connection.readStopped = true;
+  }
+  if (events.empty()) return;
+  if (events.front()->Method == Methods::WEBSOCKETCONNECT) connection.webSocketAnnounced = true;
+  std::shared_ptr<Server> server = connection.server.lock();
+  std::shared_ptr<Client> owner = connection.owner;
+  lock.unlock();
+  for (const std::shared_ptr<WSData>& event : events) {
+    if (event->Method == Methods::WEBSOCKETMESSAGE) {
+      Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(event->Messages.size()));
+    }
+    if (server && !server->WebSocketMessage.empty()) {
+      connection.marshaller->Marshal_ServerWebSocketMessage(server->WebSocketMessage, server, owner,
+                                                            event);
+    }
+  }
+  lock.lock();
+}
+
+void Daemon::CloseClient(const ConnectionPointer& pointer, SocketExceptions::Enumeration reason,
+                         const StringBuffer& detail) {
+  Connection& connection = *pointer;
+  std::unique_lock<std::recursive_mutex> lock(connection.mutex);
+  if (connection.closed) {  // each connection is closed once
+    lock.unlock();
+    Exclude(pointer.get());
+    return;
+  }
+  connection.closed = true;
+  connection.closing = true;
+  bool webSocketGone = connection.webSocketAnnounced;
+  connection.webSocketAnnounced = false;
+  std::vector<std::shared_ptr<Message>> unfinished = connection.TakeUnfinished();
+  std::shared_ptr<Server> server = connection.server.lock();
+  std::shared_ptr<Client> owner = connection.owner;
+  DaemonMarshaller& marshaller = *connection.marshaller;
+  lock.unlock();
+
+  // The host hears of a WebSocket's end while its socket is still open.
+  if (webSocketGone && server && !server->WebSocketMessage.empty()) {
+    auto event = std::make_shared<WSData>();
+    event->Method = Methods::WEBSOCKETDISCONNECT;
+    marshaller.Marshal_ServerWebSocketMessage(server->WebSocketMessage, server, owner, event);
+  }
+
+  lock.lock();
+  int socket = connection.socket;
+  connection.socket = -1;
+  connection.tls.reset();
+  connection.out.Clear();
+  connection.plain.Clear();
+  connection.parse.ResetAll();
+  connection.parse.ReadBuffer.Resize(0);
+  connection.owner.reset();  // the Client and its connection no longer hold each other
+  std::shared_ptr<Daemon> daemon = std::move(connection.daemon);
+  lock.unlock();
+
+  Sys::SocketCalls::Close(socket);
+  Exclude(pointer.get());
+  if (daemon) Detail::CountEvent(Counters::OpenConnections, -1);
+  Detail::CountEvent(Counters::ConnectionsClosed, 1);
+  if (reason != SocketExceptions::None && reason != SocketExceptions::NoMoreData &&
+      Logger::IsEnabled(Logger::Severity::Debug)) {
+    Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::CloseClient")
+        << " reason: " << SocketExceptions::ToString(reason) << " detail: " << detail;
+  }
+  Detail::FinishMessages(marshaller, unfinished);
+  if (!owner) return;
+  if (owner->IsCurrent(pointer.get())) {
+    owner->ConnectionClosed(pointer.get(), reason);
+    if (!owner->Closed.empty()) {
+      marshaller.Marshal_ClientMessageStringBufferStringBuffer(
+          owner->Closed, owner, nullptr, StringBuffer(SocketExceptions::ToString(reason)), detail);
+    }
+    owner->ConnectionStateChanged(pointer.get(), ClientStates::Disconnected);
+  }
+  if (server) {
+    if (!server->ClientDisconnected.empty()) {
+      marshaller.Marshal_ServerClient(server->ClientDisconnected, server, owner);
+    }
+    // Last: a server waiting to stop counts this connection gone only after its signals.
+    server->ForgetConnection(owner.get());
+  }
+}
+
+void Daemon::ReleaseDeferredClients() {
+  std::vector<Deferred> deferred;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex_);
+    deferred.swap(deferred_);
+  }
+  for (const Deferred& entry : deferred)
+    CloseClient(entry.connection, entry.reason, entry.detail);
+}
+
+}  // namespace Veskan
