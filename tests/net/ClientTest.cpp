@@ -1,6 +1,7 @@
 // Outgoing connections against a plain listening socket of the test, and the shared buffer map.
 #include <veskan/Client.h>
 #include <veskan/Daemon.h>
+#include <veskan/DaemonMarshaller.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -59,6 +60,10 @@ class Listener {
       text.append(chunk, static_cast<std::size_t>(n));
     }
     return text;
+  }
+  bool Reply(const std::string& bytes) {
+    return ::send(peer_, bytes.data(), bytes.size(), MSG_NOSIGNAL) ==
+           static_cast<ssize_t>(bytes.size());
   }
   // True when the accepted peer has shut its sending side (a read gives 0).
   bool PeerFinished() {
@@ -171,6 +176,39 @@ TEST_F(ClientTest, ReconnectReplacesTheConnection) {
   EXPECT_EQ(0u, listener.ReadUntil("\r\n\r\n").find("DELETE /answer/3 HTTP/1.1\r\n"))
       << "the new connection carries requests (the first used socket " << first << ")";
   client->Abort(true);
+}
+
+TEST_F(ClientTest, AHandlerOnTheOwnerThreadMayStartAfresh) {
+  Listener listener;
+  // Window mode: the handlers run on this thread while the worker waits for them, in the middle
+  // of reading the reply.
+  auto client = std::make_shared<Client>(false, nullptr, nullptr);
+  bool reconnected = false;
+  client->MessageReceived.connect(
+      [&reconnected](const std::shared_ptr<Client>& self, const std::shared_ptr<Message>&) {
+        reconnected = self->Reconnect();
+      });
+  ASSERT_TRUE(client->Connect(UrlFor(listener.Port()).c_str()));
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+  auto first = Message::New();
+  first->Open(Methods::GET, UrlFor(listener.Port(), "/first").c_str());
+  ASSERT_TRUE(client->Send(first));
+  EXPECT_EQ(0u, listener.ReadUntil("\r\n\r\n").find("GET /first HTTP/1.1\r\n"));
+  ASSERT_TRUE(listener.Reply("HTTP/1.1 200 OK\r\nContent-Length: 2\r\n\r\nok"));
+  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (!reconnected && std::chrono::steady_clock::now() < deadline)
+    DaemonMarshaller::RunEventLoopOnce();
+  ASSERT_TRUE(reconnected);
+
+  ASSERT_TRUE(listener.Accept());
+  ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+  auto second = Message::New();
+  second->Open(Methods::GET, UrlFor(listener.Port(), "/second").c_str());
+  ASSERT_TRUE(client->Send(second));
+  EXPECT_EQ(0u, listener.ReadUntil("\r\n\r\n").find("GET /second HTTP/1.1\r\n"));
+  client->Abort(true);
+  EXPECT_EQ(ReadyStates::Uninitialized, second->BlockUntil(ReadyStates::Loaded, 10));
 }
 
 TEST(SharedBufferMapTest, HandsBuffersOverByName) {

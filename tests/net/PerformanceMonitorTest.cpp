@@ -1,6 +1,9 @@
 // NetworkPerformanceMonitor: without a plug-in, with a full plug-in and with one that cannot zero.
 // The stand-in plug-ins are built beside this test; their paths come from the build.
+#include <veskan/Client.h>
+#include <veskan/Daemon.h>
 #include <veskan/NetworkPerformanceMonitor.h>
+#include <veskan/Server.h>
 
 #include "plugin/TestPerformancePlugin.h"
 #include "sys/DynamicLibrary.h"
@@ -209,6 +212,50 @@ TEST_F(PerformancePluginTest, WorkersMayCountAtTheSameTime) {
   }
   EXPECT_EQ(Threads * Increments * 2, Value(Counters::BytesReceived));
   EXPECT_EQ(-Threads * Increments, Value(Counters::OpenConnections));
+  EXPECT_EQ(0, record_->wrongHandleCalls);
+}
+
+TEST_F(PerformancePluginTest, TheEngineCountsConnectionsBothWaysAndLetsReplacedMonitorsGo) {
+  Load(FullPlugin);
+  Daemon::MonitorPerformance(std::make_shared<NetworkPerformanceMonitor>(u"engine", FullPlugin));
+  {
+    auto server = std::make_shared<Server>(true, nullptr, nullptr);
+    server->MessageReceived.connect([](const std::shared_ptr<Server>&,
+                                       const std::shared_ptr<Client>&,
+                                       const std::shared_ptr<Message>& message) {
+      auto lock = message->Lock();
+      message->StatusCode = 204;
+    });
+    ASSERT_TRUE(server->Start(u"http://127.0.0.1:0/", false));
+    std::string url = "http://127.0.0.1:" + std::to_string(server->Port()) + "/";
+    auto client = std::make_shared<Client>(true, nullptr, nullptr);
+    ASSERT_TRUE(client->Connect(UTF8to16(url.c_str()).getTerminatedBuffer()));
+    ASSERT_EQ(ClientStates::Connected, client->BlockUntil(ClientStates::Connected, 10));
+    auto message = Message::New();
+    message->Open(Methods::GET, UTF8to16(url.c_str()).getTerminatedBuffer());
+    {
+      auto lock = message->Lock();
+      message->Request->Headers.Add(
+          Header(StringBuffer(u"Connection"), StringBuffer(u"keep-alive")));
+    }
+    ASSERT_TRUE(client->Send(message));
+    ASSERT_EQ(ReadyStates::Loaded, message->BlockUntil(ReadyStates::Loaded, 10));
+    EXPECT_EQ(2, Value(Counters::OpenConnections)) << "the outgoing one and the accepted one";
+    client->Disconnect(false);
+    EXPECT_EQ(ClientStates::Disconnected, client->BlockUntil(ClientStates::Disconnected, 10));
+    server->Stop(1000);
+  }
+  ASSERT_TRUE(Daemon::WaitForAllThreads(10));
+  EXPECT_EQ(0, Value(Counters::OpenConnections));
+  EXPECT_EQ(1, Value(Counters::OutgoingConnections));
+  EXPECT_EQ(1, Value(Counters::ConnectionsAccepted));
+  EXPECT_EQ(2, Value(Counters::ConnectionsClosed));
+
+  // Each monitor attached replaces the one before, which is released.
+  Daemon::MonitorPerformance(std::make_shared<NetworkPerformanceMonitor>(u"second", FullPlugin));
+  EXPECT_EQ(1, record_->destroyCalls);
+  Daemon::MonitorPerformance(nullptr);
+  EXPECT_EQ(2, record_->destroyCalls);
   EXPECT_EQ(0, record_->wrongHandleCalls);
 }
 

@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <dirent.h>
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
@@ -37,6 +38,9 @@ struct Observations {
   std::vector<SocketExceptions::Enumeration> closeReasons;
   std::vector<std::pair<int, std::string>> parts;  // index and payload
   std::vector<int> declaredLengths;
+  std::vector<std::string> closeDetails;
+  // ClientDisconnected ("-") and server states ("Stopping", "Stopped"...) in the order delivered.
+  std::vector<std::string> order;
   int connected = 0;
   int disconnected = 0;
 
@@ -61,8 +65,9 @@ class ServerTest : public ::testing::Test {
 
   // Starts a server on a port the system chooses. The default handler answers 200 with
   // "METHOD target|body".
-  void StartServer(bool direct = true) {
+  void StartServer(bool direct = true, const Server::Limits& limits = Server::Limits()) {
     server_ = std::make_shared<Server>(direct, nullptr, nullptr);
+    server_->SetLimits(limits);
     server_->MessageReceivedDeferrable.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
                const std::shared_ptr<Message>& message, bool& answerLater) {
@@ -83,13 +88,26 @@ class ServerTest : public ::testing::Test {
           ++seen_.connected;
           seen_.changed.notify_all();
         });
+    server_->ClientConnected.connect([this](const std::shared_ptr<Server>&,
+                                            const std::shared_ptr<Client>& client) {
+      client->Closed.connect([this](const std::shared_ptr<Client>&, const std::shared_ptr<Message>&,
+                                    const StringBuffer&, const StringBuffer& detail) {
+        std::lock_guard<std::mutex> lock(seen_.mutex);
+        seen_.closeDetails.push_back(Text(detail));
+      });
+    });
     server_->ClientDisconnected.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client) {
           std::lock_guard<std::mutex> lock(seen_.mutex);
           ++seen_.disconnected;
           seen_.closeReasons.push_back(client->CloseReason());
+          seen_.order.push_back("-");
           seen_.changed.notify_all();
         });
+    server_->StateChanged.connect([this](const std::shared_ptr<Server>& server) {
+      std::lock_guard<std::mutex> lock(seen_.mutex);
+      seen_.order.push_back(Text(StringBuffer(ServerStates::ToString(server->State()))));
+    });
     server_->HeadersComplete.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
                const std::shared_ptr<Message>&, const std::shared_ptr<Part>&, int length) {
@@ -349,30 +367,157 @@ TEST_F(ServerTest, AReplyGivenLaterFromAnotherThreadLeavesAtOnce) {
   EXPECT_LT(delays[delays.size() / 2], 100.0);
 }
 
-TEST_F(ServerTest, StopClosesOpenConnections) {
+TEST_F(ServerTest, StopClosesOpenConnectionsAndEndsWithStopped) {
   StartServer();
+  // More than one daemon's worth, so that the disconnections come from several threads.
   std::vector<std::unique_ptr<RawConnection>> connections;
-  for (int i = 0; i < 5; ++i) {
+  for (int i = 0; i < 35; ++i) {
     connections.push_back(std::make_unique<RawConnection>(port_));
     ASSERT_TRUE(connections.back()->Send(Get("/s", "Connection: keep-alive\r\n")));
     ASSERT_FALSE(connections.back()->ReadResponse().empty());
   }
-  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.connected == 5; }));
-  std::vector<ServerStates::Enumeration> states;
-  server_->StateChanged.connect(
-      [&states](const std::shared_ptr<Server>& server) { states.push_back(server->State()); });
+  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.connected == 35; }));
   server_->Stop(300);  // the peers do not close: they are aborted after the grace time
   EXPECT_EQ(ServerStates::Stopped, server_->State());
   EXPECT_EQ(0, server_->Port());
   for (auto& connection : connections)
     EXPECT_TRUE(connection->WaitForClose());
-  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.disconnected == 5; }));
   EXPECT_EQ(0, server_->Connections().Count());
-  ASSERT_FALSE(states.empty());
-  EXPECT_EQ(ServerStates::Stopping, states.front());
-  EXPECT_EQ(ServerStates::Stopped, states.back());
+  {
+    std::lock_guard<std::mutex> lock(seen_.mutex);
+    EXPECT_EQ(35, seen_.disconnected);
+    ASSERT_GE(seen_.order.size(), 37u);
+    EXPECT_EQ("Stopping", seen_.order[seen_.order.size() - 37]);
+    EXPECT_EQ("Stopped", seen_.order.back()) << "every ClientDisconnected came before Stopped";
+  }
   RawConnection refused(port_, 2);
   EXPECT_FALSE(refused.IsOpen() && refused.Send(Get("/x")) && !refused.ReadResponse().empty());
+}
+
+// The number of descriptors this process holds.
+int OpenDescriptors() {
+  int count = 0;
+  if (DIR* folder = opendir("/proc/self/fd")) {
+    while (readdir(folder) != nullptr)
+      ++count;
+    closedir(folder);
+  }
+  return count;
+}
+
+TEST_F(ServerTest, AClientThatPipelinesWithoutReadingIsHeldBackNotBuffered) {
+  // A megabyte reply, shared: what a pipelining client costs must not grow with its requests.
+  const std::string big(1 << 20, 'x');
+  auto bigContent = std::make_shared<Content>(reinterpret_cast<const unsigned char*>(big.data()),
+                                              static_cast<int>(big.size()));
+  bigContent->Sealed(Content::Types::ApplicationOctetStream);
+  std::atomic<int> bigAnswered{0};
+  handler_ = [&](const std::shared_ptr<Client>&, const std::shared_ptr<Message>& message, bool&) {
+    auto lock = message->Lock();
+    if (message->Url->Path != StringBuffer(u"/big")) return Answer(message);
+    ++bigAnswered;
+    message->StatusCode = 200;
+    message->Reply->Headers.Add(Header(StringBuffer(u"Content-Type"),
+                                       StringBuffer(Content::Types::ApplicationOctetStream)));
+    message->Reply->Content = bigContent;
+  };
+  StartServer();
+  constexpr int Requests = 60;
+  std::string requests;
+  for (int i = 0; i < Requests; ++i)
+    requests += Get("/big", "Connection: keep-alive\r\n");
+  RawConnection greedy(port_, 30);
+  ASSERT_TRUE(greedy.Send(requests));  // all of it fits the socket buffers
+  ASSERT_TRUE(seen_.WaitFor([this] { return !seen_.handlerThreads.empty(); }));
+  RawConnection bystander(port_);  // the same worker serves both
+  ASSERT_TRUE(bystander.Send(Get("/fresh")));
+  EXPECT_EQ("GET /fresh|", BodyOf(bystander.ReadResponse()));
+  // Only what the kernel's buffers take, and a reply beyond, was answered; the rest waits unread.
+  EXPECT_LT(bigAnswered.load(), 20);
+  // Nothing is lost: once the client reads, every reply arrives whole and in order.
+  for (int i = 0; i < Requests; ++i) {
+    std::string response = greedy.ReadResponse();
+    ASSERT_EQ(big.size(), BodyOf(response).size()) << "reply " << i;
+  }
+  EXPECT_EQ(Requests, bigAnswered.load());
+}
+
+TEST_F(ServerTest, TheConnectionListHoldsExactlyTheOpenConnections) {
+  StartServer();
+  // Held connections spread the new ones over several daemons, whose workers race the accepting
+  // one to serve and close them.
+  std::vector<std::unique_ptr<RawConnection>> held;
+  for (int i = 0; i < 40; ++i) {
+    held.push_back(std::make_unique<RawConnection>(port_));
+    ASSERT_TRUE(held.back()->Send(Get("/held", "Connection: keep-alive\r\n")));
+    ASSERT_FALSE(held.back()->ReadResponse().empty());
+  }
+  constexpr int Threads = 4;
+  constexpr int PerThread = 60;
+  std::vector<std::thread> peers;
+  for (int t = 0; t < Threads; ++t) {
+    peers.emplace_back([this] {
+      for (int i = 0; i < PerThread; ++i) {
+        RawConnection once(port_);
+        once.Send(Get("/once", "Connection: close\r\n"));
+        once.ReadResponse();
+      }
+    });
+  }
+  for (std::thread& peer : peers)
+    peer.join();
+  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.disconnected == Threads * PerThread; }));
+  EXPECT_EQ(40, server_->Connections().Count());
+}
+
+TEST_F(ServerTest, RequestsThatTrickleInAreCutOffAndTheirDescriptorsGiveBack) {
+  Server::Limits limits;
+  limits.HeadTimeoutSeconds = 1;
+  limits.BodyTimeoutSeconds = 1;
+  limits.MinBodyBytesPerSecond = 1000;
+  StartServer(true, limits);
+  const int descriptorsBefore = OpenDescriptors();
+  {
+    // A head and a body that keep coming, a byte at a time: never idle, never complete.
+    struct Trickle {
+      std::string start;
+      std::string detail;
+    };
+    const Trickle trickles[] = {
+        {"GET /slow HTTP/1.1\r\nX-", "request head too slow"},
+        {"POST /slow HTTP/1.1\r\nContent-Length: 100000\r\n\r\n", "request body too slow"},
+    };
+    for (const Trickle& trickle : trickles) {
+      SCOPED_TRACE(trickle.detail);
+      RawConnection slow(port_);
+      ASSERT_TRUE(slow.Send(trickle.start));
+      bool cut = false;
+      for (int i = 0; i < 100 && !cut; ++i) {                         // 10 s at most
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));  // the peer's pace
+        cut = !slow.Send("a");
+      }
+      EXPECT_TRUE(cut || slow.WaitForClose());
+      ASSERT_TRUE(seen_.WaitFor([&] { return !seen_.closeDetails.empty(); }));
+      std::lock_guard<std::mutex> lock(seen_.mutex);
+      EXPECT_EQ(SocketExceptions::DataRefused, seen_.closeReasons.back());
+      EXPECT_EQ(trickle.detail, seen_.closeDetails.back());
+      seen_.closeDetails.clear();
+    }
+    // Many heads that stall: each is closed once its time is up, on every daemon.
+    std::vector<std::unique_ptr<RawConnection>> stalled;
+    for (int i = 0; i < 200; ++i) {
+      stalled.push_back(std::make_unique<RawConnection>(port_));
+      ASSERT_TRUE(stalled.back()->Send("GET / HTTP/1.1\r\nHost"));
+    }
+    for (auto& connection : stalled)
+      EXPECT_TRUE(connection->WaitForClose());
+    ASSERT_TRUE(seen_.WaitFor([this] { return seen_.disconnected == 202; }));
+    EXPECT_EQ(0, server_->Connections().Count());
+  }
+  // The daemons that served them end, and every descriptor is given back.
+  for (int i = 0; i < 100 && OpenDescriptors() != descriptorsBefore; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  EXPECT_EQ(descriptorsBefore, OpenDescriptors());
 }
 
 TEST_F(ServerTest, TakesAPortOfTheSystemsChoiceWhenItsPortIsTaken) {

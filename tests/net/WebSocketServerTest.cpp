@@ -50,7 +50,8 @@ class WebSocketServerTest : public ::testing::Test {
           }
           break;
         default:
-          text = "DISCONNECT";
+          // Delivered while the socket is still open.
+          text = client->GetSocket() >= 0 ? "DISCONNECT" : "DISCONNECT after the socket closed";
           break;
       }
       {

@@ -116,6 +116,59 @@ const char16_t* MediaTypeOf(const std::filesystem::path& file) {
   return Content::Types::ApplicationOctetStream;
 }
 
+// Files read once and shared by every reply until they change on disk. A reply refers to the
+// cached content rather than to a copy of it (the engine sends from the content itself), so a
+// client that asks for a large file many times costs the server one copy of it.
+//
+// Thread safety: Find may be called from any thread.
+class FileCache {
+ public:
+  // The sealed content of `file` with the media type `type`; null when it cannot be read.
+  std::shared_ptr<Content> Find(const std::filesystem::path& file, const char16_t* type) {
+    std::error_code error;
+    auto modified = std::filesystem::last_write_time(file, error);
+    std::uintmax_t size = std::filesystem::file_size(file, error);
+    if (error) return nullptr;
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      auto found = entries_.find(file.string());
+      if (found != entries_.end() && found->second.modified == modified &&
+          found->second.size == size) {
+        return found->second.content;
+      }
+    }
+    ByteBuffer bytes = BytesFromFile(UTF8to16(file.string().c_str()).getTerminatedBuffer());
+    if (static_cast<std::uintmax_t>(bytes.Size()) != size) return nullptr;  // changing meanwhile
+    auto content = std::make_shared<Content>(bytes.Data(), bytes.Size());
+    content->Sealed(type);  // sealed once here: replies share it and never change it
+    if (size > MaxFileBytes) return content;  // served, not kept
+    std::lock_guard<std::mutex> lock(mutex_);
+    Entry& entry = entries_[file.string()];
+    total_ -= entry.size;
+    entry = Entry{modified, size, content};
+    total_ += size;
+    while (total_ > MaxTotalBytes && !entries_.empty()) {  // the cache stays small; any goes
+      auto victim = entries_.begin();
+      total_ -= victim->second.size;
+      entries_.erase(victim);
+    }
+    return content;
+  }
+
+ private:
+  static constexpr std::uintmax_t MaxFileBytes = 8 * 1024 * 1024;
+  static constexpr std::uintmax_t MaxTotalBytes = 32 * 1024 * 1024;
+
+  struct Entry {
+    std::filesystem::file_time_type modified;
+    std::uintmax_t size = 0;
+    std::shared_ptr<Content> content;
+  };
+  std::mutex mutex_;
+  std::map<std::string, Entry> entries_;
+  std::uintmax_t total_ = 0;
+};
+
 class Routes {
  public:
   explicit Routes(std::filesystem::path root) : root_(std::move(root)) {
@@ -261,8 +314,11 @@ class Routes {
       message.StatusCode = 404;
       return;
     }
-    ByteBuffer bytes = BytesFromFile(UTF8to16(file.string().c_str()).getTerminatedBuffer());
-    auto content = std::make_shared<Content>(bytes.Data(), bytes.Size());
+    std::shared_ptr<Content> content = files_.Find(file, MediaTypeOf(file));
+    if (!content) {
+      message.StatusCode = 404;
+      return;
+    }
     Reply(message, 200, MediaTypeOf(file), content);
   }
 
@@ -313,6 +369,7 @@ class Routes {
   }
 
   std::filesystem::path root_;
+  FileCache files_;
   std::shared_ptr<Content> hello_;
   std::atomic<long long> served_{0};
   std::mutex socketsMutex_;
