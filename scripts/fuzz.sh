@@ -15,13 +15,20 @@ targets=("$build"/tests/fuzz/veskan_fuzz_*)
 for target in "${targets[@]}"; do
   name="${target##*/veskan_fuzz_}"
   corpus=$(mktemp -d)
-  trap 'rm -rf "$corpus"' EXIT
+  log=$(mktemp)
+  trap 'rm -rf "$corpus" "$log"' EXIT
   echo "fuzz: $name for ${seconds}s"
+  # The target's own exit status decides; its log is only summarised.
+  status=0
   "$target" -max_total_time="$seconds" -rss_limit_mb=2048 -print_final_stats=1 \
-    -artifact_prefix="$build/fuzz-$name-" "$corpus" "tests/data/fuzz/$name" 2>&1 |
-    grep -E '^(stat::number_of_executed_units|Done|==[0-9]+==ERROR|SUMMARY)' || true
-  status=${PIPESTATUS[0]}
-  rm -rf "$corpus"
+    -artifact_prefix="$build/fuzz-$name-" "$corpus" "tests/data/fuzz/$name" >"$log" 2>&1 ||
+    status=$?
+  grep -E '^(stat::number_of_executed_units|Done|==[0-9]+==ERROR|SUMMARY)' "$log" || true
+  if [ "$status" -ne 0 ]; then
+    tail -n 40 "$log" >&2
+    echo "fuzz: $name failed (exit $status)" >&2
+    exit "$status"
+  fi
+  rm -rf "$corpus" "$log"
   trap - EXIT
-  [ "$status" -eq 0 ] || { echo "fuzz: $name failed (exit $status)" >&2; exit "$status"; }
 done

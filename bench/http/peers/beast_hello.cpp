@@ -28,7 +28,8 @@ class Session : public std::enable_shared_from_this<Session> {
   void doRead() {
     request_ = {};
     // No read deadline: an idle keep-alive connection stays open until the client closes it.
-    http::async_read(stream_, buffer_, request_, beast::bind_front_handler(&Session::onRead, shared_from_this()));
+    http::async_read(stream_, buffer_, request_,
+                     beast::bind_front_handler(&Session::onRead, shared_from_this()));
   }
 
   void onRead(beast::error_code ec, std::size_t) {
@@ -44,7 +45,8 @@ class Session : public std::enable_shared_from_this<Session> {
     response_.body() = "Hello, world!";
     response_.keep_alive(request_.keep_alive());
     response_.prepare_payload();
-    http::async_write(stream_, response_, beast::bind_front_handler(&Session::onWrite, shared_from_this()));
+    http::async_write(stream_, response_,
+                      beast::bind_front_handler(&Session::onWrite, shared_from_this()));
   }
 
   void onWrite(beast::error_code ec, std::size_t) {
@@ -80,7 +82,8 @@ class Listener : public std::enable_shared_from_this<Listener> {
 
  private:
   void doAccept() {
-    acceptor_.async_accept(ioc_, beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
+    acceptor_.async_accept(ioc_,
+                           beast::bind_front_handler(&Listener::onAccept, shared_from_this()));
   }
 
   void onAccept(beast::error_code ec, tcp::socket socket) {

@@ -22,8 +22,8 @@ int requestSeen;  // its address marks a request whose headers were already hand
 // libmicrohttpd calls this first when the headers are in; queueing the reply at that point makes it
 // close the connection afterwards. Answering on the second call, once the request is complete,
 // keeps the connection alive.
-MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*, const char*, const char*,
-                  size_t* uploadSize, void** state) {
+MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*, const char*,
+                  const char*, size_t* uploadSize, void** state) {
   if (*state == nullptr) {
     *state = &requestSeen;
     return MHD_YES;
@@ -35,7 +35,9 @@ MHD_Result answer(void*, MHD_Connection* connection, const char*, const char*, c
   return MHD_queue_response(connection, MHD_HTTP_OK, response);
 }
 
-void onSignal(int) { stopRequested = 1; }
+void onSignal(int) {
+  stopRequested = 1;
+}
 
 }  // namespace
 
@@ -46,7 +48,8 @@ int main(int argc, char** argv) {
   }
   const int port = std::atoi(argv[1]);
 
-  response = MHD_create_response_from_buffer(sizeof kBody - 1, const_cast<char*>(kBody), MHD_RESPMEM_PERSISTENT);
+  response = MHD_create_response_from_buffer(sizeof kBody - 1, const_cast<char*>(kBody),
+                                             MHD_RESPMEM_PERSISTENT);
   MHD_add_response_header(response, MHD_HTTP_HEADER_CONTENT_TYPE, "text/plain");
 
   sockaddr_in address{};
@@ -56,10 +59,10 @@ int main(int argc, char** argv) {
 
   // The built-in connection cap is FD_SETSIZE-based (about 1,000); with epoll it can be lifted,
   // which the idle-connection test needs. No connection timeout: idle keep-alive stays open.
-  MHD_Daemon* daemon = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD, static_cast<uint16_t>(port), nullptr,
-                                        nullptr, &answer, nullptr, MHD_OPTION_SOCK_ADDR, &address,
-                                        MHD_OPTION_CONNECTION_LIMIT, 20000u, MHD_OPTION_CONNECTION_TIMEOUT, 0u,
-                                        MHD_OPTION_END);
+  MHD_Daemon* daemon = MHD_start_daemon(MHD_USE_EPOLL_INTERNAL_THREAD, static_cast<uint16_t>(port),
+                                        nullptr, nullptr, &answer, nullptr, MHD_OPTION_SOCK_ADDR,
+                                        &address, MHD_OPTION_CONNECTION_LIMIT, 20000u,
+                                        MHD_OPTION_CONNECTION_TIMEOUT, 0u, MHD_OPTION_END);
   if (daemon == nullptr) {
     std::fprintf(stderr, "mhd_hello: cannot start on port %d\n", port);
     return 1;
@@ -69,7 +72,8 @@ int main(int argc, char** argv) {
 
   signal(SIGINT, onSignal);
   signal(SIGTERM, onSignal);
-  while (!stopRequested) pause();
+  while (!stopRequested)
+    pause();
 
   MHD_stop_daemon(daemon);
   MHD_destroy_response(response);

@@ -23,7 +23,8 @@ constexpr char kBody[] = "Hello, world!";
 
 class HelloHandler : public Poco::Net::HTTPRequestHandler {
  public:
-  void handleRequest(Poco::Net::HTTPServerRequest&, Poco::Net::HTTPServerResponse& response) override {
+  void handleRequest(Poco::Net::HTTPServerRequest&,
+                     Poco::Net::HTTPServerResponse& response) override {
     response.setStatus(Poco::Net::HTTPResponse::HTTP_OK);
     response.setContentType("text/plain");
     response.sendBuffer(kBody, sizeof kBody - 1);
@@ -32,7 +33,8 @@ class HelloHandler : public Poco::Net::HTTPRequestHandler {
 
 class HelloFactory : public Poco::Net::HTTPRequestHandlerFactory {
  public:
-  Poco::Net::HTTPRequestHandler* createRequestHandler(const Poco::Net::HTTPServerRequest&) override {
+  Poco::Net::HTTPRequestHandler* createRequestHandler(
+      const Poco::Net::HTTPServerRequest&) override {
     return new HelloHandler;
   }
 };
