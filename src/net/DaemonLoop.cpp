@@ -304,9 +304,15 @@ bool Daemon::ProcessFirstSocket(const std::shared_ptr<Server>& server, int liste
     }
     ConnectionPointer connection =
         FinalizeNewConnection(socket, UTF8to16(peer.DottedAddress().c_str()), peer.port, server);
+    if (!connection) continue;
+    bool mine;
+    {
+      std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+      mine = connection->daemon.get() == this;
+    }
     // A client usually sends its request right behind the connect: read it now rather than
     // after another wait, when the connection stays with this worker.
-    if (connection && connection->daemon.get() == this) ProcessSocketReadable(connection);
+    if (mine) ProcessSocketReadable(connection);
   }
   return true;
 }
@@ -354,14 +360,6 @@ Daemon::ConnectionPointer Daemon::FinalizeNewConnection(int socket, const String
   }
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::FinalizeNewConnection")
       << " TWO sin.addr_.sin_addr: " << peerAddress << " daemon: " << chosen->id_;
-  {
-    // The host may have closed it in ClientConnected, before it had a daemon to do that.
-    std::lock_guard<std::recursive_mutex> lock(connection->mutex);
-    if (connection->closing && !connection->closed) {
-      chosen->ScheduleCloseClient(connection, SocketExceptions::None,
-                                  StringBuffer(u"closed by the host"));
-    }
-  }
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::FinalizeNewConnection")
       << " THREE sin.addr_.sin_addr: " << peerAddress;
   return connection;

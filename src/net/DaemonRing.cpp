@@ -189,13 +189,20 @@ bool Daemon::Include(const ConnectionPointer& connection) {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   if (ended_ || clientSocketCount_ >= static_cast<int>(MaxClientsPerDaemon)) return false;
   int socket;
+  bool closedMeanwhile;
   {
     std::lock_guard<std::recursive_mutex> connectionLock(connection->mutex);
     connection->daemon = shared_from_this();
     socket = connection->socket;
+    closedMeanwhile = connection->closing && !connection->closed;
   }
   clients_[static_cast<std::size_t>(clientSocketCount_)] = connection;
   ++clientSocketCount_;
+  // The host may have closed it before it had a daemon to do that (in ClientConnected, say).
+  if (closedMeanwhile) {
+    deferred_.push_back(
+        Deferred{connection, SocketExceptions::None, StringBuffer(u"closed by the host")});
+  }
   Detail::CountEvent(Counters::OpenConnections, 1);
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::Include")
       << " client socket: " << socket << " clientSocketCount: " << clientSocketCount_;
