@@ -1086,7 +1086,7 @@ class Soak {
         return;
       case Role::WebSocket:
         if (connection.closing) {
-          Error(index, "the closing handshake was not answered");
+          Finish(index, false);
         } else if (!connection.upgraded) {
           Error(index, "no handshake reply within the time-out");
         } else {
@@ -1255,8 +1255,11 @@ class Soak {
     Slot& slot = slots_[index];
     Connection& connection = *slot.connection;
     if (now >= connection.endOfLife) {
+      // The server reads a close frame without acting on it (only text messages are delivered),
+      // so, like a browser whose close is not answered, the client ends the connection itself
+      // after a moment.
       connection.closing = true;
-      connection.deadline = now + 5 * kSecond;
+      connection.deadline = now + kSecond;
       SendFrame(index, 0x8, std::string("\x03\xE8", 2));  // 1000: normal closure
       return;
     }

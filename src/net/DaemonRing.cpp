@@ -142,8 +142,9 @@ void Daemon::Start() {
   }
   std::shared_ptr<Daemon> self = shared_from_this();
   // Detached: the thread holds the daemon alive and ends by itself once it has nothing to serve.
-  thread_ = std::thread([self] {
+  thread_ = std::thread([self]() mutable {
     self->ThreadProc();
+    self.reset();  // a thread counted as ended leaves nothing of its daemon behind
     std::lock_guard<std::mutex> threads(threadsMutex);
     --runningThreads;
     threadsEnded.notify_all();

@@ -8,7 +8,7 @@ namespace Detail {
 
 void OutputQueue::Append(const char* data, std::size_t length) {
   if (length == 0) return;
-  if (segments_.empty() || segments_.back().referenced != nullptr ||
+  if (segments_.size() == first_ || segments_.back().referenced != nullptr ||
       segments_.back().bytes.size() + length >
           std::max(BlockBytes, segments_.back().bytes.size())) {
     segments_.emplace_back();
@@ -53,7 +53,8 @@ void OutputQueue::Append(std::shared_ptr<const void> owner, const char* data, st
 std::size_t OutputQueue::Front(Sys::ByteSpan* spans, std::size_t count) const {
   std::size_t filled = 0;
   std::size_t offset = frontOffset_;
-  for (auto segment = segments_.begin(); segment != segments_.end() && filled < count; ++segment) {
+  for (auto segment = segments_.begin() + static_cast<std::ptrdiff_t>(first_);
+       segment != segments_.end() && filled < count; ++segment) {
     spans[filled].data = segment->Data() + offset;
     spans[filled].length = segment->length - offset;
     ++filled;
@@ -66,24 +67,30 @@ void OutputQueue::Consume(std::size_t count) {
   count = std::min(count, unsent_);
   unsent_ -= count;
   while (count > 0) {
-    Segment& front = segments_.front();
+    Segment& front = segments_[first_];
     std::size_t left = front.length - frontOffset_;
     if (count < left) {
       frontOffset_ += count;
       return;
     }
     count -= left;
-    segments_.pop_front();
+    front = Segment();  // its memory goes now, not when the queue empties
+    ++first_;
     frontOffset_ = 0;
   }
-  if (unsent_ == 0 && !segments_.empty() && segments_.front().length == frontOffset_) {
-    segments_.pop_front();
-    frontOffset_ = 0;
+  if (unsent_ == 0) {
+    segments_.clear();
+    first_ = 0;
+  } else if (first_ >= 64 && first_ * 2 >= segments_.size()) {
+    // A queue that never empties (a busy WebSocket) drops its spent entries now and then.
+    segments_.erase(segments_.begin(), segments_.begin() + static_cast<std::ptrdiff_t>(first_));
+    first_ = 0;
   }
 }
 
 void OutputQueue::Clear() {
-  std::deque<Segment>().swap(segments_);
+  std::vector<Segment>().swap(segments_);
+  first_ = 0;
   frontOffset_ = 0;
   unsent_ = 0;
 }

@@ -6,7 +6,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <vector>
 
@@ -58,8 +57,11 @@ class OutputQueue {
     const char* Data() const { return referenced != nullptr ? referenced : bytes.data(); }
   };
 
-  std::deque<Segment> segments_;
-  std::size_t frontOffset_ = 0;  // bytes of the first segment already consumed
+  // Segments from first_ on are unsent; an empty queue allocates nothing (most connections are
+  // idle most of the time).
+  std::vector<Segment> segments_;
+  std::size_t first_ = 0;
+  std::size_t frontOffset_ = 0;  // bytes of the first unsent segment already consumed
   std::size_t unsent_ = 0;
   std::uint64_t appended_ = 0;
 };
