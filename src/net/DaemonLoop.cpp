@@ -11,6 +11,7 @@
 #include "net/EngineLog.h"
 #include "net/TlsContext.h"
 #include "net/websocket/WebSocketSupport.h"
+#include "sys/Memory.h"
 #include "sys/Socket.h"
 
 #include <algorithm>
@@ -171,6 +172,7 @@ void Daemon::ThreadProc() {
   }
   lock.unlock();
   Detail::ReleaseTlsThreadState();
+  Sys::ReleaseFreeMemory();
   Detail::CountEvent(Counters::DaemonsRunning, -1);
   Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ThreadProc") << " ended id_: " << id_;
 }

@@ -12,7 +12,6 @@ void OutputQueue::Append(const char* data, std::size_t length) {
       segments_.back().bytes.size() + length >
           std::max(BlockBytes, segments_.back().bytes.size())) {
     segments_.emplace_back();
-    segments_.back().bytes.reserve(std::max(BlockBytes, length));
   }
   Segment& last = segments_.back();
   last.bytes.insert(last.bytes.end(), data, data + length);
