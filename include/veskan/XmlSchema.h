@@ -11,6 +11,7 @@
 
 #include <veskan/ByteBuffer.h>
 #include <veskan/Export.h>
+#include <veskan/Globals.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/Vocabulary.h>
 #include <veskan/XPathVariables.h>
@@ -33,6 +34,9 @@ class XPathExpression;
 // in one shared pointer. A copy is a view: it shows the same tree and never frees it, so it must
 // not outlive the handle that owns the tree.
 //
+// Every handle, a view included, holds a Globals for as long as it lives: the libraries its tree
+// needs, down to the freeing of the tree, stay up while it does, whichever thread keeps it.
+//
 // Thread safety: a document and its nodes are used by one thread at a time.
 class VESKAN_API XmlDocument {
  public:
@@ -52,6 +56,7 @@ class VESKAN_API XmlDocument {
  private:
   void Free();
 
+  Globals libraries_;  // destroyed last, after the tree is freed
   xercesc::DOMDocument* document_;
   xercesc::DOMLSParser* parser_;
   bool owns_;
