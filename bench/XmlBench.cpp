@@ -1,6 +1,7 @@
 // XML documents through XmlSchema::NewDoc and XmlSchema::PrintDoc, each beside the raw Xerces-C
 // calls it wraps, on generated quiz documents of 1 MiB and 20 MiB. bench/ratios.py turns a run
-// into wrapper/raw ratios.
+// into wrapper/raw ratios. LongLivedDocument_Veskan reads and edits one quiz document a million
+// times and reports the document's heap before and after as counters.
 #include <veskan/ByteBuffer.h>
 #include <veskan/Globals.h>
 #include <veskan/XmlSchema.h>
@@ -10,10 +11,12 @@
 #include <xercesc/dom/DOM.hpp>
 #include <xercesc/framework/MemBufFormatTarget.hpp>
 #include <xercesc/framework/MemBufInputSource.hpp>
+#include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/Wrapper4InputSource.hpp>
 
 #include <unicode/ustring.h>
 
+#include <cstdlib>
 #include <map>
 #include <memory>
 #include <string>
@@ -172,6 +175,128 @@ void PrintDocUTF8_XercesRaw(benchmark::State& state) {
   SetBytes(state, length);
 }
 
+// A Xerces memory manager that counts the bytes it has handed out and not taken back. A document
+// parsed with it allocates its whole heap from it, so the count is the document's size.
+class CountingMemoryManager : public xercesc::MemoryManager {
+ public:
+  xercesc::MemoryManager* getExceptionMemoryManager() override {
+    return xercesc::XMLPlatformUtils::fgMemoryManager;
+  }
+  void* allocate(XMLSize_t size) override {
+    auto* block = static_cast<std::max_align_t*>(std::malloc(size + sizeof(std::max_align_t)));
+    if (!block) throw std::bad_alloc();
+    *reinterpret_cast<XMLSize_t*>(block) = size;
+    outstanding_ += size;
+    return block + 1;
+  }
+  void deallocate(void* pointer) override {
+    if (!pointer) return;
+    auto* block = static_cast<std::max_align_t*>(pointer) - 1;
+    outstanding_ -= *reinterpret_cast<XMLSize_t*>(block);
+    std::free(block);
+  }
+  std::size_t Outstanding() const { return outstanding_; }
+
+ private:
+  std::size_t outstanding_ = 0;
+};
+
+// `bytes` parsed as the library parses, its heap drawn from `memory`, in an owning XmlDocument.
+std::shared_ptr<XmlDocument> ParseWith(const std::string& bytes, xercesc::MemoryManager& memory) {
+  xercesc::DOMLSParser* parser = RawImplementation()->createLSParser(
+      xercesc::DOMImplementationLS::MODE_SYNCHRONOUS, nullptr, &memory);
+  parser->getDomConfig()->setParameter(u"namespaces", true);
+  xercesc::MemBufInputSource source(reinterpret_cast<const XMLByte*>(bytes.data()), bytes.size(),
+                                    u"long-lived");
+  xercesc::Wrapper4InputSource input(&source, false);
+  xercesc::DOMDocument* document = parser->parse(&input);
+  return std::make_shared<XmlDocument>(document, parser, true);
+}
+
+// A quiz kept open for a lesson: every iteration is one read or one edit through XmlSchema,
+// cycling through the operations that a lesson makes on its document (values change, nodes move;
+// no element is added for good).
+void LongLivedDocument_Veskan(benchmark::State& state) {
+  constexpr const char16_t* Quiz = u"http://www.calvorco.com/2008/veskan/";
+  CountingMemoryManager memory;
+  const auto doc = ParseWith(QuizDocument(4096), memory);
+  const Veskan::XmlElementList questions =
+      XmlSchema::GetElementsByTagName(XmlSchema::DocumentElement(doc), u"question", Quiz);
+  for (xercesc::DOMElement* question : questions)
+    XmlSchema::GetElement(question, u"veskan:note", Veskan::Namespaces::Defaults);
+  const std::size_t before = memory.Outstanding();
+
+  const char16_t* const texts[] = {u"Paris", u"Lyon et Marseille", u"M\u00fcnchen"};
+  std::size_t step = 0;
+  for (auto _ : state) {
+    xercesc::DOMElement* question = questions[static_cast<int>(step / 13 % questions.Count())];
+    xercesc::DOMElement* answer = XmlSchema::FindElement(question, u"answer", Quiz);
+    xercesc::DOMElement* note = XmlSchema::FindElement(question, u"note", Quiz);
+    const char16_t* text = texts[step % 3];
+    switch (step % 13) {
+      case 0:
+        benchmark::DoNotOptimize(XmlSchema::GetTextContent(answer));
+        break;
+      case 1:
+        benchmark::DoNotOptimize(
+            XmlSchema::GetAttribute(question, u"about", Veskan::Namespaces::Uri::RDF));
+        break;
+      case 2:
+        XmlSchema::SetAttribute(question, u"veskan:points", step % 2 ? u"3" : u"4");
+        break;
+      case 3:
+        XmlSchema::SetTextContent(note, text);
+        break;
+      case 4: {
+        Veskan::XmlElementList answers = XmlSchema::GetElementsByTagName(question, u"answer", Quiz);
+        XmlSchema::SortElementsByTextContent(answers);
+        break;
+      }
+      case 5:
+        benchmark::DoNotOptimize(XmlSchema::Randomize(questions, u"lesson-7"));
+        break;
+      case 6:
+        XmlSchema::SetCDATA(note, text);
+        break;
+      case 7:
+        XmlSchema::SetAttribute(note, u"state", text);
+        XmlSchema::CreateText(note, text);
+        XmlSchema::RemoveAllChildrenAndAttributes(note);
+        break;
+      case 8: {
+        // RemoveChild hands the node to the caller, who puts it back.
+        xercesc::DOMElement* last = XmlSchema::LastChildElement(question);
+        XmlSchema::AppendChild(question, XmlSchema::RemoveChild(last));
+        break;
+      }
+      case 9: {
+        // ReplaceChild swaps two answers; the replaced one goes back where the other was.
+        xercesc::DOMElement* second = XmlSchema::NextElement(answer);
+        xercesc::DOMNode* after = XmlSchema::NextSibling(second);
+        XmlSchema::RemoveChild(second);
+        XmlSchema::ReplaceChild(answer, second);
+        XmlSchema::InsertChild(question, answer, after);
+        break;
+      }
+      case 10: {
+        Veskan::XmlElementList answers = XmlSchema::GetElementsByTagName(question, u"answer", Quiz);
+        XmlSchema::SortElementsByAttributeValue(answers, u"correct", Quiz);
+        break;
+      }
+      case 11:
+        benchmark::DoNotOptimize(XmlSchema::GetTextContent(question));
+        break;
+      default:
+        benchmark::DoNotOptimize(XmlSchema::FindElementWithAttributeValue(
+            question, u"veskan:answer", u"veskan:correct", u"true"));
+        break;
+    }
+    ++step;
+  }
+  state.counters["DocumentBytesBefore"] = static_cast<double>(before);
+  state.counters["DocumentBytesAfter"] = static_cast<double>(memory.Outstanding());
+}
+
 constexpr int64_t OneMiB = 1 << 20;
 constexpr int64_t TwentyMiB = 20 << 20;
 
@@ -181,6 +306,7 @@ BENCHMARK(PrintDoc_Veskan)->Arg(OneMiB)->Arg(TwentyMiB)->Unit(benchmark::kMillis
 BENCHMARK(PrintDoc_XercesIcuRaw)->Arg(OneMiB)->Arg(TwentyMiB)->Unit(benchmark::kMillisecond);
 BENCHMARK(PrintDocUTF8_Veskan)->Arg(OneMiB)->Arg(TwentyMiB)->Unit(benchmark::kMillisecond);
 BENCHMARK(PrintDocUTF8_XercesRaw)->Arg(OneMiB)->Arg(TwentyMiB)->Unit(benchmark::kMillisecond);
+BENCHMARK(LongLivedDocument_Veskan)->Iterations(1000000)->Unit(benchmark::kNanosecond);
 
 }  // namespace
 

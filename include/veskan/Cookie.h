@@ -69,9 +69,12 @@ class VESKAN_API Cookie::Collection {
   // Replaces the headers named `headerName` with one header holding every cookie, in name order
   // and separated by ";": "name=value;Max-Age=N[;Discard];Version=1" for Header::SetCookie,
   // "name=value;$Version=1" for Header::Cookie; "=", ";", "," and blanks in names and values
-  // become "_". `headerName` must be
-  // one of those two constants themselves (the pointer is compared, not the text); anything else
-  // changes nothing.
+  // become "_". A cookie whose name or value holds a control character (CR, LF, NUL, HTAB ...)
+  // or an unpaired surrogate is left out with a warning to the Logger, since it would end the
+  // header line and begin another (RFC 6265 section 4.1.1) or could not be written in UTF-8;
+  // when every cookie is left out no header is added.
+  // `headerName` must be one of those two constants themselves (the pointer is compared, not the
+  // text); anything else changes nothing.
   void Write(const char16_t* headerName, Header::Collection& headers) const;
 
   Map::const_iterator begin() const { return cookies_.begin(); }

@@ -33,14 +33,21 @@ class XPathMemoryManager;
 // process ends, and a later Globals finds them ready.
 //
 // A host makes one at the start of main (or in its application object) and destroys it at the
-// end. Every XML operation of the library also holds one for its own duration, so the libraries
-// come up on first use even in a host that made none.
+// end. Every XML operation of the library also holds one for its own duration, and every
+// XmlDocument holds one for as long as it lives, so the libraries come up on first use even in a
+// host that made none, and a clean-up never tears them down under a document that is still alive:
+// it then leaves them up, and the last object to go decides as above.
 //
 // Copying adds no count, yet the copy's destruction counts down: never copy these objects.
 //
-// Thread safety: the count is atomic, but start-up is not guarded: a second Globals made on
-// another thread while the first one starts the libraries returns at once and may find them not
-// ready. Make the first one before starting threads that use XML or RDF.
+// Thread safety: any thread may make and destroy Globals at any time. Start-up and shutdown are
+// serialised by one process-wide mutex, which also guards the count's changes between 0 and 1,
+// so a thread always finds the libraries either fully up or fully down; while a thread holds a
+// Globals they stay up. Counting up from a count already held, and down to a count still held,
+// takes no lock. PlatformSpecificCleanup's flag holds for the thread that calls it: a Globals that
+// another thread destroys meanwhile counts down as any other, and when it is the last one it
+// leaves the libraries up. The final shutdown also runs ICU's u_cleanup(): threads that use ICU
+// outside of any XML or RDF operation must be done with it before a host cleans up.
 class VESKAN_API Globals {
  public:
   // For the host to publish its Globals; the library never sets it, final shutdown clears it.

@@ -87,7 +87,10 @@ class VESKAN_API Header::Collection {
 
   // Prints the block, one "Name: Value" line each in UTF-8 and an empty line after them, into
   // `buffer` at byte `offset`, and returns the number of bytes written. Without `grow` only what
-  // fits in the buffer is written.
+  // fits in the buffer is written. Nothing is trimmed, quoted or folded; a header that cannot be
+  // printed as one such line (a name that is not an RFC 9110 token, or a value holding CR, LF,
+  // NUL or another control except HTAB, or an unpaired surrogate) is left out with a warning to
+  // the Logger, so that no stored text can add lines to the block, end it, or vanish unnoticed.
   int Write(ByteBuffer& buffer, int offset, bool grow) const;
 
   std::vector<Header>::const_iterator begin() const { return headers_.begin(); }

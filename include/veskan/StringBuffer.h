@@ -24,11 +24,16 @@ namespace Veskan {
 // A UTF-16 string on ICU's UnicodeString that is kept NUL-terminated, so that its
 // `const char16_t*` view is available at any time without copying.
 //
-// Every constructor and every operator declared here leaves the buffer terminated. Mutating
-// members inherited from icu::UnicodeString may not; the pointer conversion then terminates the
-// buffer on demand (the only case in which a const read writes).
+// Every constructor, assignment and operator declared here leaves the buffer terminated, the
+// moves included, on both sides: a moved-from object is empty. Mutating members inherited from
+// icu::UnicodeString (append, insert, replace, remove, truncate, setTo, releaseBuffer, ...) may
+// leave it unterminated; call KeepTerminated() after them, before other threads read the object,
+// so that readers get its own buffer. c_str() never writes: on a buffer left unterminated it
+// still gives the right text, from a terminated copy kept beside the object (slower, and held
+// until the object changes or goes).
 //
-// Thread safety: like icu::UnicodeString. Concurrent const use of one terminated object is safe.
+// Thread safety: like icu::UnicodeString, and concurrent const use of one object is safe, c_str()
+// and the pointer conversion included. Changing an object while other threads read it is not.
 class VESKAN_API StringBuffer : public icu::UnicodeString {
  public:
   StringBuffer();
@@ -77,17 +82,24 @@ class VESKAN_API StringBuffer : public icu::UnicodeString {
   // True when not empty.
   operator bool() const;
 
-  // The terminated buffer; an invalid (bogus) string gives the empty literal. The pointer lives
-  // until the next change of this object.
+  // The text, NUL-terminated: the object's own buffer, or, when an inherited member left that
+  // unterminated, a terminated copy of it. An invalid (bogus) string gives the empty literal. The
+  // pointer lives until the next change of this object. Never writes to the object.
   operator const char16_t*() const;
   const char16_t* c_str() const;
 
   // The text as UTF-8.
   std::string ToUTF8() const;
 
+  // Terminates the buffer again after a member inherited from icu::UnicodeString changed it, so
+  // that c_str() gives the object's own buffer. A buffer that is terminated already is left as it
+  // is (one shared with copies stays shared).
+  void KeepTerminated();
+
  private:
   bool IsTerminated() const;
-  void KeepTerminated();
+  // Empties a moved-from object, terminated; allocates nothing.
+  void EmptyAfterMove() noexcept;
 };
 
 // A new buffer holding `left` then `right`.

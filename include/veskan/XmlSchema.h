@@ -11,6 +11,7 @@
 
 #include <veskan/ByteBuffer.h>
 #include <veskan/Export.h>
+#include <veskan/Globals.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/Vocabulary.h>
 #include <veskan/XPathVariables.h>
@@ -33,6 +34,9 @@ class XPathExpression;
 // in one shared pointer. A copy is a view: it shows the same tree and never frees it, so it must
 // not outlive the handle that owns the tree.
 //
+// Every handle, a view included, holds a Globals for as long as it lives: the libraries its tree
+// needs, down to the freeing of the tree, stay up while it does, whichever thread keeps it.
+//
 // Thread safety: a document and its nodes are used by one thread at a time.
 class VESKAN_API XmlDocument {
  public:
@@ -52,6 +56,7 @@ class VESKAN_API XmlDocument {
  private:
   void Free();
 
+  Globals libraries_;  // destroyed last, after the tree is freed
   xercesc::DOMDocument* document_;
   xercesc::DOMLSParser* parser_;
   bool owns_;
@@ -225,6 +230,15 @@ using XmlElementMap = std::map<StringBuffer, std::shared_ptr<XmlElementList>>;
 // starts at the document; the step "." stays where it is and ".." goes to the parent; empty steps
 // are skipped.
 //
+// Memory: a Xerces document never hands memory back before it is freed as a whole. Reading through
+// these operations takes none of it, and editing values (SetAttribute on an existing attribute,
+// SetTextContent, SetCDATA) reuses what the replaced nodes held, so a document kept open for a
+// long time stays the same size while it is read and its values change. Nodes that an operation
+// detaches and hands to the caller are the caller's to put back or to free (see RemoveChild).
+// Every new element takes memory that freeing it gives back only in part (Xerces keeps its
+// attribute tables): a long-lived document should change values rather than add and remove
+// elements without end.
+//
 // Thread safety: the operations lock nothing; a document and its nodes are used by one thread at a
 // time. Operations on different documents may run on different threads.
 class VESKAN_API XmlSchema {
@@ -364,7 +378,8 @@ class VESKAN_API XmlSchema {
   // -----------------------------------------------------------------------
 
   // `fallback` (null: empty) for a null node and for an element or document none of whose direct
-  // children is text or CDATA; otherwise the node's whole DOM text content.
+  // children is text or CDATA; otherwise the node's whole DOM text content (comments and
+  // processing instructions left out), read without taking memory from the document.
   static StringBuffer GetTextContent(const xercesc::DOMNode* node,
                                      const char16_t* fallback = nullptr);
   // The attribute `name` in `namespaceUri` (null: the attribute whose node name is `name`).
@@ -377,10 +392,12 @@ class VESKAN_API XmlSchema {
                                    const char16_t* fallback = nullptr);
   static bool HasAttribute(const xercesc::DOMElement* element, const char16_t* name,
                            const char16_t* namespaceUri = nullptr);
-  // Creates or replaces the attribute and returns it; null `value` is empty. Without a namespace
-  // URI a prefixed name takes the URI its prefix is bound to where the element stands ("xml" and
-  // "xmlns" are bound by definition). Null for a prefix bound nowhere and when the DOM refuses
-  // the name.
+  // Creates the attribute, or gives an existing one of that name the new value (the same node,
+  // which stays valid), and returns it; null `value` is empty. Given with another prefix than the
+  // existing one has, the attribute is replaced by a new node and the old one is left detached.
+  // Without a namespace URI a prefixed name takes the URI its prefix is bound to where the element
+  // stands ("xml" and "xmlns" are bound by definition). Null for a prefix bound nowhere and when
+  // the DOM refuses the name.
   static xercesc::DOMAttr* SetAttribute(xercesc::DOMElement* element, const char16_t* name,
                                         const char16_t* value,
                                         const char16_t* namespaceUri = nullptr);
@@ -388,11 +405,13 @@ class VESKAN_API XmlSchema {
   static int SetAttribute(const XmlElementList& elements, const char16_t* name,
                           const char16_t* value, const char16_t* namespaceUri = nullptr);
   static XmlAttributeList GetAttributes(const xercesc::DOMElement* element);
-  // Replaces the node's content with `text` (null: empty); a null node is ignored.
+  // Replaces the node's content with `text` (null: empty); a null node is ignored. The old children
+  // of an element are freed: pointers to them are no longer valid.
   static void SetTextContent(xercesc::DOMNode* node, const char16_t* text);
   // Appends a new text node to `element` and returns it.
   static xercesc::DOMText* CreateText(xercesc::DOMElement* element, const char16_t* text);
-  // Replaces the element's content with one CDATA section holding `text` and returns it.
+  // Replaces the element's content with one CDATA section holding `text` and returns it. The old
+  // children are freed: pointers to them are no longer valid.
   static xercesc::DOMCDATASection* SetCDATA(xercesc::DOMElement* element, const char16_t* text);
   // As above for `length` bytes of UTF-8; bytes that are not UTF-8 change nothing and give null.
   static xercesc::DOMCDATASection* SetCDATA(xercesc::DOMElement* element, const char* bytes,
@@ -408,10 +427,14 @@ class VESKAN_API XmlSchema {
   static xercesc::DOMNode* AppendChild(xercesc::DOMNode* parent, xercesc::DOMNode* child);
   static xercesc::DOMNode* InsertChild(xercesc::DOMNode* parent, xercesc::DOMNode* child,
                                        xercesc::DOMNode* before);
-  // Puts `replacement` where `old` was; `old` is detached.
+  // Puts `replacement` where `old` was. `old` is detached and is then the caller's, as for
+  // RemoveChild.
   static xercesc::DOMNode* ReplaceChild(xercesc::DOMNode* old, xercesc::DOMNode* replacement);
-  // Detaches `node` from its parent and returns it; it stays owned by its document.
+  // Detaches `node` from its parent and returns it. The detached node (with everything below it)
+  // is the caller's: insert it again, or free it with its release() once nothing uses it. Left
+  // alone it stays in its document's memory, unused, until the document is freed.
   static xercesc::DOMNode* RemoveChild(xercesc::DOMNode* node);
+  // Removes and frees every child and attribute: pointers to them are no longer valid.
   static void RemoveAllChildrenAndAttributes(xercesc::DOMElement* element);
   // The node renamed (Xerces may hand back the same node); null for a name that is not a
   // qualified name and when the DOM refuses it.

@@ -6,8 +6,13 @@
 #include <unicode/stringoptions.h>
 #include <unicode/ustring.h>
 
+#include <atomic>
+#include <cstdint>
 #include <cstring>
+#include <mutex>
 #include <ostream>
+#include <string>
+#include <unordered_map>
 #include <utility>
 
 namespace Veskan {
@@ -15,6 +20,53 @@ namespace Veskan {
 namespace {
 
 constexpr char16_t EmptyLiteral[] = u"";
+
+// The objects that may have an entry in TerminatedCopies, by a hash of their address: every
+// destructor reads its bucket without a lock, and looks for an entry only when the bucket is not
+// empty. Changed only under the copies' mutex.
+constexpr std::size_t CopyBuckets = 256;
+std::atomic<std::uint32_t> copyBuckets[CopyBuckets]{};
+
+std::atomic<std::uint32_t>& BucketOf(const StringBuffer* text) {
+  return copyBuckets[(reinterpret_cast<std::uintptr_t>(text) >> 4) % CopyBuckets];
+}
+
+// Terminated copies of objects whose buffer a member inherited from icu::UnicodeString left
+// unterminated, for c_str(), which never writes to the object it reads. One copy per object,
+// renewed when the object's text has changed and dropped when the object is destroyed, so a
+// pointer to it lives as long as one to the object's own buffer would.
+class TerminatedCopies {
+ public:
+  const char16_t* Of(const StringBuffer& text, const char16_t* units, std::size_t length) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    const auto [entry, added] = copies_.try_emplace(&text);
+    std::u16string& copy = entry->second;
+    if (added) {
+      BucketOf(&text).fetch_add(1, std::memory_order_relaxed);
+    } else if (copy.size() == length &&
+               std::char_traits<char16_t>::compare(copy.data(), units, length) == 0) {
+      return copy.c_str();  // unchanged: the pointer handed out before stays valid
+    }
+    copy.assign(units, length);
+    return copy.c_str();
+  }
+
+  void Forget(const StringBuffer* text) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (copies_.erase(text) > 0) BucketOf(text).fetch_sub(1, std::memory_order_relaxed);
+  }
+
+ private:
+  std::mutex mutex_;
+  // Node-based: an entry's text stays where it is while other entries come and go.
+  std::unordered_map<const StringBuffer*, std::u16string> copies_;
+};
+
+// Never destroyed: a StringBuffer of static storage may die after the statics of this file.
+TerminatedCopies& Copies() {
+  static TerminatedCopies* const copies = new TerminatedCopies;
+  return *copies;
+}
 
 }  // namespace
 
@@ -26,14 +78,21 @@ StringBuffer::StringBuffer(const StringBuffer& other) : icu::UnicodeString(other
   KeepTerminated();
 }
 
-StringBuffer::StringBuffer(StringBuffer&& other) noexcept : icu::UnicodeString(std::move(other)) {}
+// ICU's move copies a short text's units into the new object's own storage without the NUL, and
+// leaves the moved-from object bogus (a long text) or still holding its text (a short one).
+StringBuffer::StringBuffer(StringBuffer&& other) noexcept : icu::UnicodeString(std::move(other)) {
+  KeepTerminated();
+  other.EmptyAfterMove();
+}
 
 StringBuffer::StringBuffer(const icu::UnicodeString& other) : icu::UnicodeString(other) {
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::StringBuffer(icu::UnicodeString&& other) noexcept
-    : icu::UnicodeString(std::move(other)) {}
+    : icu::UnicodeString(std::move(other)) {
+  KeepTerminated();
+}
 
 StringBuffer::StringBuffer(std::nullptr_t) {
   getTerminatedBuffer();
@@ -59,7 +118,10 @@ StringBuffer::StringBuffer(const std::string& utf8) {
   getTerminatedBuffer();
 }
 
-StringBuffer::~StringBuffer() = default;
+StringBuffer::~StringBuffer() {
+  // The relaxed read sees this object's own entry, if any: c_str() made it before destruction.
+  if (BucketOf(this).load(std::memory_order_relaxed) != 0) Copies().Forget(this);
+}
 
 StringBuffer& StringBuffer::operator=(const StringBuffer& other) {
   icu::UnicodeString::operator=(other);
@@ -68,13 +130,16 @@ StringBuffer& StringBuffer::operator=(const StringBuffer& other) {
 }
 
 StringBuffer& StringBuffer::operator=(StringBuffer&& other) noexcept {
+  if (this == &other) return *this;
   icu::UnicodeString::operator=(std::move(other));
+  KeepTerminated();
+  other.EmptyAfterMove();
   return *this;
 }
 
 StringBuffer& StringBuffer::operator=(const icu::UnicodeString& other) {
   icu::UnicodeString::operator=(other);
-  getTerminatedBuffer();
+  KeepTerminated();
   return *this;
 }
 
@@ -128,9 +193,9 @@ StringBuffer::operator const char16_t*() const {
 
 const char16_t* StringBuffer::c_str() const {
   if (IsTerminated()) return getBuffer();  // the usual case: a read, safe from many threads
-  if (isBogus()) return EmptyLiteral;
-  const char16_t* terminated = const_cast<StringBuffer*>(this)->getTerminatedBuffer();
-  return terminated ? terminated : EmptyLiteral;
+  const char16_t* units = getBuffer();     // null when bogus or opened by getBuffer(capacity)
+  if (!units) return EmptyLiteral;
+  return Copies().Of(*this, units, static_cast<std::size_t>(length()));
 }
 
 bool StringBuffer::IsTerminated() const {
@@ -143,6 +208,12 @@ bool StringBuffer::IsTerminated() const {
 // again would unshare it, copying the whole text.
 void StringBuffer::KeepTerminated() {
   if (!IsTerminated()) getTerminatedBuffer();
+}
+
+void StringBuffer::EmptyAfterMove() noexcept {
+  // remove() turns a bogus string into an empty one in the object's own storage: no allocation.
+  remove();
+  getTerminatedBuffer();
 }
 
 std::string StringBuffer::ToUTF8() const {

@@ -1,10 +1,13 @@
 // Cookies and their header forms.
 #include <veskan/Cookie.h>
 
+#include <veskan/Logger.h>
+
 #include <unicode/stringoptions.h>
 #include <unicode/ustring.h>
 
 #include <iterator>
+#include <string>
 
 namespace Veskan {
 
@@ -22,6 +25,33 @@ StringBuffer Sanitized(const StringBuffer& text) {
     sanitized.findAndReplace(unsafe, u'_');
   sanitized.getTerminatedBuffer();
   return sanitized;
+}
+
+// False when `text` holds a control character (HTAB included): no cookie may carry one (RFC 6265
+// section 4.1.1), and CR, LF or NUL would end the header line it is written into. False too for
+// an unpaired surrogate, which has no UTF-8 form and would cost the line every other cookie.
+bool CanBeWritten(const StringBuffer& text) {
+  for (int i = 0; i < text.length(); ++i) {
+    const char16_t unit = text.charAt(i);
+    if (unit < 0x20 || unit == 0x7F) return false;
+    if (unit >= 0xD800 && unit <= 0xDFFF) {
+      if (unit > 0xDBFF || i + 1 == text.length() || text.charAt(i + 1) < 0xDC00 ||
+          text.charAt(i + 1) > 0xDFFF) {
+        return false;
+      }
+      ++i;
+    }
+  }
+  return true;
+}
+
+// The name for a log line, with controls shown as "?", cut after 64 units.
+std::string ForLog(const StringBuffer& text) {
+  StringBuffer shown(text.tempSubString(0, 64));
+  for (int i = 0; i < shown.length(); ++i) {
+    if (shown.charAt(i) < 0x20 || shown.charAt(i) == 0x7F) shown.setCharAt(i, u'?');
+  }
+  return shown.ToUTF8();
 }
 
 }  // namespace
@@ -131,10 +161,18 @@ void Cookie::Collection::Write(const char16_t* headerName, Header::Collection& h
   if (!reply && headerName != Header::Cookie) return;
   headers.Remove(headerName);
   StringBuffer text;
+  int dropped = 0;
   for (const auto& entry : cookies_) {
+    const Cookie& cookie = *entry.second;
+    if (!CanBeWritten(cookie.Name) || !CanBeWritten(cookie.Value)) {
+      Logger::Line(Logger::Severity::Warning, "Veskan::Cookie::Collection::Write")
+          << " cookie dropped, a control character or an unpaired surrogate in its name or"
+          << " value, name: " << ForLog(cookie.Name);
+      ++dropped;
+      continue;
+    }
     // A ";" between cookies lets a reader (Read above among them) tell where the next begins.
     if (!text.isEmpty()) text += u';';
-    const Cookie& cookie = *entry.second;
     const icu::Formattable name(Sanitized(cookie.Name));
     const icu::Formattable value(Sanitized(cookie.Value));
     if (reply) {
@@ -146,6 +184,7 @@ void Cookie::Collection::Write(const char16_t* headerName, Header::Collection& h
       text += MessageFormat(u"{0}={1};$Version=1", {name, value});
     }
   }
+  if (dropped > 0 && dropped == Count()) return;  // nothing left to send
   headers.Add(Header(StringBuffer(headerName), text));
 }
 

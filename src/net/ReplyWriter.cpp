@@ -7,6 +7,7 @@
 #include <veskan/Content.h>
 #include <veskan/Cookie.h>
 #include <veskan/Header.h>
+#include <veskan/Logger.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
@@ -51,11 +52,47 @@ void AppendInteger(std::vector<char>& out, long long value) {
   Append(out, digits, static_cast<std::size_t>(result.ptr - digits));
 }
 
+// Appends "Name: Value" unless the header could split the message: a name that is not a token
+// (RFC 9110 section 5.6.2) or a value holding CR, LF, NUL or another control (section 5.5) would
+// let text the host took from a user end the line and begin headers or a body of its own
+// (response splitting). Such a header is dropped with a warning, and so is one whose value has no
+// UTF-8 form (an unpaired surrogate), rather than sent cut short.
 void AppendHeader(std::vector<char>& out, const Header& header) {
+  if (!IsWritableField(header.Name, header.Value)) {
+    Logger::Line(Logger::Severity::Warning, "Veskan::Daemon::ProcessOut")
+        << " header dropped, its name is no token or its value holds a control character or"
+        << " an unpaired surrogate, name: " << ForLog(header.Name);
+    return;
+  }
   AppendUtf8(out, header.Name);
   AppendLiteral(out, ": ");
   AppendUtf8(out, header.Value);
   AppendLiteral(out, "\r\n");
+}
+
+// The request target in UTF-8, with every blank and control percent-encoded (RFC 3986 section
+// 2.1), so that the start line stays one line of three parts (RFC 9112 section 3); a control is
+// worth a warning, since only a broken or hostile text puts one in a URL.
+void AppendTarget(std::vector<char>& out, const StringBuffer& target) {
+  static const char hex[] = "0123456789ABCDEF";
+  std::vector<char> bytes;
+  AppendUtf8(bytes, target);
+  bool control = false;
+  for (char byte : bytes) {
+    const unsigned char c = static_cast<unsigned char>(byte);
+    if (c > 0x20 && c != 0x7F) {
+      out.push_back(byte);
+      continue;
+    }
+    control = control || c != 0x20;
+    out.push_back('%');
+    out.push_back(hex[c >> 4]);
+    out.push_back(hex[c & 0x0F]);
+  }
+  if (control) {
+    Logger::Line(Logger::Severity::Warning, "Veskan::Daemon::ProcessOut")
+        << " control character in the request target percent-encoded, target: " << ForLog(target);
+  }
 }
 
 bool IsNamed(const Header& header, const char16_t* name) {
@@ -79,7 +116,11 @@ void AppendEntity(WireMessage& wire, Body& body, const char16_t* cookieHeader,
   }
   int length = content != nullptr ? content->Size() : 0;
   for (const Header& header : body.Headers) {
-    if (IsNamed(header, u"Content-Length") || (connection && IsNamed(header, u"Connection"))) {
+    // The body always goes by its length, so no framing field of the host's may contradict it:
+    // a "Transfer-Encoding" beside the true "Content-Length" is read by the chunks by some
+    // recipients and by the length by others (RFC 9112 section 6.3).
+    if (IsNamed(header, u"Content-Length") || IsNamed(header, u"Transfer-Encoding") ||
+        (connection && IsNamed(header, u"Connection"))) {
       continue;
     }
     AppendHeader(out, header);
@@ -122,6 +163,11 @@ WireMessage FormatReply(Message& message, bool keepAlive) {
   std::vector<char>& out = wire.head;
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   int status = message.StatusCode == 0 ? StatusCodes::NotFound : message.StatusCode;
+  if (status < 100 || status > 999) {  // the status is three digits (RFC 9112 section 4)
+    Logger::Line(Logger::Severity::Warning, "Veskan::Daemon::ProcessOut")
+        << " status code out of range, sent as 500: " << status;
+    status = StatusCodes::InternalServerError;
+  }
   if (!message.Reply) message.Reply = std::make_shared<Body>();
   AppendLiteral(out, "HTTP/1.1 ");
   AppendInteger(out, status);
@@ -140,7 +186,7 @@ WireMessage FormatRequest(Message& message) {
   AppendUtf8(out, StringBuffer(Methods::ToString(message.Method)));
   out.push_back(' ');
   if (message.Url && !message.Url->PathAndQuery.isEmpty()) {
-    AppendUtf8(out, message.Url->PathAndQuery);
+    AppendTarget(out, message.Url->PathAndQuery);
   } else {
     out.push_back('/');
   }

@@ -78,21 +78,98 @@ bool StartsWith(const char* data, int length, const char* prefix, int prefixLeng
   return length >= prefixLength && std::memcmp(data, prefix, prefixLength) == 0;
 }
 
-// True when the last transfer coding of `codings` is "chunked".
-bool EndsWithChunked(const StringBuffer& codings) {
-  int end = codings.length();
-  while (end > 0 && (codings.charAt(end - 1) == u' ' || codings.charAt(end - 1) == u'\t'))
-    --end;
-  int start = end;
-  while (start > 0 && codings.charAt(start - 1) != u',' && codings.charAt(start - 1) != u' ') {
-    --start;
-  }
-  return EqualsIgnoringAsciiCase(StringBuffer(codings.tempSubString(start, end - start)),
-                                 u"chunked");
-}
-
 bool IsBlank(char c) {
   return c == ' ' || c == '\t';
+}
+
+// Skips optional white space (OWS and BWS, RFC 9110 section 5.6.3) from `at`.
+int SkipBlanks(const char* data, int at, int end) {
+  while (at < end && IsBlank(data[at]))
+    ++at;
+  return at;
+}
+
+// The position behind the token that begins at `at` (`at` itself when none does).
+int SkipToken(const char* data, int at, int end) {
+  while (at < end && IsTokenChar(static_cast<unsigned char>(data[at])))
+    ++at;
+  return at;
+}
+
+// The position behind the quoted-string that begins at `at` (RFC 9110 section 5.6.4), or -1.
+int SkipQuotedString(const char* data, int at, int end) {
+  if (at >= end || data[at] != '"') return -1;
+  for (++at; at < end; ++at) {
+    unsigned char c = static_cast<unsigned char>(data[at]);
+    if (c == '"') return at + 1;
+    if (c == '\\') {
+      if (++at == end) return -1;
+      c = static_cast<unsigned char>(data[at]);
+    }
+    if (!IsFieldValueChar(c)) return -1;
+  }
+  return -1;
+}
+
+// The position behind the parameters that follow `at`, each `BWS ";" BWS name [BWS "=" BWS
+// value]` with a token for the name and a token or quoted-string for the value, or -1 when one is
+// malformed. The grammar of chunk extensions (RFC 9112 section 7.1.1) and, with `valueRequired`,
+// of transfer-coding parameters (RFC 9112 section 7). Blanks after the last one are left.
+int SkipParameters(const char* data, int at, int end, bool valueRequired) {
+  for (;;) {
+    int next = SkipBlanks(data, at, end);
+    if (next == end || data[next] != ';') return at;
+    next = SkipBlanks(data, next + 1, end);
+    int nameEnd = SkipToken(data, next, end);
+    if (nameEnd == next) return -1;
+    int equals = SkipBlanks(data, nameEnd, end);
+    if (equals == end || data[equals] != '=') {
+      if (valueRequired) return -1;
+      at = nameEnd;
+      continue;
+    }
+    int value = SkipBlanks(data, equals + 1, end);
+    at = value < end && data[value] == '"' ? SkipQuotedString(data, value, end)
+                                           : SkipToken(data, value, end);
+    if (at <= value) return -1;
+  }
+}
+
+bool IsChunked(const char* data, int length) {
+  static constexpr char chunked[] = "chunked";
+  if (length != sizeof chunked - 1) return false;
+  for (int i = 0; i < length; ++i) {
+    char c = data[i] >= 'A' && data[i] <= 'Z' ? static_cast<char>(data[i] + 32) : data[i];
+    if (c != chunked[i]) return false;
+  }
+  return true;
+}
+
+// True when `codings`, the values of every Transfer-Encoding line joined in order into one list
+// (RFC 9110 section 5.3), is well formed and names chunked last and only there, without
+// parameters (RFC 9112 sections 6.1 and 7). Any other list leaves the end of the body to
+// interpretation: a recipient that reads "chunked, gzip" or "chunked, chunked" differently sees
+// part of the body as a request of its own.
+bool IsChunkedLast(const std::string& codings) {
+  const char* data = codings.data();
+  const int end = static_cast<int>(codings.size());
+  bool chunkedSeen = false;
+  for (int at = 0;;) {
+    at = SkipBlanks(data, at, end);
+    if (at == end) return chunkedSeen;
+    if (data[at] == ',') {  // empty list elements are allowed (RFC 9110 section 5.6.1)
+      ++at;
+      continue;
+    }
+    if (chunkedSeen) return false;  // a coding after chunked
+    int nameEnd = SkipToken(data, at, end);
+    if (nameEnd == at) return false;
+    chunkedSeen = IsChunked(data + at, nameEnd - at);
+    at = SkipParameters(data, nameEnd, end, true);
+    if (at < 0 || (chunkedSeen && at != nameEnd)) return false;
+    at = SkipBlanks(data, at, end);
+    if (at < end && data[at] != ',') return false;
+  }
 }
 
 // The UTF-16 text of `length` UTF-8 bytes; the usual all-ASCII text is widened directly.
@@ -209,7 +286,7 @@ class Reader {
       return unread.length > parse_.MaxHeaderBytes ? Step::Violation : Step::Wait;
     }
     if (length == -2) return Step::Violation;
-    if (length == 0) {  // an empty line between messages is tolerated (RFC 7230 section 3.5)
+    if (length == 0) {  // an empty line between messages is tolerated (RFC 9112 section 2.2)
       Consume(2);
       return Step::Continue;
     }
@@ -246,6 +323,14 @@ class Reader {
         continue;
       }
       int targetLength = length - form.prefixLength - HttpSuffixLength;
+      // A blank or control in the target means the line does not split into method, target and
+      // version the way we read it; another recipient may split it elsewhere (RFC 9112 section
+      // 3).
+      const char* targetBytes = line + form.prefixLength;
+      if (std::any_of(targetBytes, targetBytes + targetLength,
+                      [](char c) { return static_cast<unsigned char>(c) <= 0x20 || c == 0x7F; })) {
+        return false;
+      }
       StringBuffer target = TextOf(line + form.prefixLength, targetLength);
       current_ = Message::New();
       current_->Open(form.method, target);
@@ -261,7 +346,8 @@ class Reader {
     if (!current_ || length < 12 || !StartsWith(line, length, prefix, 9)) return false;
     const char* code = line + 9;
     if (code[0] < '0' || code[0] > '5' || code[1] < '0' || code[1] > '9' || code[2] < '0' ||
-        code[2] > '9' || (length > 12 && code[3] != ' ')) {
+        code[2] > '9' || (length > 12 && code[3] != ' ') ||
+        !IsFieldValue(line + 12, static_cast<std::size_t>(length - 12))) {  // RFC 9112 section 4
       return false;
     }
     auto lock = current_->Lock();
@@ -283,32 +369,69 @@ class Reader {
     Consume(length + 2);
     if (length == 0) return parse_.Chunked ? CompleteMessage() : HeadersComplete();
 
-    const char* colon = static_cast<const char*>(std::memchr(unread.data, ':', length));
-    if (colon == nullptr || colon == unread.data) return Step::Violation;
-    int nameLength = static_cast<int>(colon - unread.data);
-    // Optional white space around the value is not part of it (RFC 7230 section 3.2.3).
-    int valueStart = nameLength + 1;
+    const char* line = unread.data;
+    if (IsBlank(line[0])) return Unfold(line, length);
+    // The name runs to the colon and must be a token: "Content-Length : 5" would otherwise be
+    // stored under a name no lookup finds while a proxy frames the message by it (RFC 9112
+    // section 5.1).
+    const char* colon = static_cast<const char*>(std::memchr(line, ':', length));
+    if (colon == nullptr) return Step::Violation;
+    int nameLength = static_cast<int>(colon - line);
+    if (!IsToken(line, static_cast<std::size_t>(nameLength))) return Step::Violation;
+    // Optional white space around the value is not part of it (RFC 9110 section 5.5).
+    int valueStart = SkipBlanks(line, nameLength + 1, length);
     int valueEnd = length;
-    while (valueStart < valueEnd && IsBlank(unread.data[valueStart]))
-      ++valueStart;
-    while (valueEnd > valueStart && IsBlank(unread.data[valueEnd - 1]))
+    while (valueEnd > valueStart && IsBlank(line[valueEnd - 1]))
       --valueEnd;
-    StringBuffer name = TextOf(unread.data, nameLength);
-    StringBuffer value = TextOf(unread.data + valueStart, valueEnd - valueStart);
+    if (!IsFieldValue(line + valueStart, static_cast<std::size_t>(valueEnd - valueStart))) {
+      return Step::Violation;
+    }
+    // Trailer fields are checked like header fields but never merged into the header section: a
+    // field sent behind the body must not change, after the fact, how the message was framed,
+    // routed or authorised (RFC 9112 section 7.1.2, RFC 9110 section 6.5.1).
+    if (parse_.Chunked) return Step::Continue;
+    StringBuffer name = TextOf(line, nameLength);
+    StringBuffer value = TextOf(line + valueStart, valueEnd - valueStart);
     auto lock = current_->Lock();
     BodyOf(current_, serverSide_)->Headers.Add(Header(std::move(name), std::move(value)));
     return Step::Continue;
   }
 
+  // A line that begins with a blank continues the field line before it (obs-fold, RFC 9112
+  // section 5.2). A request carrying one is refused: a recipient that reads it as a line of its
+  // own sees other fields than we do. A reply is read the way a user agent must read it: the fold
+  // becomes one SP in the value of the field it continues. A fold among trailers, or before the
+  // first field, continues nothing and is refused on both sides.
+  Step Unfold(const char* line, int length) {
+    if (serverSide_ || parse_.Chunked) return Step::Violation;
+    int start = SkipBlanks(line, 0, length);
+    int end = length;
+    while (end > start && IsBlank(line[end - 1]))
+      --end;
+    if (!IsFieldValue(line + start, static_cast<std::size_t>(end - start))) return Step::Violation;
+    auto lock = current_->Lock();
+    Header::Collection& headers = BodyOf(current_, serverSide_)->Headers;
+    if (headers.Count() == 0) return Step::Violation;
+    if (start == end) return Step::Continue;
+    Header folded = headers(headers.Count() - 1);
+    if (!folded.Value.isEmpty()) folded.Value += u' ';
+    folded.Value += TextOf(line + start, end - start);
+    headers.RemoveAt(headers.Count() - 1);
+    headers.Add(std::move(folded));
+    return Step::Continue;
+  }
+
   // The header fields that frame the message, found in one pass; names compare without regard
-  // to case (RFC 7230 section 3.2).
+  // to case (RFC 9110 section 5.1).
   struct Framing {
     const Header* connection = nullptr;
     const Header* upgrade = nullptr;
     const Header* contentLength = nullptr;
-    const Header* transferEncoding = nullptr;
     const Header* contentType = nullptr;
     const Header* expect = nullptr;
+    bool transferEncoding = false;
+    std::string transferCodings;  // the values of every Transfer-Encoding line as one list
+    int hosts = 0;
     bool cookies = false;
     bool conflictingLengths = false;
   };
@@ -317,6 +440,9 @@ class Reader {
     Framing framing;
     for (const Header& header : headers) {
       switch (header.Name.length()) {
+        case 4:
+          if (EqualsIgnoringAsciiCase(header.Name, u"Host")) ++framing.hosts;
+          break;
         case 6:
           framing.cookies = framing.cookies || EqualsIgnoringAsciiCase(header.Name, u"Cookie");
           if (EqualsIgnoringAsciiCase(header.Name, u"Expect")) framing.expect = &header;
@@ -335,7 +461,7 @@ class Reader {
           break;
         case 14:
           if (EqualsIgnoringAsciiCase(header.Name, u"Content-Length")) {
-            // Two different lengths leave the message's end in doubt (RFC 7230 section 3.3.2).
+            // Two different lengths leave the message's end in doubt (RFC 9110 section 8.6).
             if (framing.contentLength && framing.contentLength->Value != header.Value) {
               framing.conflictingLengths = true;
             }
@@ -344,7 +470,9 @@ class Reader {
           break;
         case 17:
           if (EqualsIgnoringAsciiCase(header.Name, u"Transfer-Encoding")) {
-            framing.transferEncoding = &header;
+            if (framing.transferEncoding) framing.transferCodings += ',';
+            framing.transferEncoding = true;
+            framing.transferCodings += header.Value.ToUTF8();
           }
           break;
         default:
@@ -364,12 +492,28 @@ class Reader {
       framing = FindFraming(body->Headers);
     }
     if (framing.conflictingLengths) return Step::Violation;
+    // Which of two Host lines names the target is left to each recipient (RFC 9112 section 3.2).
+    if (serverSide_ && framing.hosts > 1) return Step::Violation;
+    // With both, one recipient reads the body by its length and another by its chunks, and what
+    // lies between is a request of its own to one of them (RFC 9112 section 6.3): refused whatever
+    // else the message carries, Upgrade included.
+    if (framing.transferEncoding && framing.contentLength) return Step::Violation;
+    int length = 0;
+    if (framing.contentLength &&
+        !ParseLength(framing.contentLength->Value, parse_.MaxBodySize, length)) {
+      return Step::Violation;
+    }
+    // Only a chunked body can be delimited here; other codings end at the close, which a request
+    // cannot use (RFC 9112 section 6.3).
+    if (framing.transferEncoding && !IsChunkedLast(framing.transferCodings)) {
+      return Step::Violation;
+    }
 
     parse_.KeepAlive = framing.connection != nullptr &&
                        !EqualsIgnoringAsciiCase(framing.connection->Value, u"close");
 
     if (!serverSide_ && current_->StatusCode / 100 == 1 && current_->StatusCode != 101) {
-      // An interim reply ("100 Continue"): the final one follows (RFC 7231 section 6.2).
+      // An interim reply ("100 Continue"): the final one follows (RFC 9110 section 15.2).
       current_->Reply = std::make_shared<Body>();
       parse_.HeaderBytes = 0;
       parse_.State = States::Waiting;
@@ -377,6 +521,9 @@ class Reader {
     }
     bool upgrade = framing.upgrade && EqualsIgnoringAsciiCase(framing.upgrade->Value, u"websocket");
     if (upgrade && serverSide_ && current_->Method == Methods::GET) {
+      // The bytes behind the header block are frames to us but a body to anyone who reads the
+      // request by its framing fields: an upgrade request that declares a body is refused.
+      if (framing.transferEncoding || length != 0) return Step::Violation;
       // The WebSocket handshake takes over from here; the request never becomes an exchange.
       lock.unlock();
       events_.push_back(
@@ -391,12 +538,7 @@ class Reader {
                             EqualsIgnoringAsciiCase(framing.expect->Value, u"100-continue");
     // Chunked or not, a multipart body is split into parts as it arrives.
     if (framing.contentType) parse_.Delimiter = MultipartDelimiter(framing.contentType->Value);
-    if (framing.transferEncoding && !upgrade) {
-      // A message with both is how request smuggling starts (RFC 7230 section 3.3.3).
-      if (framing.contentLength) return Step::Violation;
-      // Only a chunked body can be delimited here; other codings end at the close, which a
-      // request cannot use (RFC 7230 section 3.3.3).
-      if (!EndsWithChunked(framing.transferEncoding->Value)) return Step::Violation;
+    if (framing.transferEncoding) {
       parse_.Chunked = true;
       parse_.ContentLength = -1;
       parse_.State = States::ReadingChunkSize;
@@ -410,12 +552,7 @@ class Reader {
       return Step::Continue;
     }
 
-    int length = 0;
-    if (framing.contentLength) {
-      if (!ParseLength(framing.contentLength->Value, parse_.MaxBodySize, length)) {
-        return Step::Violation;
-      }
-    } else if (!serverSide_ && DelimitedByClose(current_->StatusCode)) {
+    if (!framing.contentLength && !serverSide_ && DelimitedByClose(current_->StatusCode)) {
       length = -1;
     }
     parse_.ContentLength = length;
@@ -432,7 +569,7 @@ class Reader {
   }
 
   // A reply without a length runs until the peer closes, except those that never have a body
-  // (RFC 7230 section 3.3.3).
+  // (RFC 9112 section 6.3).
   static bool DelimitedByClose(int statusCode) {
     return statusCode >= 200 && statusCode != 204 && statusCode != 304;
   }
@@ -467,8 +604,10 @@ class Reader {
   Step ReadChunkSize() {
     Unread unread = UnreadBytes(parse_);
     int length = LineLength(unread);
-    if (length == -1) return unread.length > 1024 ? Step::Violation : Step::Wait;
-    if (length == -2) return Step::Violation;
+    // However the line arrives, it is refused when it outgrows 1 KiB with its CR LF.
+    constexpr int MaxChunkLine = 1024;
+    if (length == -1) return unread.length > MaxChunkLine ? Step::Violation : Step::Wait;
+    if (length == -2 || length + 2 > MaxChunkLine) return Step::Violation;
     long long size = 0;
     int digits = 0;
     for (; digits < length; ++digits) {
@@ -486,9 +625,10 @@ class Reader {
       size = size * 16 + value;
       if (size > parse_.MaxBodySize) return Step::Violation;
     }
-    // Chunk extensions after ";" are ignored (RFC 7230 section 4.1.1).
-    if (digits == 0 || (digits < length && unread.data[digits] != ';' &&
-                        unread.data[digits] != ' ' && unread.data[digits] != '\t')) {
+    // Extensions are read past but must be well formed: a stray byte, a bare CR or a blank
+    // where the grammar has none is where parsers part ways on the chunk's length (RFC 9112
+    // section 7.1.1).
+    if (digits == 0 || SkipParameters(unread.data, digits, length, false) != length) {
       return Step::Violation;
     }
     if (parse_.ContentReceived + size > parse_.MaxBodySize) return Step::Violation;

@@ -46,7 +46,7 @@ bool IsPolicyFileRequest(const Client::ParseData& parse);
 
 class RequestReader {
  public:
-  // Reads as many messages as the unread bytes hold (RFC 7230 sections 3 and 4.1).
+  // Reads as many messages as the unread bytes hold (RFC 9112 sections 2 to 7).
   // Server side (`serverSide`): each start line "METHOD target HTTP/1.1" opens a new Message in
   // `current`; its headers, cookies and body go into the message's Request. Client side: the
   // start line must be "HTTP/1.1 NNN reason" and `current` is the request in flight, whose
@@ -55,6 +55,15 @@ class RequestReader {
   // remain. `final`: the peer has closed, so a body delimited by closing
   // is complete. Appends events to `events`; consumed bytes advance parse.ReadPosition.
   // The message is left in `current` until its MessageComplete event; after it `current` is null.
+  //
+  // Anything that another recipient (a proxy in front of the server) could frame differently is
+  // a Violation rather than a guess: a field name that is not a token or has blanks before its
+  // colon, a control other than HTAB in a value, a target or a reason phrase, Transfer-Encoding
+  // together with Content-Length, a coding list that does not end in a single "chunked", a
+  // Content-Length that is not one plain number, two Host lines in a request, an upgrade request
+  // that declares a body, a malformed chunk-size line. A folded field line (obs-fold) is refused
+  // in a request; in a reply it is unfolded into one SP, as RFC 9112 section 5.2 asks of user
+  // agents. Trailer fields are checked and then dropped, never merged into the header section.
   static ReadOutcome Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
                           bool serverSide, bool final, std::vector<ReaderEvent>& events);
 };

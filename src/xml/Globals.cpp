@@ -2,6 +2,7 @@
 #include <veskan/Globals.h>
 
 #include "xml/GlobalsAccess.h"
+#include "xml/LifeCount.h"
 #include "xml/PlatformCleanup.h"
 #include "xml/xpath/XPathRuntime.h"
 
@@ -12,6 +13,7 @@
 #include <unicode/uclean.h>
 
 #include <iostream>
+#include <mutex>
 
 namespace Veskan {
 
@@ -23,6 +25,18 @@ std::shared_ptr<Detail::XPathEngine> Globals::xpathEngine;
 std::shared_ptr<xercesc::DOMImplementation> Globals::impl;
 std::shared_ptr<Detail::XPathMemoryManager> Globals::xpathMemoryManager;
 std::shared_ptr<RDF> Globals::rdf;
+
+namespace {
+
+// Serialises the count's changes between 0 and 1 with the start-up and shutdown they bring: a
+// thread sees the libraries either fully up or fully down. Never destroyed, since a Globals may
+// die during static destruction.
+std::mutex& Lifecycle() {
+  static std::mutex* const lifecycle = new std::mutex;
+  return *lifecycle;
+}
+
+}  // namespace
 
 namespace Detail {
 
@@ -67,13 +81,28 @@ const std::vector<ShutdownStep>& GlobalsAccess::ShutdownSteps() {
 
 }  // namespace Detail
 
-Globals::Globals()
-    : heldXPathEngine_(xpathEngine),
-      heldXPathConfiguration_(xpathConfiguration),
-      impl_(impl),
-      xpathMemoryManager_(xpathMemoryManager),
-      rdf_(rdf) {
-  if (initcount.fetch_add(1) + 1 == 1) StartUp();
+Globals::Globals() : impl_(impl), xpathMemoryManager_(xpathMemoryManager), rdf_(rdf) {
+  if (Detail::CountUpWhileHeld(initcount)) {
+    // Up, and kept up by the count just taken.
+    heldXPathEngine_ = xpathEngine;
+    heldXPathConfiguration_ = xpathConfiguration;
+    return;
+  }
+  std::lock_guard<std::mutex> lock(Lifecycle());
+  // Taken before start-up runs: empty in the object that starts the libraries.
+  heldXPathEngine_ = xpathEngine;
+  heldXPathConfiguration_ = xpathConfiguration;
+  if (initcount.load() == 0) {
+    // Started before counted, so that no thread counting up without the lock finds them half
+    // ready. A failing start-up still takes its count, as it always has.
+    try {
+      StartUp();
+    } catch (...) {
+      initcount.fetch_add(1);
+      throw;
+    }
+  }
+  initcount.fetch_add(1);
 }
 
 Globals::Globals(const Globals& other)
@@ -86,14 +115,11 @@ Globals::Globals(const Globals& other)
 
 Globals::~Globals() {
   reserved_.reset();
-  if (initcount.fetch_sub(1) == 1) {
-    if (Detail::PlatformCleanupRequested()) {
-      ShutDown();
-    } else {
-      // The last Globals died outside PlatformSpecificCleanup (during unloading, say), when
-      // tearing down is unsafe: the libraries stay up until the process ends.
-      initcount.fetch_add(1);
-    }
+  if (!Detail::CountDownWhileOthersHold(initcount)) {
+    std::lock_guard<std::mutex> lock(Lifecycle());
+    // The last Globals dying outside PlatformSpecificCleanup (during unloading, say), when
+    // tearing down is unsafe, keeps its count: the libraries stay up until the process ends.
+    if (Detail::CountDownLocked(initcount, !Detail::PlatformCleanupRequested())) ShutDown();
   }
   heldXPathConfiguration_.reset();
   heldXPathEngine_.reset();

@@ -5,29 +5,31 @@
 #include <veskan/Globals.h>
 #include <veskan/Helpers.h>
 
-#include <atomic>
-
 namespace Veskan {
 
 namespace {
 
-std::atomic<bool> platformCleanup{false};
+// Set only while PlatformSpecificCleanup destroys its object, and only for the thread that called
+// it: a Globals that another thread happens to destroy at the same time (an operation's own, a
+// document's) neither tears the libraries down under that thread's feet nor clears the flag that
+// another clean-up is relying on.
+thread_local bool platformCleanup = false;
 
 }  // namespace
 
 namespace Detail {
 
 bool PlatformCleanupRequested() {
-  return platformCleanup.load();
+  return platformCleanup;
 }
 
 }  // namespace Detail
 
 void Helpers::PlatformSpecificCleanup(void* object, bool cleanup) {
   Globals** slot = static_cast<Globals**>(object);
-  platformCleanup.store(cleanup);
+  platformCleanup = cleanup;
   if (slot) delete *slot;
-  platformCleanup.store(false);
+  platformCleanup = false;
   if (slot) {
     *slot = nullptr;
     delete slot;

@@ -1,5 +1,6 @@
-// The process-wide platform clean-up flag: set while Helpers::PlatformSpecificCleanup destroys a
-// Globals, and read by the Globals destructor to decide whether the last one really shuts down.
+// The platform clean-up flag: set while Helpers::PlatformSpecificCleanup destroys a Globals, for
+// the calling thread, and read by the Globals destructor to decide whether the last one really
+// shuts down.
 #ifndef VESKAN_XML_PLATFORMCLEANUP_H
 #define VESKAN_XML_PLATFORMCLEANUP_H
 

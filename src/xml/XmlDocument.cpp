@@ -6,8 +6,9 @@ namespace Veskan {
 XmlDocument::XmlDocument(xercesc::DOMDocument* document, xercesc::DOMLSParser* parser, bool owns)
     : document_(document), parser_(parser), owns_(owns) {}
 
+// A view takes a count of its own: Globals' copy constructor counts nothing.
 XmlDocument::XmlDocument(const XmlDocument& other)
-    : document_(other.document_), parser_(other.parser_), owns_(false) {}
+    : libraries_(), document_(other.document_), parser_(other.parser_), owns_(false) {}
 
 XmlDocument& XmlDocument::operator=(const XmlDocument& other) {
   if (&other == this) return *this;

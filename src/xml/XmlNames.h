@@ -1,4 +1,4 @@
-// Name matching shared by the XmlSchema sources.
+// Name matching and text reading shared by the XmlSchema sources.
 #ifndef VESKAN_XML_XMLNAMES_H
 #define VESKAN_XML_XMLNAMES_H
 
@@ -27,6 +27,12 @@ class NameResolver {
 // resolved through `namespaces` (by node name when the table lacks the prefix).
 xercesc::DOMAttr* AttributeThroughTable(const xercesc::DOMElement* element, const char16_t* name,
                                         const XPathVariables& namespaces);
+
+// The node's DOM text content: the text and CDATA below an element or an attribute, in document
+// order; the data of a text, CDATA, comment or processing-instruction node. Read without
+// allocating in the document's heap, as Xerces' getTextContent() does on every call (that memory
+// is only given back when the whole document is freed). A document gives the empty string.
+StringBuffer TextContent(const xercesc::DOMNode* node);
 
 }  // namespace Detail
 }  // namespace Veskan

@@ -3,9 +3,12 @@
 #include <veskan/XmlSchema.h>
 
 #include "xml/XmlNames.h"
+#include "xml/xpath/XPathValue.h"
 
 #include <xercesc/dom/DOMException.hpp>
 #include <xercesc/util/XMLChar.hpp>
+
+#include <string>
 
 namespace Veskan {
 
@@ -48,14 +51,27 @@ xercesc::DOMNode* Adopted(xercesc::DOMNode* parent, xercesc::DOMNode* child) {
   return document->importNode(child, true);
 }
 
-// Detaches every child. The nodes are not released: callers may still hold them, and the document
-// frees them with itself.
-void RemoveChildren(xercesc::DOMNode* node) {
+// Removes and frees every child: content that an operation replaces is gone for good. (A node that
+// is only detached stays in the document's heap until the document is freed, and its memory is
+// never used again.)
+void ReleaseChildren(xercesc::DOMNode* node) {
   while (xercesc::DOMNode* child = node->getFirstChild())
-    node->removeChild(child);
+    node->removeChild(child)->release();
 }
 
 }  // namespace
+
+namespace Detail {
+
+StringBuffer TextContent(const xercesc::DOMNode* node) {
+  if (!node || node->getNodeType() == xercesc::DOMNode::DOCUMENT_NODE) return StringBuffer();
+  // The XPath string-value of every node but a document is its DOM text content.
+  std::u16string text;
+  XPath::AppendStringValue(node, text);
+  return StringBuffer(text.data(), static_cast<int>(text.size()));
+}
+
+}  // namespace Detail
 
 StringBuffer XmlSchema::GetTextContent(const xercesc::DOMNode* node, const char16_t* fallback) {
   if (!node) return StringBuffer(fallback);
@@ -63,7 +79,7 @@ StringBuffer XmlSchema::GetTextContent(const xercesc::DOMNode* node, const char1
   if ((type == xercesc::DOMNode::ELEMENT_NODE || type == xercesc::DOMNode::DOCUMENT_NODE) &&
       !HasTextChild(node))
     return StringBuffer(fallback);
-  return StringBuffer(node->getTextContent());
+  return Detail::TextContent(node);
 }
 
 xercesc::DOMAttr* XmlSchema::GetAttributeNode(const xercesc::DOMElement* element,
@@ -107,6 +123,13 @@ xercesc::DOMAttr* XmlSchema::SetAttribute(xercesc::DOMElement* element, const ch
       element->setAttribute(SafeStringLiteral(name), SafeStringLiteral(value));
       return element->getAttributeNode(name);
     }
+    // Xerces' setAttributeNS looks a prefixed name up by the wrong local name: it would always
+    // make a new attribute and leave the old one detached, unfreed, in the document's heap.
+    xercesc::DOMAttr* existing = element->getAttributeNodeNS(uri, qualified.LocalName);
+    if (existing && StringBuffer(existing->getPrefix()) == qualified.Prefix) {
+      existing->setValue(SafeStringLiteral(value));
+      return existing;
+    }
     element->setAttributeNS(uri, SafeStringLiteral(name), SafeStringLiteral(value));
     return element->getAttributeNodeNS(uri, qualified.LocalName);
   } catch (const xercesc::DOMException& refused) {
@@ -135,6 +158,12 @@ XmlAttributeList XmlSchema::GetAttributes(const xercesc::DOMElement* element) {
 void XmlSchema::SetTextContent(xercesc::DOMNode* node, const char16_t* text) {
   if (!node) return;
   try {
+    if (node->getNodeType() == xercesc::DOMNode::ELEMENT_NODE) {
+      // Xerces' own setTextContent detaches the old children without freeing them.
+      ReleaseChildren(node);
+      node->appendChild(node->getOwnerDocument()->createTextNode(SafeStringLiteral(text)));
+      return;
+    }
     node->setTextContent(SafeStringLiteral(text));
   } catch (const xercesc::DOMException& refused) {
     LogRefusal("Veskan::XmlSchema::SetTextContent", refused);
@@ -152,7 +181,7 @@ xercesc::DOMCDATASection* XmlSchema::SetCDATA(xercesc::DOMElement* element, cons
   if (!element) return nullptr;
   xercesc::DOMCDATASection* section =
       element->getOwnerDocument()->createCDATASection(SafeStringLiteral(text));
-  RemoveChildren(element);
+  ReleaseChildren(element);
   element->appendChild(section);
   return section;
 }
@@ -233,10 +262,10 @@ xercesc::DOMNode* XmlSchema::RemoveChild(xercesc::DOMNode* node) {
 void XmlSchema::RemoveAllChildrenAndAttributes(xercesc::DOMElement* element) {
   if (!element) return;
   try {
-    RemoveChildren(element);
+    ReleaseChildren(element);
     xercesc::DOMNamedNodeMap* attributes = element->getAttributes();
     while (attributes && attributes->getLength() > 0)
-      element->removeAttributeNode(static_cast<xercesc::DOMAttr*>(attributes->item(0)));
+      element->removeAttributeNode(static_cast<xercesc::DOMAttr*>(attributes->item(0)))->release();
   } catch (const xercesc::DOMException& refused) {
     LogRefusal("Veskan::XmlSchema::RemoveAllChildrenAndAttributes", refused);
   }

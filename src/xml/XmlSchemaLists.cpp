@@ -91,7 +91,7 @@ void XmlSchema::SortElementsByTextContent(XmlElementList& elements, int directio
   std::vector<StringBuffer> keys;
   keys.reserve(static_cast<std::size_t>(elements.Count()));
   for (const xercesc::DOMElement* element : elements)
-    keys.push_back(element ? StringBuffer(element->getTextContent()) : StringBuffer());
+    keys.push_back(element ? Detail::TextContent(element) : StringBuffer());
   SortByKeys(elements, keys, direction);
 }
 

@@ -6,8 +6,14 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <cstring>
 #include <map>
+#include <new>
 #include <string>
+#include <thread>
+#include <utility>
+#include <vector>
 
 namespace Veskan {
 namespace {
@@ -17,6 +23,16 @@ void ExpectTerminated(const StringBuffer& text) {
   const char16_t* units = text.c_str();
   ASSERT_NE(units, nullptr);
   EXPECT_EQ(units[text.length()], 0);
+}
+
+// The object's own buffer ends in NUL, and c_str() hands out that buffer itself.
+void ExpectOwnBufferTerminated(const StringBuffer& text) {
+  const icu::UnicodeString& base = text;
+  ASSERT_FALSE(base.isBogus());
+  ASSERT_NE(base.getBuffer(), nullptr);
+  ASSERT_LT(base.length(), base.getCapacity());
+  EXPECT_EQ(base.getBuffer()[base.length()], 0);
+  EXPECT_EQ(text.c_str(), base.getBuffer());
 }
 
 TEST(StringBufferConstruction, NullPointersGiveTheEmptyString) {
@@ -74,11 +90,94 @@ TEST(StringBufferTermination, ConstructorsAndOperatorsKeepTheBufferTerminated) {
   EXPECT_EQ(narrowAssigned, u"n\u00E9");
 }
 
-TEST(StringBufferTermination, InheritedMutatorsAreTerminatedOnDemand) {
+TEST(StringBufferTermination, InheritedMutatorsAreReadWithoutWritingAndKeepTerminatedMendsThem) {
   StringBuffer text(u"abc");
   text.append(u"defghijklmnopqrstuvwxyz0123456789");  // icu::UnicodeString's own member
   ExpectTerminated(text);
   EXPECT_EQ(std::u16string(text.c_str()), u"abcdefghijklmnopqrstuvwxyz0123456789");
+
+  // truncate() leaves the old unit after the new end: c_str() gives a terminated copy and leaves
+  // the object as it is.
+  StringBuffer cut(u"abcdef");
+  cut.truncate(3);
+  const icu::UnicodeString& base = cut;
+  ASSERT_EQ(base.getBuffer()[3], u'd');
+  const char16_t* copy = cut.c_str();
+  EXPECT_EQ(std::u16string(copy), u"abc");
+  EXPECT_EQ(base.getBuffer()[3], u'd');
+  EXPECT_NE(copy, base.getBuffer());
+  EXPECT_EQ(cut.c_str(), copy);  // the same text: the same pointer
+  cut.append(u'x');
+  EXPECT_EQ(std::u16string(cut.c_str()), u"abcx");
+  cut.KeepTerminated();
+  ExpectOwnBufferTerminated(cut);
+  EXPECT_EQ(std::u16string(cut.c_str()), u"abcx");
+}
+
+// ICU's moves leave a short text without its NUL in the new object and a long one's old object
+// bogus. Both sides of a move end terminated, the old one empty.
+TEST(StringBufferTermination, MovesLeaveBothSidesTerminated) {
+  const std::u16string longText(300, u'y');
+  for (const std::u16string& text : {std::u16string(u"abc"), longText}) {
+    SCOPED_TRACE(text.size());
+    // Into storage full of non-zero bytes, so a missing NUL shows.
+    alignas(StringBuffer) unsigned char storage[sizeof(StringBuffer)];
+    std::memset(storage, 0xFF, sizeof storage);
+    StringBuffer source(text.c_str());
+    StringBuffer* moved = new (storage) StringBuffer(std::move(source));
+    ExpectOwnBufferTerminated(*moved);
+    EXPECT_EQ(std::u16string(moved->c_str()), text);
+    ExpectOwnBufferTerminated(source);
+    EXPECT_TRUE(source.isEmpty());
+    moved->~StringBuffer();
+
+    StringBuffer target(u"zzzzzzzzzzzzzzzz");
+    StringBuffer another(text.c_str());
+    target = std::move(another);
+    ExpectOwnBufferTerminated(target);
+    EXPECT_EQ(std::u16string(target.c_str()), text);
+    ExpectOwnBufferTerminated(another);
+    EXPECT_TRUE(another.isEmpty());
+
+    StringBuffer& self = target;
+    target = std::move(self);
+    EXPECT_EQ(std::u16string(target.c_str()), text);
+
+    icu::UnicodeString plain(text.c_str(), static_cast<int32_t>(text.size()));
+    const StringBuffer fromIcu(std::move(plain));
+    ExpectOwnBufferTerminated(fromIcu);
+    EXPECT_EQ(std::u16string(fromIcu.c_str()), text);
+  }
+}
+
+// Reads of one const object from many threads, c_str() included, write nothing: ThreadSanitizer
+// finds no race, whether the object was moved into or left unterminated by an inherited member.
+TEST(StringBufferThreads, ConcurrentReadsOfAConstObjectWriteNothing) {
+  StringBuffer shortSource(u"short");
+  StringBuffer longSource(std::u16string(100, u'l').c_str());
+  StringBuffer cut(u"unterminated text");
+  cut.truncate(12);
+  StringBuffer target(u"zzzzzzzzzzzzzzzz");
+  target = std::move(shortSource);
+  const StringBuffer movedLong(std::move(longSource));
+  const std::vector<std::pair<const StringBuffer*, std::u16string>> cases{
+      {&target, u"short"}, {&movedLong, std::u16string(100, u'l')}, {&cut, u"unterminated"}};
+  std::vector<std::thread> readers;
+  std::atomic<int> wrong{0};
+  for (int thread = 0; thread < 4; ++thread) {
+    readers.emplace_back([&] {
+      for (int round = 0; round < 2000; ++round) {
+        for (const auto& [object, text] : cases) {
+          const char16_t* units = object->c_str();
+          if (std::u16string(units) != text || static_cast<const char16_t*>(*object) != units)
+            ++wrong;
+        }
+      }
+    });
+  }
+  for (std::thread& reader : readers)
+    reader.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 TEST(StringBufferComparison, EqualityIsExactAndNullIsEmpty) {

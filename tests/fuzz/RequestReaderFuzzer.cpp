@@ -12,7 +12,9 @@
 //             second byte, byte by byte, or all at once.
 // The same bytes are also read all at once, and both reads must tell the same story: the same
 // events, messages and outcome. After every read the parse state must be consistent and within
-// its limits.
+// its limits, and every header field the reader kept must be one that reads back the same: a
+// token for a name, no control but HTAB in a value, no blank or control in a request target.
+#include "net/HttpText.h"
 #include "net/RequestReader.h"
 
 #include <veskan/Body.h>
@@ -173,9 +175,12 @@ class Feeder {
         case ReaderEvent::Kind::ContinueExpected:
           Fuzzing::Require(options_.serverSide && event.Subject == subject_);
           break;
-        case ReaderEvent::Kind::UpgradeRequested:
+        case ReaderEvent::Kind::UpgradeRequested: {
           Fuzzing::Require(options_.serverSide && event.Subject->Method == Methods::GET);
+          auto lock = event.Subject->Lock();
+          RequireWritable(*event.Subject, *event.Subject->Request);
           break;
+        }
         case ReaderEvent::Kind::MessageComplete: {
           Fuzzing::Require(event.Subject == subject_);
           Fuzzing::Require(event.Value >= 0 && event.Value <= parse_.MaxBodySize);
@@ -186,6 +191,7 @@ class Feeder {
           Fuzzing::Require(event.Value == 0
                                ? body->Content == nullptr
                                : body->Content && body->Content->Size() == event.Value);
+          RequireWritable(*event.Subject, *body);
           if (!options_.serverSide) {
             Fuzzing::Require(event.Subject == inFlight_.front());
             inFlight_.pop_front();
@@ -197,6 +203,14 @@ class Feeder {
       }
     }
     return replied;
+  }
+
+  static void RequireWritable(const Message& message, const Body& body) {
+    for (const Header& header : body.Headers)
+      Fuzzing::Require(Detail::IsWritableField(header.Name, header.Value));
+    const StringBuffer& target = message.Url->Text;
+    for (int i = 0; i < target.length(); ++i)
+      Fuzzing::Require(target.charAt(i) > 0x20 && target.charAt(i) != 0x7F);
   }
 
   Options options_;

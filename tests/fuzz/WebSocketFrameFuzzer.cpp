@@ -3,7 +3,8 @@
 // The first byte chooses the protocol version and how the rest is divided into reads. The bytes
 // are read once whole and once in pieces: the messages, the bytes sent back and whether the
 // connection is open must not depend on how the transport divided them. Messages never exceed
-// the limit.
+// the limit, and the only bytes a reader sends back are one closing frame (hybi-17: with 1002 for
+// a malformed frame or 1009 for one above the limit, delivered or skipped).
 #include "net/websocket/WebSocketSupport.h"
 
 #include "FuzzInput.h"
@@ -87,6 +88,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   // Once closed, a reader takes nothing more: a difference can only come before that point, so
   // the outcomes must agree whole.
   Veskan::Fuzzing::Require(whole == pieces);
+  if (hybi00) {
+    Veskan::Fuzzing::Require(whole.wire.empty() || whole.wire == std::string("\xff\x00", 2));
+  } else {
+    Veskan::Fuzzing::Require(whole.wire.empty() ||
+                             whole.wire == std::string("\x88\x02\x03\xea", 4) ||
+                             whole.wire == std::string("\x88\x02\x03\xf1", 4));
+  }
+  Veskan::Fuzzing::Require(whole.wire.empty() == whole.open);
 
   // The same bytes as an upgrade request must never crash, and a refused one answers nothing.
   WebSocketSupport handshake(Limit);

@@ -1,9 +1,12 @@
 // Header and Header::Collection: lookups, changes and printing the block.
 #include <veskan/Header.h>
 
+#include <veskan/Logger.h>
+
 #include <gtest/gtest.h>
 
 #include <string>
+#include <vector>
 
 namespace Veskan {
 namespace {
@@ -83,17 +86,44 @@ TEST(HeaderCollectionTest, CopyAppendsAndCopyingOntoItselfDoubles) {
   EXPECT_EQ(copy.Count(), 6);
 }
 
-TEST(HeaderCollectionWriteTest, PrintsLinesAndTheEmptyLine) {
-  Header::Collection headers;
-  headers[u"A"] = u"1";
-  headers[u"B"] = u"2";
-  ByteBuffer buffer;
-  EXPECT_EQ(headers.Write(buffer, 0, true), 14);
-  EXPECT_EQ(Bytes(buffer), "A: 1\r\nB: 2\r\n\r\n");
-
+TEST(HeaderCollectionWriteTest, PrintsLinesAndTheEmptyLineLeavingOutThoseThatWouldSplitIt) {
   ByteBuffer empty;
   EXPECT_EQ(Header::Collection().Write(empty, 0, true), 2);
   EXPECT_EQ(Bytes(empty), "\r\n");
+
+  std::vector<std::string> warnings;
+  const Logger::Severity::Enumeration threshold = Logger::Threshold();
+  Logger::SetThreshold(Logger::Severity::Warning);
+  Logger::Sink previous =
+      Logger::SetSink([&warnings](Logger::Severity::Enumeration severity, const char* text, int) {
+        if (severity == Logger::Severity::Warning) warnings.push_back(text);
+      });
+  Header::Collection headers;
+  headers.Add(Header(u"A", u"1"));
+  headers.Add(Header(u"X-Split", u"1\r\nSet-Cookie: admin=1"));
+  headers.Add(Header(u"X-Lf", u"1\n\r\n<html>"));
+  headers.Add(Header(u"X-Nul", StringBuffer(u"1\0", 2)));
+  headers.Add(Header(u"X-Del", u"\u007F"));
+  headers.Add(Header(u"X-Lone", StringBuffer(u"a\xDC00", 2)));  // no UTF-8 form
+  headers.Add(Header(u"X-Pair", u"\U0001F600"));
+  headers.Add(Header(u"Bad Name", u"1"));
+  headers.Add(Header(u"Bad:Name", u"1"));
+  headers.Add(Header(u"\u010A", u"1"));  // its low byte is LF
+  headers.Add(Header(u"", u"1"));
+  headers.Add(Header(u"!#$%&'*+-.^_`|~", u"\ttab and caf\u00E9\t"));
+  ByteBuffer buffer;
+  EXPECT_EQ(headers.Write(buffer, 0, true), 56);
+  EXPECT_EQ(Bytes(buffer),
+            "A: 1\r\nX-Pair: \xF0\x9F\x98\x80\r\n!#$%&'*+-.^_`|~: \ttab and caf\xC3\xA9\t\r\n\r\n");
+  Logger::SetSink(previous);
+  Logger::SetThreshold(threshold);
+  const std::string dropped =
+      "Veskan::Header::Collection::Write header dropped, its name is no token or its value holds "
+      "a control character or an unpaired surrogate, name: ";
+  EXPECT_EQ(warnings,
+            (std::vector<std::string>{dropped + "X-Split", dropped + "X-Lf", dropped + "X-Nul",
+                                      dropped + "X-Del", dropped + "X-Lone", dropped + "Bad Name",
+                                      dropped + "Bad:Name", dropped + "\xC4\x8A", dropped}));
 }
 
 TEST(HeaderCollectionWriteTest, WritesUtf8AtAnOffsetAndKeepsWhatWasBefore) {

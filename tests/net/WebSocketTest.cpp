@@ -138,6 +138,9 @@ TEST(WebSocketHandshakeTest, RefusesWrongValues) {
   EXPECT_TRUE(refused(request, " HTTP/1.1\r\n", " HTTP/1.0\r\n"));
   EXPECT_TRUE(refused(request, "GET ", "POST "));
   EXPECT_TRUE(refused(request, "Host: ", "Host "));  // a line without a colon
+  // A control in a value (the hybi-00 answer echoes Origin and Host) refuses the request.
+  EXPECT_TRUE(refused(Hybi00Request, "example.com\r\nC", "example.com\rSet-Cookie: a=b\r\nC"));
+  EXPECT_TRUE(refused(Hybi00Request, "Origin: http://example.com", "Origin: http://a\x01"));
   // Names and the token lists compare without regard to case.
   EXPECT_FALSE(refused(request, "Upgrade: websocket", "upgrade: WebSocket"));
   EXPECT_FALSE(refused(request, "keep-alive, Upgrade", "upgrade"));
@@ -251,27 +254,48 @@ TEST(WebSocketFramesTest, FramesNotActedOnAreSkippedWhole) {
   EXPECT_TRUE(support.IsOpen());
 }
 
-TEST(WebSocketFramesTest, AMessageAboveTheLimitClosesWithCode1009) {
-  WebSocketSupport support(100);
-  Upgraded17(support);
+TEST(WebSocketFramesTest, RefusedFramesCloseWithTheirCodeAtEverySplitPoint) {
+  // With a limit of 200 bytes, between a message before and one after: the one before is
+  // delivered, the closing frame is sent once, nothing after it is read.
+  const std::string protocolError("\x88\x02\x03\xea", 4);  // 1002
+  const std::string tooBig("\x88\x02\x03\xf1", 4);         // 1009
+  const std::string big(201, '\x81');
+  struct Case {
+    const char* name;
+    std::string frame;
+    std::string wire;
+  };
+  const Case cases[] = {
+      {"text above the limit", Text(0x81, big), tooBig},
+      // Frames that are skipped are held to the limit as well.
+      {"binary above the limit", ClientFrame(0x82, big), tooBig},
+      {"continuation above the limit", ClientFrame(0x80, big), tooBig},
+      {"unmasked text above the limit", ClientFrame(0x81, big, false), tooBig},
+      {"a length with the top bit set",
+       std::string("\x81\xff\x80\0\0\0\0\0\0\0\x01\x02\x03\x04", 14), protocolError},
+      // Control frames carry at most 125 bytes and are never fragmented (RFC 6455 5.5).
+      {"ping of 126 bytes", ClientFrame(0x89, std::string(126, 'p')), protocolError},
+      {"close of 126 bytes", ClientFrame(0x88, std::string(126, 'c')), protocolError},
+      {"pong without FIN", ClientFrame(0x0A, "p"), protocolError},
+      {"close without FIN", ClientFrame(0x08, ""), protocolError},
+      {"reserved control opcode without FIN", ClientFrame(0x0B, ""), protocolError},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string stream = Text(0x81, "fits") + c.frame + Text(0x81, "late");
+    for (std::size_t at = 0; at <= stream.size(); ++at) {
+      WebSocketSupport support(200);
+      Fed fed = FeedSplit(Upgraded17(support), stream, at);
+      ASSERT_EQ(" [fits]", MessagesOf(fed)) << "split at " << at;
+      ASSERT_FALSE(support.IsOpen()) << "split at " << at;
+      ASSERT_EQ(c.wire, fed.wire) << "split at " << at;
+    }
+  }
+  WebSocketSupport support(200);
   Fed fed;
-  Feed(support, Text(0x81, "fits") + Text(0x81, std::string(101, 'x')), fed);
-  EXPECT_EQ(Lines({"WEBSOCKETMESSAGE [fits]"}), fed.events);  // what came before is kept
-  EXPECT_FALSE(support.IsOpen());
-  EXPECT_EQ(std::string("\x88\x02\x03\xf1", 4), fed.wire);
-  fed.events.clear();
+  Feed(Upgraded17(support), Text(0x81, big), fed);
   Feed(support, Text(0x81, "late"), fed);
   EXPECT_EQ(WebSocketSupport::NothingToDeliver, fed.lastResult);
-  EXPECT_TRUE(fed.events.empty());
-}
-
-TEST(WebSocketFramesTest, ALengthWithTheTopBitSetClosesWithCode1002) {
-  WebSocketSupport support(Limit);
-  Upgraded17(support);
-  Fed fed;
-  Feed(support, std::string("\x81\xff\x80\0\0\0\0\0\0\0\x01\x02\x03\x04", 14), fed);
-  EXPECT_FALSE(support.IsOpen());
-  EXPECT_EQ(std::string("\x88\x02\x03\xea", 4), fed.wire);
 }
 
 TEST(WebSocketFramesTest, ReadingAfterCloseGivesClosed) {
@@ -347,27 +371,26 @@ TEST(WebSocketHybi00Test, ReadsSentinelFramesAtEverySplitPoint) {
   }
 }
 
-TEST(WebSocketHybi00Test, TheClosingFrameAndUnknownTypesClose) {
-  for (const std::string& closing : {std::string("\xff\x00", 2), std::string("\x80\x01", 2)}) {
-    WebSocketSupport support(Limit);
-    Upgraded00(support);
-    Fed fed;
-    Feed(support, std::string("\x00hi\xff", 4) + closing, fed);
-    EXPECT_EQ(Lines({"WEBSOCKETMESSAGE [hi]"}), fed.events);
-    EXPECT_FALSE(support.IsOpen());
-    EXPECT_EQ(std::string("\xff\x00", 2), fed.wire);  // answered with our own closing frame
+TEST(WebSocketHybi00Test, ClosingFramesUnknownTypesAndFramesAboveTheLimitClose) {
+  // With a limit of 64 bytes, behind a message that is delivered.
+  const std::string closing[] = {
+      std::string("\xff\x00", 2),
+      std::string("\x80\x01", 2),
+      std::string("\x00", 1) + std::string(65, 'a'),           // an unending text frame
+      std::string("\x05", 1) + std::string(65, 'a') + "\xff",  // a skipped text frame
+      std::string("\xff\x81\x00", 3) + std::string(128, 's'),  // a skipped length frame
+      std::string("\xff\x80\x81\x81", 4),                      // a length growing past the limit
+  };
+  for (const std::string& frame : closing) {
+    const std::string stream = std::string("\x00hi\xff", 4) + frame;
+    for (std::size_t at = 0; at <= stream.size(); ++at) {
+      WebSocketSupport support(64);
+      Fed fed = FeedSplit(Upgraded00(support), stream, at);
+      ASSERT_EQ(" [hi]", MessagesOf(fed)) << "split at " << at << " of " << frame.size();
+      ASSERT_FALSE(support.IsOpen()) << "split at " << at << " of " << frame.size();
+      ASSERT_EQ(std::string("\xff\x00", 2), fed.wire);  // answered with our own closing frame
+    }
   }
-}
-
-TEST(WebSocketHybi00Test, AnUnendingTextFrameStopsAtTheLimit) {
-  WebSocketSupport support(64);
-  Upgraded00(support);
-  Fed fed;
-  Feed(support, std::string("\x00", 1) + std::string(40, 'a'), fed);
-  EXPECT_TRUE(support.IsOpen());
-  Feed(support, std::string(40, 'a'), fed);
-  EXPECT_FALSE(support.IsOpen());
-  EXPECT_TRUE(fed.events.empty());
 }
 
 TEST(WebSocketHybi00Test, WritesSentinelFrames) {

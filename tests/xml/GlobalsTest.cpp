@@ -13,9 +13,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <new>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace Veskan {
@@ -173,6 +175,93 @@ TEST_F(GlobalsTest, AnXmlOperationWithoutAHostObjectStartsTheLibraries) {
   EXPECT_TRUE(EverythingUp());
 }
 
+const char16_t QuizText[] =
+    u"<quiz xmlns:xml=\"http://www.w3.org/XML/1998/namespace\">"
+    u"<question xml:id=\"q1\">\u00e9t\u00e9</question></quiz>";
+
+// The quiz printed once on this thread alone; everything is down again afterwards.
+StringBuffer PrintedQuiz() {
+  const StringBuffer printed = XmlSchema::PrintDoc(XmlSchema::NewDoc(QuizText), true);
+  ShutEverythingDown();
+  return printed;
+}
+
+// Parses, queries and prints the quiz as a worker thread would: true when everything came out
+// right. The operations and the document hold the libraries for as long as they need them.
+bool UseTheQuiz(const StringBuffer& expected) {
+  const std::shared_ptr<XmlDocument> doc = XmlSchema::NewDoc(QuizText);
+  xercesc::DOMElement* question = XmlSchema::FirstChildElement(XmlSchema::DocumentElement(doc));
+  return question && XmlSchema::GetElementById(doc, u"q1") == question &&
+         XmlSchema::GetTextContent(question) == u"\u00e9t\u00e9" &&
+         XmlSchema::PrintDoc(doc, true) == expected;
+}
+
+// Runs `body(thread, round)` on `threads` threads for `rounds` rounds each, all at once.
+template <typename Body>
+void OnThreads(int threads, int rounds, const Body& body) {
+  std::vector<std::thread> running;
+  for (int thread = 0; thread < threads; ++thread) {
+    running.emplace_back([&body, thread, rounds] {
+      for (int round = 0; round < rounds; ++round)
+        body(thread, round);
+    });
+  }
+  for (std::thread& thread : running)
+    thread.join();
+}
+
+// Every thread works inside a Globals of its own that it gives up through the clean-up, as a host
+// does: whoever lets go while no other thread holds one tears everything down, and the next one
+// starts it all afresh, while the others parse and print.
+TEST_F(GlobalsTest, ThreadsStartingAndStoppingTheLibrariesWhileOthersUseThem) {
+  const StringBuffer expected = PrintedQuiz();
+  ASSERT_NE(expected.indexOf(u"<question xml:id=\"q1\">\u00e9t\u00e9</question>"), -1);
+  ASSERT_TRUE(EverythingDown());
+  std::atomic<int> wrong{0};
+  std::atomic<int> teardowns{0};
+  OnThreads(4, 150, [&](int, int) {
+    Globals** host = NewSlot();
+    if (!GlobalsAccess::Implementation() || !GlobalsAccess::Engine() || !RDF::world) ++wrong;
+    if (!UseTheQuiz(expected)) ++wrong;
+    Helpers::PlatformSpecificCleanup(host, true);
+    if (GlobalsAccess::InitCount() == 0) ++teardowns;
+  });
+  EXPECT_EQ(wrong.load(), 0);
+  RecordProperty("teardowns", teardowns.load());
+  // The last thread to let go tore everything down.
+  EXPECT_EQ(GlobalsAccess::InitCount(), 0);
+  EXPECT_TRUE(EverythingDown());
+}
+
+// Workers seal content with no Globals of their own from a process where nothing is up yet,
+// while host threads hold Globals around their work or let one go through the clean-up.
+TEST_F(GlobalsTest, WorkersWithoutAGlobalsBesideHostsStartingAndStopping) {
+  const StringBuffer expected = PrintedQuiz();
+  ASSERT_TRUE(EverythingDown());
+  std::atomic<int> wrong{0};
+  OnThreads(4, 150, [&](int thread, int round) {
+    switch ((thread + round) % 4) {
+      case 0:
+        Helpers::PlatformSpecificCleanup(NewSlot(), true);
+        break;
+      case 1: {
+        Globals host;
+        if (!GlobalsAccess::Implementation() || !RDF::world) ++wrong;
+        if (!UseTheQuiz(expected)) ++wrong;
+        break;
+      }
+      default:
+        if (!UseTheQuiz(expected)) ++wrong;
+        break;
+    }
+  });
+  EXPECT_EQ(wrong.load(), 0);
+  // A Globals that went last outside the clean-up left everything up at the count of 1; a
+  // clean-up that went last took everything down.
+  const std::int32_t count = GlobalsAccess::InitCount();
+  EXPECT_TRUE((count == 1 && EverythingUp()) || (count == 0 && EverythingDown())) << count;
+}
+
 TEST_F(GlobalsTest, EachShutdownStepReleasesWhatItsLineNames) {
   struct Expected {
     std::string line;
@@ -253,6 +342,26 @@ TEST(RdfTest, TheFirstObjectCreatesTheWorldAndTheLastFreesIt) {
     }
     EXPECT_EQ(RDF::world, world);
   }
+  EXPECT_EQ(RdfCount::Get(), 0);
+  EXPECT_EQ(RDF::world, nullptr);
+}
+
+TEST(RdfTest, ThreadsCreatingAndFreeingTheWorldAtOnceFindItWhole) {
+  ShutEverythingDown();
+  ASSERT_EQ(RdfCount::Get(), 0);
+  std::atomic<int> missing{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 4; ++thread) {
+    threads.emplace_back([&missing] {
+      for (int round = 0; round < 300; ++round) {
+        RDF rdf;
+        if (!RDF::world) ++missing;
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(missing.load(), 0);
   EXPECT_EQ(RdfCount::Get(), 0);
   EXPECT_EQ(RDF::world, nullptr);
 }

@@ -96,6 +96,28 @@ TEST(XmlAttributeTest, SetGetAndReplace) {
   EXPECT_EQ(XmlSchema::GetAttributes(a).Count(), 7);
 }
 
+TEST(XmlAttributeTest, SettingAPrefixedAttributeAgainChangesTheSameAttribute) {
+  const auto doc = XmlSchema::NewDoc(
+      u"<a xmlns:v=\"http://www.calvorco.com/2008/veskan/\" "
+      u"xmlns:w=\"http://www.calvorco.com/2008/veskan/\" v:points=\"3\"/>");
+  xercesc::DOMElement* a = XmlSchema::DocumentElement(doc);
+  xercesc::DOMAttr* points = XmlSchema::GetAttributeNode(a, u"points", Namespaces::Uri::Veskan);
+  ASSERT_NE(points, nullptr);
+  EXPECT_EQ(XmlSchema::SetAttribute(a, u"v:points", u"4"), points);
+  EXPECT_EQ(XmlSchema::SetAttribute(a, u"v:points", u"5", Namespaces::Uri::Veskan), points);
+  EXPECT_EQ(XmlSchema::GetAttribute(a, u"points", Namespaces::Uri::Veskan), u"5");
+  EXPECT_EQ(points->getOwnerElement(), a);
+  // Another prefix for the same namespace renames the attribute, as the DOM's setAttributeNS does
+  // (with a new node: the old one is left detached).
+  xercesc::DOMAttr* renamed = XmlSchema::SetAttribute(a, u"w:points", u"6");
+  ASSERT_NE(renamed, nullptr);
+  EXPECT_EQ(StringBuffer(renamed->getName()), u"w:points");
+  EXPECT_EQ(Markup(a),
+            u"<a xmlns:w=\"http://www.calvorco.com/2008/veskan/\" w:points=\"6\" "
+            u"xmlns:v=\"http://www.calvorco.com/2008/veskan/\"/>");
+  EXPECT_EQ(XmlSchema::GetAttributes(a).Count(), 3);
+}
+
 TEST(XmlAttributeTest, RefusedNamesAndNullElementsGiveNull) {
   const auto doc = XmlSchema::NewDoc(u"<a/>");
   xercesc::DOMElement* a = XmlSchema::DocumentElement(doc);
@@ -118,8 +140,33 @@ TEST(XmlAttributeTest, TheListFormSetsEveryElement) {
   EXPECT_EQ(Markup(XmlSchema::DocumentElement(doc)), u"<a><b seen=\"yes\"/><c seen=\"yes\"/></a>");
 }
 
+TEST(XmlTextTest, TextContentLeavesOutCommentsAndInstructionsAndReadsAnyDepth) {
+  const auto doc = XmlSchema::NewDoc(
+      u"<a>one<!-- comment --><?pi data?><b>two<![CDATA[<three>]]></b><c/>four</a>");
+  xercesc::DOMElement* a = XmlSchema::DocumentElement(doc);
+  EXPECT_EQ(XmlSchema::GetTextContent(a), u"onetwo<three>four");
+  EXPECT_EQ(XmlSchema::GetTextContent(XmlSchema::FirstChild(a)->getNextSibling()), u" comment ");
+
+  // An attribute whose value is several text nodes, as the DOM lets a program build it.
+  xercesc::DOMAttr* split = XmlSchema::SetAttribute(a, u"split", u"left");
+  split->appendChild(doc->DocumentNode()->createTextNode(u"+right"));
+  EXPECT_EQ(XmlSchema::GetAttribute(a, u"split"), u"left+right");
+
+  // Far deeper than any stack would take one call per level.
+  xercesc::DOMElement* deepest = XmlSchema::FindElement(a, u"c", nullptr);
+  for (int level = 0; level < 100000; ++level)
+    deepest = XmlSchema::InsertNewElement(deepest, u"d", nullptr);
+  XmlSchema::CreateText(deepest, u"!");
+  EXPECT_EQ(XmlSchema::GetTextContent(XmlSchema::FindElement(a, u"c", nullptr), u"none"), u"none");
+  XmlElementList outer{};
+  outer.Add(XmlSchema::FindElement(a, u"c", nullptr));
+  XmlSchema::SortElementsByTextContent(outer);
+  EXPECT_EQ(XmlSchema::GetTextContent(a), u"onetwo<three>!four");
+}
+
 TEST(XmlTextTest, SetTextContentAndCreateText) {
-  const auto doc = XmlSchema::NewDoc(u"<a><old/>gone</a>");
+  // The old content, elements and all, is freed: only the new text remains.
+  const auto doc = XmlSchema::NewDoc(u"<a><old><older/></old>gone<!--c--></a>");
   xercesc::DOMElement* a = XmlSchema::DocumentElement(doc);
   XmlSchema::SetTextContent(a, u"6 < 7 & 8");
   EXPECT_EQ(Markup(a), u"<a>6 &lt; 7 &amp; 8</a>");

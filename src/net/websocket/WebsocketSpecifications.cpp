@@ -78,6 +78,12 @@ int ParseUpgradeRequest(const char* data, std::size_t length, UpgradeRequest& re
     const char* line = data + at;
     std::size_t lineLength = end - 1 - at;
     at = end + 1;
+    // Values are echoed into the hybi-00 answer: a control in one (a bare CR among them) could
+    // add lines to it.
+    for (std::size_t i = 0; i < lineLength; ++i) {
+      unsigned char c = static_cast<unsigned char>(line[i]);
+      if ((c < 0x20 && c != '\t') || c == 0x7f) return 0;
+    }
     if (first) {
       static constexpr char prefix[] = "GET ";
       static constexpr char suffix[] = " HTTP/1.1";
@@ -255,8 +261,14 @@ int hybi_17::ReadFrames(const char* data, std::uint64_t length, std::vector<std:
         payloadLength_ = lengthCode;
       }
       if (masked) std::memcpy(mask_, header + next, 4);
-      deliver_ = masked && (header[0] & 0x01) != 0 && (header[0] & 0x08) == 0;
-      if (deliver_ && payloadLength_ > maxMessageBytes_) return Fail(1009, wire);
+      // Control frames (opcodes 0x8 to 0xF) are never fragmented and carry at most 125 bytes
+      // (RFC 6455 section 5.5).
+      bool control = (header[0] & 0x08) != 0;
+      if (control && ((header[0] & 0x80) == 0 || payloadLength_ > 125)) return Fail(1002, wire);
+      // Skipped frames are held to the limit as well: a frame that announces more than any
+      // message may hold is refused at once rather than read past for as long as it lasts.
+      if (payloadLength_ > maxMessageBytes_) return Fail(1009, wire);
+      deliver_ = masked && (header[0] & 0x01) != 0 && !control;
       header_.clear();
       payloadReceived_ = 0;
       atFrameStart_ = false;
@@ -363,6 +375,7 @@ int hybi_00::ReadFrames(const char* data, std::uint64_t length, std::vector<std:
         if ((type & 0x80) == 0) {  // runs to 0xFF; only type 0x00 carries text
           state_ = State::Text;
           deliver_ = type == 0x00;
+          textBytes_ = 0;
         } else if (type == 0xFF) {
           state_ = State::Length;
           skipRemaining_ = 0;
@@ -377,14 +390,14 @@ int hybi_00::ReadFrames(const char* data, std::uint64_t length, std::vector<std:
         std::uint64_t end =
             found == nullptr ? length
                              : static_cast<std::uint64_t>(static_cast<const char*>(found) - data);
-        if (deliver_) {
-          if (message_.size() + (end - at) > maxMessageBytes_) {
-            message_.clear();
-            Close(0, wire);
-            return Closed;
-          }
-          message_.append(data + at, static_cast<std::size_t>(end - at));
+        // Text frames that are not delivered are held to the limit too.
+        textBytes_ += end - at;
+        if (textBytes_ > maxMessageBytes_) {
+          message_.clear();
+          Close(0, wire);
+          return Closed;
         }
+        if (deliver_) message_.append(data + at, static_cast<std::size_t>(end - at));
         at = end;
         if (found != nullptr) {
           ++at;
@@ -404,6 +417,11 @@ int hybi_00::ReadFrames(const char* data, std::uint64_t length, std::vector<std:
           return Closed;
         }
         skipRemaining_ = (skipRemaining_ << 7) | (digit & 0x7f);
+        // The length only grows with each digit: above the limit it can close at once.
+        if (skipRemaining_ > maxMessageBytes_) {
+          Close(0, wire);
+          return Closed;
+        }
         if ((digit & 0x80) == 0) {
           if (skipRemaining_ == 0) {  // 0xFF 0x00: the closing frame
             Close(0, wire);

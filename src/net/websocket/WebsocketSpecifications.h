@@ -93,7 +93,9 @@ class Specification {
 
 // RFC 6455 framing. Client frames must be masked; only text frames (first byte with 0x01 set and
 // 0x08 clear) are delivered, one message per frame. Close, ping, pong, binary and continuation
-// frames, and unmasked frames, are skipped whole without being acted on.
+// frames, and unmasked frames, are skipped whole without being acted on. Every frame, skipped or
+// not, above the message limit closes with 1009; a control frame (opcode 0x8 to 0xF) with more
+// than 125 bytes or with FIN clear closes with 1002 (RFC 6455 section 5.5).
 class hybi_17 : public Specification {
  public:
   using Specification::Specification;
@@ -127,7 +129,8 @@ class hybi_17 : public Specification {
 };
 
 // hybi-00 framing: 0x00, UTF-8 text, 0xFF; 0xFF followed by a base-128 length (skipped), where
-// length 0 is the closing frame.
+// length 0 is the closing frame. A frame of either kind, delivered or skipped, above the message
+// limit closes.
 class hybi_00 : public Specification {
  public:
   using Specification::Specification;
@@ -146,6 +149,7 @@ class hybi_00 : public Specification {
   State state_ = State::FrameStart;
   bool deliver_ = false;  // the text frame began with 0x00
   std::string message_;
+  std::uint64_t textBytes_ = 0;  // of the sentinel-delimited frame being read
   std::uint64_t skipRemaining_ = 0;
 };
 

@@ -102,6 +102,9 @@ void AppendStringValue(const DOMNode* node, std::u16string& out) {
     case DOMNode::DOCUMENT_NODE:
     case DOMNode::DOCUMENT_FRAGMENT_NODE:
     case DOMNode::ENTITY_REFERENCE_NODE:
+    // An attribute's value is its text children: read here, since Xerces' getValue() copies a
+    // value of several children into the document's heap.
+    case DOMNode::ATTRIBUTE_NODE:
       AppendDescendantText(node, out);
       break;
     case DOMNode::TEXT_NODE:
@@ -109,7 +112,6 @@ void AppendStringValue(const DOMNode* node, std::u16string& out) {
     case DOMNode::COMMENT_NODE:
       AppendCharacterData(node, out);
       break;
-    case DOMNode::ATTRIBUTE_NODE:
     case DOMNode::PROCESSING_INSTRUCTION_NODE:
       AppendText(node->getNodeValue(), out);
       break;
