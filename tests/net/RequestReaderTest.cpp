@@ -980,6 +980,16 @@ const std::string DroppedCookie =
     "Veskan::Cookie::Collection::Write cookie dropped, a control character or an unpaired "
     "surrogate in its name or value, name: ";
 
+// What a formatted message puts on the wire: its head, then its body.
+std::string WireBytes(const Detail::WireMessage& wire) {
+  std::string bytes(wire.head.begin(), wire.head.end());
+  if (wire.body) {
+    bytes.append(reinterpret_cast<const char*>(wire.body->Data()),
+                 static_cast<std::size_t>(wire.body->Size()));
+  }
+  return bytes;
+}
+
 TEST(ReplyWriterTest, NeverWritesAHeaderOrCookieThatWouldSplitTheReply) {
   std::shared_ptr<Message> message = Message::New();
   message->Open(Methods::GET, u"/w");
@@ -1000,14 +1010,13 @@ TEST(ReplyWriterTest, NeverWritesAHeaderOrCookieThatWouldSplitTheReply) {
   message->Reply->Content = std::make_shared<Content>(u"body");
 
   Warnings warnings;
-  std::vector<char> out;
-  Detail::FormatReply(*message, false, out);
+  std::string out = WireBytes(Detail::FormatReply(*message, false));
   // Nothing of the dropped fields arrives; no chunked framing contradicts the length.
   EXPECT_EQ(Lines({"headers 4", "message 4 close", "  GET /r0 500",
                    "  header X-Ok: a\\x09b \\xC3\\xA9", "  header Content-Type: text/plain",
                    "  header Content-Length: 4", "  header Connection: close", "  cookie good=1",
                    "  content \"body\"", "outcome NeedMore"}),
-            ReadEveryWay(std::string(out.begin(), out.end()), ClientSide(1)));
+            ReadEveryWay(out, ClientSide(1)));
   EXPECT_EQ((std::vector<std::string>{
                 "Veskan::Daemon::ProcessOut status code out of range, sent as 500: 42",
                 DroppedHeader + "X-Split", DroppedHeader + "X-Lf", DroppedHeader + "X-Nul",
@@ -1026,11 +1035,10 @@ TEST(ReplyWriterTest, KeepsTheRequestLineOneLineAndDropsSplittingHeaders) {
   message->Request->Cookies[u"evil\n"]->Value = u"1";
 
   Warnings warnings;
-  std::vector<char> out;
-  Detail::FormatRequest(*message, out);
+  std::string out = WireBytes(Detail::FormatRequest(*message));
   EXPECT_EQ(Lines({"headers 0", "message 0 close", "  POST /a%20b%0D%0AX:%20y?q=\\xC3\\xA9",
                    "  header Host: h", "  cookie good=1", "outcome Stop"}),
-            ReadEveryWay(std::string(out.begin(), out.end())));
+            ReadEveryWay(out));
   EXPECT_EQ((std::vector<std::string>{"Veskan::Daemon::ProcessOut control character in the "
                                       "request target percent-encoded, target: /a "
                                       "b\\x0D\\x0AX: y?q=\xC3\xA9",
