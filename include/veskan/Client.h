@@ -13,7 +13,6 @@
 
 #include <condition_variable>
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -22,12 +21,9 @@
 
 namespace Veskan {
 
+class Content;
 class Daemon;
 class Server;
-class NetworkPerformanceMonitor;
-class TransportLayerSecurity;
-
-class Content;
 
 namespace Detail {
 class Connection;
@@ -210,9 +206,9 @@ class VESKAN_API Client::ParseData {
   void EnsureReadBuffer();
   // Makes room in the read buffer before bytes are received into it: gives it its bytes back if
   // it had none, moves the unread bytes to the front, and grows a full buffer up to
-  // MaxHeaderBytes + ChunkSize (only a header block in progress fills it; bodies move out of it).
-  // False when it is full even so.
-  bool MakeRoom();
+  // `maxHeaderBytes` + ChunkSize (only a header block in progress fills it; bodies move out of
+  // it). False when it is full even so.
+  bool MakeRoom(int maxHeaderBytes);
 
   // Received bytes; [ReadPosition, WritePosition) are not consumed yet.
   ByteBuffer ReadBuffer;
@@ -232,9 +228,6 @@ class VESKAN_API Client::ParseData {
   int ContentReceived = 0;
   States::Enumeration State = States::Waiting;
 
-  // Limits: header bytes of one message, and declared or received body bytes.
-  int MaxHeaderBytes = 64 * 1024;
-  int MaxBodySize = 64 * 1024 * 1024;
   // Header bytes of the current message so far.
   int HeaderBytes = 0;
   // Chunked body: set once the body is known to be chunked; the bytes left of the current chunk

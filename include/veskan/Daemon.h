@@ -158,6 +158,10 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   // connection's lock on entry and exit. False: the bytes break the protocol.
   bool ProcessIn(const ConnectionPointer& connection, std::unique_lock<std::recursive_mutex>& lock,
                  bool final);
+  // Goes on with requests that waited in the read buffer while reading was paused, as far as the
+  // connection's pace allows, and sends their replies. False when the connection was closed (it
+  // broke the protocol, or sending failed).
+  bool Resume(const ConnectionPointer& connection);
   // Formats the answered messages at the front into the output queue, in order; `lock` holds the
   // connection's lock on entry and exit, and is released while each message is formatted.
   // Returns the requests of an outgoing connection written so, to be announced Sent.

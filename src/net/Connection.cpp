@@ -43,10 +43,7 @@ Connection::Connection(const std::shared_ptr<Client>& client, int socketHandle,
       limits(connectionLimits),
       owner(client),
       socket(socketHandle),
-      lastActivity(MonotonicNanoseconds()) {
-  parse.MaxHeaderBytes = limits.MaxHeaderBytes;
-  parse.MaxBodySize = limits.MaxBodySize;
-}
+      lastActivity(MonotonicNanoseconds()) {}
 
 Connection::~Connection() {
   // The worker closes sockets; this one never reached a daemon, or the daemon ended before.

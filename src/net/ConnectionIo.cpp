@@ -121,7 +121,8 @@ void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
     }
 
     Client::ParseData& parse = connection.parse;
-    if (!parse.MakeRoom()) {  // the reader refuses a header block above the limit before this
+    if (!parse.MakeRoom(connection.limits.MaxHeaderBytes)) {  // the reader refuses a header block
+                                                              // above the limit before this
       lock.unlock();
       CloseClient(pointer, SocketExceptions::HTTPProtocolViolation,
                   StringBuffer(u"header block too large"));
@@ -223,8 +224,8 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
       connection.current = connection.inFlight.front();
     }
     events.clear();
-    ReadOutcome outcome =
-        Detail::RequestReader::Read(parse, connection.current, serverSide, final, events);
+    ReadOutcome outcome = Detail::RequestReader::Read(parse, connection.current, serverSide, final,
+                                                      connection.limits, events);
     bool progressed = false;
     for (const ReaderEvent& event : events) {
       switch (event.What) {
@@ -371,9 +372,33 @@ void Daemon::ProcessSocketWritable(const ConnectionPointer& pointer) {
     return;
   }
   lock.unlock();
-  if (!ProcessOut(pointer)) {
+  if (ProcessOut(pointer)) {
+    Resume(pointer);
+  } else {
     CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
   }
+}
+
+bool Daemon::Resume(const ConnectionPointer& pointer) {
+  Connection& connection = *pointer;
+  std::unique_lock<std::recursive_mutex> lock(connection.mutex);
+  // A few rounds, then the other connections have their turn: the cycle comes back at once.
+  for (int round = 0; round < ReceivesPerEvent; ++round) {
+    if (connection.closing || !connection.unparsed || connection.ReadPaused()) return true;
+    if (!ProcessIn(pointer, lock, false)) {
+      lock.unlock();
+      Detail::CountEvent(Counters::ProtocolViolations, 1);
+      CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer());
+      return false;
+    }
+    lock.unlock();
+    if (!ProcessOut(pointer)) {
+      CloseClient(pointer, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
+      return false;
+    }
+    lock.lock();
+  }
+  return true;
 }
 
 void Daemon::HandleConnectingClient(const ConnectionPointer& pointer, int error) {

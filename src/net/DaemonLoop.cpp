@@ -100,6 +100,7 @@ struct Daemon::Interest {
   int socket = -1;  // -1: not polled
   bool read = false;
   bool write = false;
+  bool busy = false;  // requests wait in the read buffer that may be read now: do not sleep
 };
 
 void Daemon::LoadSocketLibraries() {
@@ -212,8 +213,10 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     if (socket >= 0) cycle.poller.Add(socket, true, false);
   }
   cycle.positions.assign(cycle.clients.size(), -1);
+  bool busy = false;
   for (std::size_t i = 0; i < cycle.clients.size(); ++i) {
     Interest interest = PrepareConnection(cycle.clients[i]);
+    busy = busy || interest.busy;
     if (interest.socket >= 0) {
       cycle.positions[i] = cycle.poller.Add(interest.socket, interest.read, interest.write);
     }
@@ -222,7 +225,7 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   std::int64_t until = cycle.nextPass;
   if (cycle.acceptPausedUntil > now) until = std::min(until, cycle.acceptPausedUntil);
   int timeout = static_cast<int>((until - MonotonicNanoseconds()) / 1000000);
-  timeout = std::max(0, std::min(timeout, 1000));
+  timeout = busy ? 0 : std::max(0, std::min(timeout, 1000));
   int ready = cycle.poller.Wait(timeout);
 
   if (ready > 0) {
@@ -269,26 +272,22 @@ Daemon::Interest Daemon::PrepareConnection(const ConnectionPointer& connection) 
   if (connection->connecting) return Interest{connection->socket, false, true};
   bool answered = !connection->exchanges.empty() && connection->exchanges.front().answered &&
                   !connection->closeAfterWrite;
-  bool resume = connection->unparsed && !connection->ReadPaused();
   bool shutdown = connection->shutdownOwed && !connection->shutDown;
-  if (answered || resume || shutdown) {
+  bool resume = connection->unparsed && !connection->ReadPaused();
+  if (answered || shutdown || resume) {
     // Answered since the last cycle, or drained enough to go on with requests that waited in the
     // read buffer: done now, not a poll later.
-    if (resume && !ProcessIn(connection, lock, false)) {
-      lock.unlock();
-      Detail::CountEvent(Counters::ProtocolViolations, 1);
-      CloseClient(connection, SocketExceptions::HTTPProtocolViolation, StringBuffer());
-      return Interest{};
-    }
     lock.unlock();
     if (!ProcessOut(connection)) {
       CloseClient(connection, SocketExceptions::HTTPProtocolViolation, StringBuffer(u"send"));
       return Interest{};
     }
+    if (!Resume(connection)) return Interest{};
     lock.lock();
     if (connection->closing || connection->socket < 0) return Interest{};
   }
-  return Interest{connection->socket, !connection->ReadPaused(), connection->HasOutput()};
+  return Interest{connection->socket, !connection->ReadPaused(), connection->HasOutput(),
+                  connection->unparsed && !connection->ReadPaused()};
 }
 
 bool Daemon::ProcessFirstSocket(const std::shared_ptr<Server>& server, int listening) {

@@ -37,7 +37,7 @@ void Client::ParseData::EnsureReadBuffer() {
   }
 }
 
-bool Client::ParseData::MakeRoom() {
+bool Client::ParseData::MakeRoom(int maxHeaderBytes) {
   EnsureReadBuffer();
   if (ReadPosition == WritePosition) {
     ReadPosition = WritePosition = 0;
@@ -48,7 +48,7 @@ bool Client::ParseData::MakeRoom() {
     ReadPosition = 0;
   }
   if (WritePosition == ReadBuffer.Size()) {
-    ReadBuffer.Resize(std::min(ReadBuffer.Size() * 2, MaxHeaderBytes + ChunkSize));
+    ReadBuffer.Resize(std::min(ReadBuffer.Size() * 2, maxHeaderBytes + ChunkSize));
   }
   return WritePosition < ReadBuffer.Size();
 }

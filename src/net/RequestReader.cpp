@@ -230,8 +230,13 @@ std::string MultipartDelimiter(const StringBuffer& contentType) {
 class Reader {
  public:
   Reader(Client::ParseData& parse, std::shared_ptr<Message>& current, bool serverSide, bool final,
-         std::vector<ReaderEvent>& events)
-      : parse_(parse), current_(current), serverSide_(serverSide), final_(final), events_(events) {}
+         const Server::Limits& limits, std::vector<ReaderEvent>& events)
+      : parse_(parse),
+        current_(current),
+        serverSide_(serverSide),
+        final_(final),
+        limits_(limits),
+        events_(events) {}
 
   ReadOutcome Run() {
     for (;;) {
@@ -283,7 +288,7 @@ class Reader {
     if (length == -1) {
       // Bytes that cannot begin any request are refused at once rather than after a time-out.
       if (serverSide_ && !CouldBeginRequest(unread)) return Step::Violation;
-      return unread.length > parse_.MaxHeaderBytes ? Step::Violation : Step::Wait;
+      return unread.length > limits_.MaxHeaderBytes ? Step::Violation : Step::Wait;
     }
     if (length == -2) return Step::Violation;
     if (length == 0) {  // an empty line between messages is tolerated (RFC 9112 section 2.2)
@@ -360,12 +365,12 @@ class Reader {
     Unread unread = UnreadBytes(parse_);
     int length = LineLength(unread);
     if (length == -1) {
-      return parse_.HeaderBytes + unread.length > parse_.MaxHeaderBytes ? Step::Violation
-                                                                        : Step::Wait;
+      return parse_.HeaderBytes + unread.length > limits_.MaxHeaderBytes ? Step::Violation
+                                                                         : Step::Wait;
     }
     if (length == -2) return Step::Violation;
     parse_.HeaderBytes += length + 2;
-    if (parse_.HeaderBytes > parse_.MaxHeaderBytes) return Step::Violation;
+    if (parse_.HeaderBytes > limits_.MaxHeaderBytes) return Step::Violation;
     Consume(length + 2);
     if (length == 0) return parse_.Chunked ? CompleteMessage() : HeadersComplete();
 
@@ -500,7 +505,7 @@ class Reader {
     if (framing.transferEncoding && framing.contentLength) return Step::Violation;
     int length = 0;
     if (framing.contentLength &&
-        !ParseLength(framing.contentLength->Value, parse_.MaxBodySize, length)) {
+        !ParseLength(framing.contentLength->Value, limits_.MaxBodySize, length)) {
       return Step::Violation;
     }
     // Only a chunked body can be delimited here; other codings end at the close, which a request
@@ -549,7 +554,7 @@ class Reader {
         events_.push_back(
             ReaderEvent{ReaderEvent::Kind::ContinueExpected, current_, nullptr, -1, false});
       }
-      return Step::Continue;
+      return Step::Wait;  // the header block is handed over before the body is read
     }
 
     if (!framing.contentLength && !serverSide_ && DelimitedByClose(current_->StatusCode)) {
@@ -565,7 +570,7 @@ class Reader {
           ReaderEvent{ReaderEvent::Kind::ContinueExpected, current_, nullptr, length, false});
     }
     parse_.State = States::ReadingContent;
-    return Step::Continue;
+    return Step::Wait;  // the header block is handed over before the body is read
   }
 
   // A reply without a length runs until the peer closes, except those that never have a body
@@ -588,7 +593,7 @@ class Reader {
   Step ReadContent() {
     if (parse_.ContentLength < 0) {
       if (parse_.ContentReceived + (parse_.WritePosition - parse_.ReadPosition) >
-          parse_.MaxBodySize) {
+          limits_.MaxBodySize) {
         return Step::Violation;
       }
       TakeContent(parse_.WritePosition - parse_.ReadPosition);
@@ -605,9 +610,9 @@ class Reader {
     Unread unread = UnreadBytes(parse_);
     int length = LineLength(unread);
     // However the line arrives, it is refused when it outgrows 1 KiB with its CR LF.
-    constexpr int MaxChunkLine = 1024;
-    if (length == -1) return unread.length > MaxChunkLine ? Step::Violation : Step::Wait;
-    if (length == -2 || length + 2 > MaxChunkLine) return Step::Violation;
+    const int maxLine = limits_.MaxChunkLineBytes;
+    if (length == -1) return unread.length > maxLine ? Step::Violation : Step::Wait;
+    if (length == -2 || length + 2 > maxLine) return Step::Violation;
     long long size = 0;
     int digits = 0;
     for (; digits < length; ++digits) {
@@ -623,7 +628,7 @@ class Reader {
         break;
       }
       size = size * 16 + value;
-      if (size > parse_.MaxBodySize) return Step::Violation;
+      if (size > limits_.MaxBodySize) return Step::Violation;
     }
     // Extensions are read past but must be well formed: a stray byte, a bare CR or a blank
     // where the grammar has none is where parsers part ways on the chunk's length (RFC 9112
@@ -631,7 +636,7 @@ class Reader {
     if (digits == 0 || SkipParameters(unread.data, digits, length, false) != length) {
       return Step::Violation;
     }
-    if (parse_.ContentReceived + size > parse_.MaxBodySize) return Step::Violation;
+    if (parse_.ContentReceived + size > limits_.MaxBodySize) return Step::Violation;
     Consume(length + 2);
     if (size == 0) {
       parse_.State = States::ReadingHeaders;  // trailers, then the empty line
@@ -745,29 +750,28 @@ class Reader {
     parse_.MultipartSearched = 0;
     parse_.State = States::Waiting;
     if (serverSide_ && !keepAlive) return Step::Stop;
-    // A reply answers the request in flight: the caller hands over the next request before the
-    // next reply is read.
-    if (!serverSide_) return Step::Wait;
-    return Step::Continue;
+    return Step::Wait;  // the message is handed over before the next one is read
   }
 
   Client::ParseData& parse_;
   std::shared_ptr<Message>& current_;
   bool serverSide_;
   bool final_;
+  const Server::Limits& limits_;
   std::vector<ReaderEvent>& events_;
 };
 
 }  // namespace
 
 ReadOutcome RequestReader::Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
-                                bool serverSide, bool final, std::vector<ReaderEvent>& events) {
+                                bool serverSide, bool final, const Server::Limits& limits,
+                                std::vector<ReaderEvent>& events) {
   if (parse.ReadPosition < 0 || parse.ReadPosition > parse.WritePosition ||
       parse.WritePosition > parse.ReadBuffer.Size()) {
     return ReadOutcome::Violation;
   }
   if (parse.State != States::Waiting && !current) return ReadOutcome::Violation;
-  return Reader(parse, current, serverSide, final, events).Run();
+  return Reader(parse, current, serverSide, final, limits, events).Run();
 }
 
 }  // namespace Detail

@@ -6,6 +6,7 @@
 
 #include <veskan/Client.h>
 #include <veskan/Message.h>
+#include <veskan/Server.h>
 
 #include <memory>
 #include <vector>
@@ -46,15 +47,20 @@ bool IsPolicyFileRequest(const Client::ParseData& parse);
 
 class RequestReader {
  public:
-  // Reads as many messages as the unread bytes hold (RFC 9112 sections 2 to 7).
-  // Server side (`serverSide`): each start line "METHOD target HTTP/1.1" opens a new Message in
-  // `current`; its headers, cookies and body go into the message's Request. Client side: the
-  // start line must be "HTTP/1.1 NNN reason" and `current` is the request in flight, whose
-  // StatusCode and Reply are filled; the reader returns NeedMore after each complete reply, so
-  // that the caller hands over the next request in flight and reads again when unread bytes
-  // remain. `final`: the peer has closed, so a body delimited by closing
-  // is complete. Appends events to `events`; consumed bytes advance parse.ReadPosition.
-  // The message is left in `current` until its MessageComplete event; after it `current` is null.
+  // Reads the unread bytes (RFC 9112 sections 2 to 7) as far as the next complete header block
+  // or message, held to the header, body and chunk-line sizes of `limits`. Server side
+  // (`serverSide`): each start line "METHOD target HTTP/1.1" opens a new Message in `current`;
+  // its headers, cookies and body go into the message's Request. Client side: the start line
+  // must be "HTTP/1.1 NNN reason" and `current` is the request in flight, whose StatusCode and
+  // Reply are filled. `final`: the peer has closed, so a body delimited by closing is complete.
+  // Appends events to `events`; consumed bytes advance parse.ReadPosition. The message is left
+  // in `current` until its MessageComplete event; after it `current` is null.
+  //
+  // It returns NeedMore after each HeadersComplete and each MessageComplete, so that the caller
+  // can hand them over before the body or the next message is read (a host prepares for an
+  // upload; a server holds back a client whose replies it has not taken yet; an outgoing
+  // connection hands over its next request in flight), and calls again while unread bytes
+  // remain.
   //
   // Anything that another recipient (a proxy in front of the server) could frame differently is
   // a Violation rather than a guess: a field name that is not a token or has blanks before its
@@ -65,7 +71,8 @@ class RequestReader {
   // in a request; in a reply it is unfolded into one SP, as RFC 9112 section 5.2 asks of user
   // agents. Trailer fields are checked and then dropped, never merged into the header section.
   static ReadOutcome Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
-                          bool serverSide, bool final, std::vector<ReaderEvent>& events);
+                          bool serverSide, bool final, const Server::Limits& limits,
+                          std::vector<ReaderEvent>& events);
 };
 
 }  // namespace Detail

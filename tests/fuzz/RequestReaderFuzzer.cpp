@@ -52,12 +52,12 @@ class Feeder {
  public:
   explicit Feeder(const Options& options) : options_(options) {
     if (options.smallLimits) {
-      parse_.MaxHeaderBytes = 256;
-      parse_.MaxBodySize = 1024;
+      limits_.MaxHeaderBytes = 256;
+      limits_.MaxBodySize = 1024;
       parse_.ChunkSize = 64;
       parse_.ReadBuffer.Resize(64);
     }
-    largestBuffer_ = std::max(parse_.ReadBuffer.Size(), parse_.MaxHeaderBytes + parse_.ChunkSize);
+    largestBuffer_ = std::max(parse_.ReadBuffer.Size(), limits_.MaxHeaderBytes + parse_.ChunkSize);
     if (!options.serverSide) {
       for (int i = 0; i < RequestsInFlight; ++i) {
         std::shared_ptr<Message> request = Message::New();
@@ -70,7 +70,7 @@ class Feeder {
   void Arrive(const std::uint8_t* bytes, std::size_t size) {
     std::size_t at = 0;
     while (at < size && !Ended()) {
-      if (!parse_.MakeRoom()) {
+      if (!parse_.MakeRoom(limits_.MaxHeaderBytes)) {
         // Only a chunk-size line, which may run to 1 KiB, can outgrow a small read buffer:
         // everything else is refused at the header limit or moved into the content buffer.
         Fuzzing::Require(parse_.State == States::ReadingChunkSize &&
@@ -129,44 +129,46 @@ class Feeder {
     return text + "\n";
   }
 
-  // Client side, the request in flight is handed over when the reader has none, and the reader
-  // runs again when a reply completed with unread bytes left.
+  // The reader stops after each header block and each message and runs again while unread bytes
+  // remain. Client side, the request in flight is handed over when the reader has none.
   void Read(bool final) {
     for (;;) {
       if (!options_.serverSide && !current_ && !inFlight_.empty()) current_ = inFlight_.front();
       const std::size_t before = events_.size();
-      outcome_ = Detail::RequestReader::Read(parse_, current_, options_.serverSide, final, events_);
-      bool replied = Check(before);
-      if (!replied || outcome_ != ReadOutcome::NeedMore ||
+      outcome_ = Detail::RequestReader::Read(parse_, current_, options_.serverSide, final, limits_,
+                                             events_);
+      bool progressed = Check(before);
+      if (!progressed || outcome_ != ReadOutcome::NeedMore ||
           parse_.ReadPosition == parse_.WritePosition) {
         return;
       }
     }
   }
 
-  // Checks the parse state and the new events; true when a reply completed.
+  // Checks the parse state and the new events; true when a header block or a message completed.
   bool Check(std::size_t firstNew) {
     Fuzzing::Require(0 <= parse_.ReadPosition && parse_.ReadPosition <= parse_.WritePosition &&
                      parse_.WritePosition <= parse_.ReadBuffer.Size());
     Fuzzing::Require(parse_.ReadBuffer.Size() <= largestBuffer_);
     Fuzzing::Require(parse_.ContentBuffer.Size() == parse_.ContentReceived);
-    Fuzzing::Require(parse_.ContentBuffer.Size() <= parse_.MaxBodySize);
+    Fuzzing::Require(parse_.ContentBuffer.Size() <= limits_.MaxBodySize);
     Fuzzing::Require(parse_.ContentBuffer.Size() <= arrived_);
     if (outcome_ != ReadOutcome::Violation) {
-      Fuzzing::Require(parse_.HeaderBytes <= parse_.MaxHeaderBytes);
+      Fuzzing::Require(parse_.HeaderBytes <= limits_.MaxHeaderBytes);
       if (options_.serverSide) {
         Fuzzing::Require((parse_.State == States::Waiting) == (current_ == nullptr));
       }
     }
-    bool replied = false;
+    bool progressed = false;
     for (std::size_t i = firstNew; i < events_.size(); ++i) {
       const ReaderEvent& event = events_[i];
       Fuzzing::Require(event.Subject != nullptr);
       switch (event.What) {
         case ReaderEvent::Kind::HeadersComplete:
-          Fuzzing::Require(event.Value >= -1 && event.Value <= parse_.MaxBodySize);
+          Fuzzing::Require(event.Value >= -1 && event.Value <= limits_.MaxBodySize);
           subject_ = event.Subject;
           parts_ = 0;
+          progressed = true;
           break;
         case ReaderEvent::Kind::PartComplete:
           Fuzzing::Require(event.Subject == subject_ && event.Value == parts_++ &&
@@ -183,7 +185,7 @@ class Feeder {
         }
         case ReaderEvent::Kind::MessageComplete: {
           Fuzzing::Require(event.Subject == subject_);
-          Fuzzing::Require(event.Value >= 0 && event.Value <= parse_.MaxBodySize);
+          Fuzzing::Require(event.Value >= 0 && event.Value <= limits_.MaxBodySize);
           auto lock = event.Subject->Lock();
           const std::shared_ptr<Body>& body =
               options_.serverSide ? event.Subject->Request : event.Subject->Reply;
@@ -195,14 +197,14 @@ class Feeder {
           if (!options_.serverSide) {
             Fuzzing::Require(event.Subject == inFlight_.front());
             inFlight_.pop_front();
-            replied = true;
           }
+          progressed = true;
           subject_.reset();
           break;
         }
       }
     }
-    return replied;
+    return progressed;
   }
 
   static void RequireWritable(const Message& message, const Body& body) {
@@ -215,6 +217,7 @@ class Feeder {
 
   Options options_;
   Client::ParseData parse_;
+  Server::Limits limits_;
   std::shared_ptr<Message> current_;
   std::vector<ReaderEvent> events_;
   ReadOutcome outcome_ = ReadOutcome::NeedMore;

@@ -158,8 +158,8 @@ const char* ToText(ReadOutcome outcome) {
 class Feeder {
  public:
   explicit Feeder(const ReadSetup& setup) : setup_(setup) {
-    parse.MaxHeaderBytes = setup.maxHeaderBytes;
-    parse.MaxBodySize = setup.maxBodySize;
+    limits_.MaxHeaderBytes = setup.maxHeaderBytes;
+    limits_.MaxBodySize = setup.maxBodySize;
     for (int i = 0; i < setup.requestsInFlight; ++i) {
       std::shared_ptr<Message> request = Message::New();
       request->Open(Methods::GET,
@@ -171,7 +171,7 @@ class Feeder {
   void Arrive(const std::string& bytes) {
     std::size_t at = 0;
     while (at < bytes.size() && !Ended()) {
-      if (!parse.MakeRoom()) {
+      if (!parse.MakeRoom(limits_.MaxHeaderBytes)) {
         bufferFull = true;
         return;
       }
@@ -233,23 +233,25 @@ class Feeder {
   bool bufferFull = false;
 
  private:
-  // Client side, the request in flight is handed to the reader when it has none; a reply that
-  // completes takes its request off the queue, and while unread bytes remain the reader runs
-  // again (with the next request, or with none, which refuses a reply nobody asked for).
+  // As the daemon does: the reader stops after each header block and each message, and runs
+  // again while unread bytes remain. Client side, the request in flight is handed to the reader
+  // when it has none, and a reply that completes takes its request off the queue (the next call
+  // has the next request, or none, which refuses a reply nobody asked for).
   void Read(bool final) {
     for (;;) {
       if (!setup_.serverSide && !current && !inFlight_.empty()) current = inFlight_.front();
       const std::size_t before = events.size();
-      outcome = RequestReader::Read(parse, current, setup_.serverSide, final, events);
+      outcome = RequestReader::Read(parse, current, setup_.serverSide, final, limits_, events);
       Check(before);
-      bool replied = false;
+      bool progressed = false;
       for (std::size_t i = before; i < events.size(); ++i) {
-        if (!setup_.serverSide && events[i].What == ReaderEvent::Kind::MessageComplete) {
-          inFlight_.pop_front();
-          replied = true;
+        if (events[i].What == ReaderEvent::Kind::MessageComplete) {
+          if (!setup_.serverSide) inFlight_.pop_front();
+          progressed = true;
         }
+        if (events[i].What == ReaderEvent::Kind::HeadersComplete) progressed = true;
       }
-      if (!replied || outcome != ReadOutcome::NeedMore ||
+      if (!progressed || outcome != ReadOutcome::NeedMore ||
           parse.ReadPosition == parse.WritePosition) {
         return;
       }
@@ -264,7 +266,7 @@ class Feeder {
                parse.WritePosition <= parse.ReadBuffer.Size(),
            "broken: positions");
     expect(parse.ContentBuffer.Size() <= arrived_, "broken: content beyond what arrived");
-    expect(parse.ContentBuffer.Size() <= parse.MaxBodySize, "broken: content above the limit");
+    expect(parse.ContentBuffer.Size() <= limits_.MaxBodySize, "broken: content above the limit");
     if (setup_.serverSide && outcome != ReadOutcome::Violation) {
       expect((parse.State == States::Waiting) == !current, "broken: message while waiting");
     }
@@ -289,6 +291,7 @@ class Feeder {
   }
 
   ReadSetup setup_;
+  Server::Limits limits_;
   std::deque<std::shared_ptr<Message>> inFlight_;
   long long arrived_ = 0;
   std::shared_ptr<Message> subject_;
@@ -926,7 +929,8 @@ TEST(RequestReaderStateTest, RefusesInconsistentParseStates) {
     parse.State = state;
     std::shared_ptr<Message> current;
     std::vector<ReaderEvent> events;
-    EXPECT_EQ(ReadOutcome::Violation, RequestReader::Read(parse, current, true, false, events));
+    EXPECT_EQ(ReadOutcome::Violation,
+              RequestReader::Read(parse, current, true, false, Server::Limits(), events));
     EXPECT_TRUE(events.empty());
   }
 }

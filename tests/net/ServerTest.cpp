@@ -39,6 +39,7 @@ struct Observations {
   std::vector<std::pair<int, std::string>> parts;  // index and payload
   std::vector<int> declaredLengths;
   std::vector<std::string> closeDetails;
+  int bodiesReadBeforeTheirHeaders = 0;  // HeadersComplete came after the body was read
   // ClientDisconnected ("-") and server states ("Stopping", "Stopped"...) in the order delivered.
   std::vector<std::string> order;
   int connected = 0;
@@ -110,9 +111,15 @@ class ServerTest : public ::testing::Test {
     });
     server_->HeadersComplete.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
-               const std::shared_ptr<Message>&, const std::shared_ptr<Part>&, int length) {
+               const std::shared_ptr<Message>& message, const std::shared_ptr<Part>&, int length) {
+          bool bodyRead;
+          {
+            auto messageLock = message->Lock();
+            bodyRead = message->Request->Content != nullptr;
+          }
           std::lock_guard<std::mutex> lock(seen_.mutex);
           seen_.declaredLengths.push_back(length);
+          seen_.bodiesReadBeforeTheirHeaders += bodyRead ? 1 : 0;
           seen_.changed.notify_all();
         });
     server_->PartReceived.connect(
@@ -204,6 +211,9 @@ TEST_F(ServerTest, AnswersPipelinedRequestsInOrder) {
   }
   EXPECT_EQ("POST /last|body", BodyOf(connection.ReadResponse()));
   EXPECT_TRUE(connection.WaitForClose());
+  std::lock_guard<std::mutex> lock(seen_.mutex);
+  EXPECT_EQ(0, seen_.bodiesReadBeforeTheirHeaders)
+      << "HeadersComplete reaches the host before the body is read, however it arrives";
 }
 
 TEST_F(ServerTest, ReadsBodiesThatArriveInPieces) {

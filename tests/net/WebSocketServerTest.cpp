@@ -245,7 +245,19 @@ TEST_F(WebSocketServerTest, AServerWithoutWebSocketListenersRefusesUpgrades) {
   EXPECT_EQ(0u, connection.ReadUntilClosed().find("HTTP/1.1 400 Bad Request\r\n"));
 }
 
-TEST_F(WebSocketServerTest, AnUpgradeBehindAnUnansweredRequestBreaksTheProtocol) {
+TEST_F(WebSocketServerTest, AnUpgradeBehindARequestWaitsForItsReplyOrBreaksTheProtocol) {
+  // Answered at once: the reply leaves before the handshake's answer.
+  {
+    RawConnection connection(server_->Port());
+    connection.Send("GET /a HTTP/1.1\r\nHost: h\r\nConnection: keep-alive\r\n\r\n" +
+                    Testing::Hybi17Request("/ws"));
+    EXPECT_EQ(0u, connection.ReadResponse().find("HTTP/1.1 200 OK\r\n"));
+    EXPECT_EQ(0u, connection.ReadBytes(34).find("HTTP/1.1 101 Switching Protocols\r\n"));
+  }
+  // Not answered yet: the handshake's answer would overtake the reply, so the connection goes.
+  server_->MessageReceivedDeferrable.connect(
+      [](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+         const std::shared_ptr<Message>&, bool& answerLater) { answerLater = true; });
   RawConnection connection(server_->Port());
   connection.Send("GET /a HTTP/1.1\r\nHost: h\r\nConnection: keep-alive\r\n\r\n" +
                   Testing::Hybi17Request("/ws"));
