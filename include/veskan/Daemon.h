@@ -35,6 +35,10 @@ namespace Detail {
 class Connection;
 }  // namespace Detail
 
+namespace WebsocketSpecifications {
+struct UpgradeRequest;
+}  // namespace WebsocketSpecifications
+
 // One worker thread and the connections it serves. Daemons of one marshaller form a ring: a new
 // connection goes to the first daemon with room, and a new daemon (with its own thread) is linked
 // in when all are full. A daemon's thread ends by itself once it has neither connections nor
@@ -176,11 +180,13 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
                           const std::shared_ptr<Message>& request);
   // Answers an upgrade request that is not taken with 400 and closes once that has left.
   static void RefuseUpgrade(Detail::Connection& connection);
-  // Feeds bytes to the connection's WebSocket support, queues what it answers and delivers its
-  // events to the host (without the connection's lock, which `lock` holds on entry and exit).
+  // Feeds bytes to the connection's WebSocket support (with `upgrade`, the upgrade request and
+  // the bytes behind it), queues what it answers and delivers its events to the host (without
+  // the connection's lock, which `lock` holds on entry and exit).
   void FeedWebSocket(const ConnectionPointer& connection,
                      std::unique_lock<std::recursive_mutex>& lock, const char* data,
-                     std::size_t length);
+                     std::size_t length,
+                     const WebsocketSpecifications::UpgradeRequest* upgrade = nullptr);
   void CloseClient(const ConnectionPointer& connection, SocketExceptions::Enumeration reason,
                    const StringBuffer& detail);
   void ReleaseDeferredClients();

@@ -441,36 +441,34 @@ bool Daemon::UpgradeToWebSocket(const ConnectionPointer& pointer,
     RefuseUpgrade(connection);
     return true;
   }
-  // The handshake reads the request as it came; the reader has taken it apart, so it is put
-  // back together (names, values and target are kept exactly).
-  std::string bytes;
+  // The handshake reads the header fields the reader has parsed; the bytes behind the header
+  // block belong to the WebSocket protocol.
+  WebsocketSpecifications::UpgradeRequest upgrade("");
   {
     auto messageLock = request->Lock();
-    bytes = "GET " + request->Url->Text.ToUTF8() + " HTTP/1.1\r\n";
-    for (const Header& header : request->Request->Headers) {
-      bytes += header.Name.ToUTF8() + ": " + header.Value.ToUTF8() + "\r\n";
-    }
-    bytes += "\r\n";
+    upgrade = Detail::WebSocketSupport::RequestOf(*request);
   }
-  bytes.append(reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition,
-               static_cast<std::size_t>(connection.Unread()));
+  std::string rest(reinterpret_cast<const char*>(parse.ReadBuffer.Data()) + parse.ReadPosition,
+                   static_cast<std::size_t>(connection.Unread()));
   parse.ReadPosition = parse.WritePosition;
   connection.webSocket = std::make_shared<Detail::WebSocketSupport>(
       static_cast<std::size_t>(connection.limits.MaxWebSocketFrameBytes));
   connection.UpdateRequestClocks(MonotonicNanoseconds());
-  FeedWebSocket(pointer, lock, bytes.data(), bytes.size());
+  FeedWebSocket(pointer, lock, rest.data(), rest.size(), &upgrade);
   return true;
 }
 
 void Daemon::FeedWebSocket(const ConnectionPointer& pointer,
                            std::unique_lock<std::recursive_mutex>& lock, const char* data,
-                           std::size_t length) {
+                           std::size_t length,
+                           const WebsocketSpecifications::UpgradeRequest* upgrade) {
   Connection& connection = *pointer;
   std::shared_ptr<Detail::WebSocketSupport> support = connection.webSocket;
   bool wasOpen = support->IsOpen();
   std::vector<std::shared_ptr<WSData>> events;
   std::string wire;
-  int result = support->Feed(data, length, events, wire);
+  int result = upgrade ? support->Upgrade(*upgrade, data, length, events, wire)
+                       : support->Feed(data, length, events, wire);
   if (!wire.empty()) connection.Queue(wire.data(), wire.size());
   if (support->HandshakeFailed()) {
     RefuseUpgrade(connection);

@@ -5,12 +5,14 @@
 // connection is open must not depend on how the transport divided them. Messages never exceed
 // the limit, and the only bytes a reader sends back are one closing frame (hybi-17: with 1002 for
 // a malformed frame or 1009 for one above the limit, delivered or skipped).
+#include "net/RequestReader.h"
 #include "net/websocket/WebSocketSupport.h"
 
 #include "FuzzInput.h"
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <string>
 #include <vector>
 
@@ -27,6 +29,30 @@ const char Hybi00Request[] =
     "GET /demo HTTP/1.1\r\nHost: example.com\r\nConnection: Upgrade\r\n"
     "Sec-WebSocket-Key2: 12998 5 Y3 1  .P00\r\nUpgrade: WebSocket\r\n"
     "Sec-WebSocket-Key1: 4 @1  46546xW%0l 1 5\r\nOrigin: http://example.com\r\n\r\n^n:ds[4U";
+
+// Reads `size` bytes as the daemon does: the HTTP reader, then the upgrade request and the bytes
+// behind it to the support. False when the reader hands over no upgrade request.
+bool Upgrade(WebSocketSupport& support, const std::uint8_t* data, std::size_t size,
+             std::vector<std::shared_ptr<Veskan::WSData>>& events, std::string& wire) {
+  Veskan::Client::ParseData parse;
+  parse.ReadBuffer.Resize(static_cast<int>(size));
+  if (size > 0) std::memcpy(parse.ReadBuffer.Data(), data, size);
+  parse.WritePosition = static_cast<int>(size);
+  std::shared_ptr<Veskan::Message> current;
+  std::vector<Veskan::Detail::ReaderEvent> read;
+  if (Veskan::Detail::RequestReader::Read(parse, current, true, false, Veskan::Server::Limits(),
+                                          read) != Veskan::Detail::ReadOutcome::Upgrade) {
+    return false;
+  }
+  Veskan::WebsocketSpecifications::UpgradeRequest request("");
+  {
+    auto lock = read.back().Subject->Lock();
+    request = WebSocketSupport::RequestOf(*read.back().Subject);
+  }
+  const char* rest = reinterpret_cast<const char*>(data) + parse.ReadPosition;
+  support.Upgrade(request, rest, size - static_cast<std::size_t>(parse.ReadPosition), events, wire);
+  return true;
+}
 
 struct Outcome {
   std::vector<std::string> messages;
@@ -55,8 +81,9 @@ Outcome Read(bool hybi00, const std::uint8_t* data, std::size_t size, std::uint8
   WebSocketSupport support(Limit);
   Outcome outcome;
   const char* request = hybi00 ? Hybi00Request : Hybi17Request;
-  Feed(support, reinterpret_cast<const std::uint8_t*>(request),
-       std::char_traits<char>::length(request), outcome);
+  std::vector<std::shared_ptr<Veskan::WSData>> events;
+  Veskan::Fuzzing::Require(Upgrade(support, reinterpret_cast<const std::uint8_t*>(request),
+                                   std::char_traits<char>::length(request), events, outcome.wire));
   Veskan::Fuzzing::Require(support.IsOpen());
   outcome.wire.clear();
   if (seed == 0) {
@@ -99,8 +126,10 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
 
   // The same bytes as an upgrade request must never crash, and a refused one answers nothing.
   WebSocketSupport handshake(Limit);
-  Outcome answer;
-  Feed(handshake, data + 1, size - 1, answer);
-  if (handshake.HandshakeFailed()) Veskan::Fuzzing::Require(answer.wire.empty());
+  std::vector<std::shared_ptr<Veskan::WSData>> events;
+  std::string answer;
+  if (Upgrade(handshake, data + 1, size - 1, events, answer) && handshake.HandshakeFailed()) {
+    Veskan::Fuzzing::Require(answer.empty() && events.empty());
+  }
   return 0;
 }

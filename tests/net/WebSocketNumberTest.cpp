@@ -10,22 +10,23 @@ namespace Veskan {
 namespace {
 
 TEST(WebSocketNumberTest, TheFirstUpgradedConnectionIsNumberOne) {
-  const std::string request =
-      "GET / HTTP/1.1\r\nHost: h\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
-      "Sec-WebSocket-Key: dGhlIHNhbXBsZSBub25jZQ==\r\nSec-WebSocket-Version: 13\r\n\r\n";
+  WebsocketSpecifications::UpgradeRequest request("/");
+  request.Add("Host", "h");
+  request.Add("Upgrade", "websocket");
+  request.Add("Connection", "Upgrade");
+  request.Add("Sec-WebSocket-Key", "dGhlIHNhbXBsZSBub25jZQ==");
+  request.Add("Sec-WebSocket-Version", "13");
   Detail::WebSocketSupport refused(1024);
   Detail::WebSocketSupport first(1024);
   Detail::WebSocketSupport second(1024);
   std::vector<std::shared_ptr<WSData>> events;
   std::string wire;
-  const std::string bad = "GET / HTTP/1.1\r\n\r\n";
-  refused.Feed(bad.data(), bad.size(), events, wire);  // a refused handshake takes no number
+  // A refused handshake takes no number.
+  refused.Upgrade(WebsocketSpecifications::UpgradeRequest("/"), nullptr, 0, events, wire);
   EXPECT_EQ(0u, refused.ConnectionNumber());
   EXPECT_EQ(0u, first.ConnectionNumber());
-  ASSERT_EQ(Detail::WebSocketSupport::Deliver,
-            first.Feed(request.data(), request.size(), events, wire));
-  ASSERT_EQ(Detail::WebSocketSupport::Deliver,
-            second.Feed(request.data(), request.size(), events, wire));
+  ASSERT_EQ(Detail::WebSocketSupport::Deliver, first.Upgrade(request, nullptr, 0, events, wire));
+  ASSERT_EQ(Detail::WebSocketSupport::Deliver, second.Upgrade(request, nullptr, 0, events, wire));
   EXPECT_EQ(1u, first.ConnectionNumber());
   EXPECT_EQ(2u, second.ConnectionNumber());
 }

@@ -3,6 +3,7 @@
 #ifndef VESKAN_NET_WEBSOCKET_WEBSOCKETSUPPORT_H
 #define VESKAN_NET_WEBSOCKET_WEBSOCKETSUPPORT_H
 
+#include <veskan/Message.h>
 #include <veskan/WSData.h>
 
 #include "net/websocket/WebsocketSpecifications.h"
@@ -27,15 +28,24 @@ class WebSocketSupport {
   static constexpr int NeedMore = 1;
   static constexpr int Deliver = 2;
 
-  // Messages (and an upgrade request) above `maxMessageBytes` close the connection.
+  // Frames (delivered or skipped) above `maxMessageBytes` close the connection.
   explicit WebSocketSupport(std::size_t maxMessageBytes);
   WebSocketSupport(const WebSocketSupport&) = delete;
   WebSocketSupport& operator=(const WebSocketSupport&) = delete;
 
-  // Feeds received bytes, starting with the upgrade request itself. Before the handshake the
-  // bytes are kept until the request is whole; a completed handshake appends its answer to
-  // `wire` and a WEBSOCKETCONNECT event to `events`. After it, complete text messages become one
-  // WEBSOCKETMESSAGE event. Bytes to send back (the answer, a closing frame) go to `wire`.
+  // What the handshakes need of an upgrade request the HTTP reader has read: its target and
+  // header fields as UTF-8. The caller holds the message's lock.
+  static WebsocketSpecifications::UpgradeRequest RequestOf(const Message& message);
+
+  // Runs the handshake on `request`, with `rest` the bytes that followed its header block; the
+  // version is chosen by the request's headers. A hybi-00 request waits here for its 8 challenge
+  // bytes (Feed brings the rest). A completed handshake appends its answer to `wire` and a
+  // WEBSOCKETCONNECT event to `events`, and reads the frames that came behind the request.
+  // Returns as Feed does.
+  int Upgrade(const WebsocketSpecifications::UpgradeRequest& request, const char* rest,
+              std::size_t length, std::vector<std::shared_ptr<WSData>>& events, std::string& wire);
+  // Feeds received bytes: the rest of a hybi-00 challenge, then frames. Complete text messages
+  // become one WEBSOCKETMESSAGE event; bytes to send back (a closing frame) go to `wire`.
   // Returns Deliver when `events` received something, NeedMore while a handshake or frame is
   // incomplete, NothingToDeliver otherwise (no bytes, a failed handshake, closed).
   int Feed(const char* data, std::size_t length, std::vector<std::shared_ptr<WSData>>& events,
@@ -68,7 +78,11 @@ class WebSocketSupport {
     Publish(specification_ && specification_->IsOpen() ? State::Open : State::Closed);
   }
 
-  std::string pending_;  // the upgrade request until it is whole
+  // Runs the handshake once `pending_` holds what it needs; the rest of pending_ are frames.
+  int Handshake(std::vector<std::shared_ptr<WSData>>& events, std::string& wire);
+
+  std::unique_ptr<WebsocketSpecifications::UpgradeRequest> request_;  // until its handshake ran
+  std::string pending_;  // the bytes behind the request until the handshake has run
   std::atomic<State> state_{State::Handshaking};
 };
 

@@ -59,6 +59,15 @@ bool IsNonce(const std::string& key) {
   return true;
 }
 
+// True when `text` holds a control character other than HTAB: such a value must not be echoed
+// into an answer, where a CR or LF would begin a line of its own.
+bool HasControl(const std::string& text) {
+  return std::any_of(text.begin(), text.end(), [](char c) {
+    unsigned char byte = static_cast<unsigned char>(c);
+    return (byte < 0x20 && byte != '\t') || byte == 0x7f;
+  });
+}
+
 void AppendBigEndian(std::string& wire, std::uint64_t value, int bytes) {
   for (int shift = (bytes - 1) * 8; shift >= 0; shift -= 8)
     wire.push_back(static_cast<char>((value >> shift) & 0xff));
@@ -66,83 +75,41 @@ void AppendBigEndian(std::string& wire, std::uint64_t value, int bytes) {
 
 }  // namespace
 
-int ParseUpgradeRequest(const char* data, std::size_t length, UpgradeRequest& request) {
-  request = UpgradeRequest();
-  std::size_t at = 0;
-  bool first = true;
-  for (;;) {
-    const void* found = std::memchr(data + at, '\n', length - at);
-    if (found == nullptr) return -1;
-    std::size_t end = static_cast<std::size_t>(static_cast<const char*>(found) - data);
-    if (end == at || data[end - 1] != '\r') return 0;
-    const char* line = data + at;
-    std::size_t lineLength = end - 1 - at;
-    at = end + 1;
-    // Values are echoed into the hybi-00 answer: a control in one (a bare CR among them) could
-    // add lines to it.
-    for (std::size_t i = 0; i < lineLength; ++i) {
-      unsigned char c = static_cast<unsigned char>(line[i]);
-      if ((c < 0x20 && c != '\t') || c == 0x7f) return 0;
+UpgradeRequest::UpgradeRequest(const std::string& target)
+    : Flags(HandshakeFlags::RequestLine | HandshakeFlags::HeaderEnd), Target(target) {}
+
+void UpgradeRequest::Add(const std::string& name, const std::string& value) {
+  auto is = [&name](const char* known) {
+    return EqualsIgnoringCase(name.data(), name.size(), known);
+  };
+  if (is("Host")) {
+    Host = value;
+    if (!value.empty()) Flags |= HandshakeFlags::Host;
+  } else if (is("Upgrade")) {
+    if (EqualsIgnoringCase(value.data(), value.size(), "websocket")) {
+      Flags |= HandshakeFlags::Upgrade;
     }
-    if (first) {
-      static constexpr char prefix[] = "GET ";
-      static constexpr char suffix[] = " HTTP/1.1";
-      if (lineLength < 4 + 1 + 9 || std::memcmp(line, prefix, 4) != 0 ||
-          std::memcmp(line + lineLength - 9, suffix, 9) != 0) {
-        return 0;
-      }
-      request.Target.assign(line + 4, lineLength - 4 - 9);
-      request.Flags |= HandshakeFlags::RequestLine;
-      first = false;
-      continue;
-    }
-    if (lineLength == 0) {
-      request.Flags |= HandshakeFlags::HeaderEnd;
-      request.HeaderLength = at;
-      return 1;
-    }
-    const char* colon = static_cast<const char*>(std::memchr(line, ':', lineLength));
-    if (colon == nullptr || colon == line) return 0;
-    std::size_t nameLength = static_cast<std::size_t>(colon - line);
-    std::size_t valueStart = nameLength + 1;
-    std::size_t valueEnd = lineLength;
-    while (valueStart < valueEnd && (line[valueStart] == ' ' || line[valueStart] == '\t'))
-      ++valueStart;
-    while (valueEnd > valueStart && (line[valueEnd - 1] == ' ' || line[valueEnd - 1] == '\t'))
-      --valueEnd;
-    std::string value(line + valueStart, valueEnd - valueStart);
-    auto is = [line, nameLength](const char* name) {
-      return EqualsIgnoringCase(line, nameLength, name);
-    };
-    if (is("Host")) {
-      request.Host = value;
-      if (!value.empty()) request.Flags |= HandshakeFlags::Host;
-    } else if (is("Upgrade")) {
-      if (EqualsIgnoringCase(value.data(), value.size(), "websocket")) {
-        request.Flags |= HandshakeFlags::Upgrade;
-      }
-    } else if (is("Connection")) {
-      if (ListHolds(value, "Upgrade")) request.Flags |= HandshakeFlags::Connection;
-    } else if (is("Origin") || is("Sec-WebSocket-Origin")) {
-      request.Origin = value;
-      request.Flags |= HandshakeFlags::Origin;
-    } else if (is("Sec-WebSocket-Protocol")) {
-      request.Protocol = value;
-    } else if (is("Sec-WebSocket-Key")) {
-      request.Key = value;
-      if (IsNonce(value)) request.Flags |= HandshakeFlags::Key;
-    } else if (is("Sec-WebSocket-Extensions")) {
-      request.Extensions = value;
-    } else if (is("Sec-WebSocket-Version")) {
-      request.VersionText = value;
-      if (value == "13") request.Flags |= HandshakeFlags::Version;
-    } else if (is("Sec-WebSocket-Key1")) {
-      request.Key1 = value;
-      request.Flags |= HandshakeFlags::Key1;
-    } else if (is("Sec-WebSocket-Key2")) {
-      request.Key2 = value;
-      request.Flags |= HandshakeFlags::Key2;
-    }
+  } else if (is("Connection")) {
+    if (ListHolds(value, "Upgrade")) Flags |= HandshakeFlags::Connection;
+  } else if (is("Origin") || is("Sec-WebSocket-Origin")) {
+    Origin = value;
+    Flags |= HandshakeFlags::Origin;
+  } else if (is("Sec-WebSocket-Protocol")) {
+    Protocol = value;
+  } else if (is("Sec-WebSocket-Key")) {
+    Key = value;
+    if (IsNonce(value)) Flags |= HandshakeFlags::Key;
+  } else if (is("Sec-WebSocket-Extensions")) {
+    Extensions = value;
+  } else if (is("Sec-WebSocket-Version")) {
+    VersionText = value;
+    if (value == "13") Flags |= HandshakeFlags::Version;
+  } else if (is("Sec-WebSocket-Key1")) {
+    Key1 = value;
+    Flags |= HandshakeFlags::Key1;
+  } else if (is("Sec-WebSocket-Key2")) {
+    Key2 = value;
+    Flags |= HandshakeFlags::Key2;
   }
 }
 
@@ -178,16 +145,17 @@ std::string hybi_17::AcceptValue(const std::string& key) {
   return encoded;
 }
 
-bool hybi_17::Handshake(const char* request, std::size_t length, std::string& answer) {
-  if (open_ || ParseUpgradeRequest(request, length, request_) != 1) return false;
-  if ((request_.Flags & HandshakeFlags::Hybi17) != HandshakeFlags::Hybi17) return false;
+bool hybi_17::Handshake(const UpgradeRequest& request, const char*, std::size_t,
+                        std::string& answer) {
+  if (open_ || (request.Flags & HandshakeFlags::Hybi17) != HandshakeFlags::Hybi17) return false;
   answer += "HTTP/1.1 101 Switching Protocols\r\n";
   answer += "Upgrade: websocket\r\n";
   answer += "Connection: Upgrade\r\n";
   answer += "Sec-WebSocket-Accept: ";
-  answer += AcceptValue(request_.Key);
+  answer += AcceptValue(request.Key);
   answer += "\r\n\r\n";
-  handshakeLength_ = request_.HeaderLength;
+  handshakeLength_ = 0;
+  target_ = request.Target;
   open_ = true;
   return true;
 }
@@ -342,23 +310,27 @@ std::string hybi_00::ChallengeAnswer(std::uint32_t key1, std::uint32_t key2, con
   return std::string(reinterpret_cast<const char*>(digest), sizeof digest);
 }
 
-bool hybi_00::Handshake(const char* request, std::size_t length, std::string& answer) {
-  if (open_ || ParseUpgradeRequest(request, length, request_) != 1) return false;
-  if ((request_.Flags & HandshakeFlags::Hybi00) != HandshakeFlags::Hybi00) return false;
-  if (length < request_.HeaderLength + 8) return false;
+bool hybi_00::Handshake(const UpgradeRequest& request, const char* rest, std::size_t length,
+                        std::string& answer) {
+  if (open_ || (request.Flags & HandshakeFlags::Hybi00) != HandshakeFlags::Hybi00) return false;
+  if (length < 8 || HasControl(request.Origin) || HasControl(request.Host) ||
+      HasControl(request.Target)) {
+    return false;
+  }
   std::uint32_t key1 = 0;
   std::uint32_t key2 = 0;
-  if (!Hybi00KeyNumber(request_.Key1, key1) || !Hybi00KeyNumber(request_.Key2, key2)) {
+  if (!Hybi00KeyNumber(request.Key1, key1) || !Hybi00KeyNumber(request.Key2, key2)) {
     return false;
   }
   answer += "HTTP/1.1 101 WebSocket Protocol Handshake\r\n";
   answer += "Upgrade: WebSocket\r\n";
   answer += "Connection: Upgrade\r\n";
-  answer += "Sec-WebSocket-Origin: " + request_.Origin + "\r\n";
-  answer += "Sec-WebSocket-Location: ws://" + request_.Host + request_.Target + "\r\n";
+  answer += "Sec-WebSocket-Origin: " + request.Origin + "\r\n";
+  answer += "Sec-WebSocket-Location: ws://" + request.Host + request.Target + "\r\n";
   answer += "\r\n";
-  answer += ChallengeAnswer(key1, key2, request + request_.HeaderLength);
-  handshakeLength_ = request_.HeaderLength + 8;
+  answer += ChallengeAnswer(key1, key2, rest);
+  handshakeLength_ = 8;
+  target_ = request.Target;
   open_ = true;
   return true;
 }

@@ -14,6 +14,8 @@ namespace WebsocketSpecifications {
 
 // What a handshake needs, one bit each. A hybi-17 handshake needs the seven low bits; hybi-00
 // needs the request line, Host, Upgrade, Connection, both keys and the end of the header block.
+// The HTTP reader has checked the request line and read the whole header block before a
+// handshake runs; those two bits record that.
 namespace HandshakeFlags {
 constexpr unsigned RequestLine = 0x01;  // "GET target HTTP/1.1"
 constexpr unsigned Host = 0x02;
@@ -29,17 +31,18 @@ constexpr unsigned Hybi17 = 0x7f;
 constexpr unsigned Hybi00 = RequestLine | Host | Upgrade | Connection | Key1 | Key2 | HeaderEnd;
 }  // namespace HandshakeFlags
 
-// An upgrade request as far as a handshake cares: the recognised header values (ASCII names
-// compared without regard to case) and where the header block ends.
+// An upgrade request as far as a handshake cares: its target and the recognised header values,
+// taken from the request the HTTP reader has read (UTF-8 text), with a flag for each one a
+// handshake requires.
 struct UpgradeRequest {
+  // A GET request for `target` whose header block is complete.
+  explicit UpgradeRequest(const std::string& target);
+  // Takes one header field; names compare without regard to ASCII case, others are ignored.
+  void Add(const std::string& name, const std::string& value);
+
   unsigned Flags = 0;
   std::string Target, Host, Origin, Key, Key1, Key2, Protocol, Extensions, VersionText;
-  std::size_t HeaderLength = 0;  // through the empty line
 };
-
-// Reads the request line and header lines at the start of `data`. 1: the header block is
-// complete; -1: its end has not arrived yet; 0: it is not an HTTP/1.1 request head.
-int ParseUpgradeRequest(const char* data, std::size_t length, UpgradeRequest& request);
 
 // The hybi-00 key number of a "Sec-WebSocket-Key1/2" value: its digits read as one decimal
 // number, divided by its count of blanks. False when there is no blank, the division leaves a
@@ -61,9 +64,11 @@ class Specification {
   Specification& operator=(const Specification&) = delete;
   virtual ~Specification() = default;
 
-  // Reads the upgrade request at the start of `request` (headers, and for hybi-00 the 8 bytes
-  // after them) and appends the answer to `answer`. True (and open) on success.
-  virtual bool Handshake(const char* request, std::size_t length, std::string& answer) = 0;
+  // Answers `request`, appending the answer to `answer`; `rest` holds the bytes that followed
+  // the request's header block (hybi-00 reads its 8 challenge bytes from there). True (and open)
+  // on success.
+  virtual bool Handshake(const UpgradeRequest& request, const char* rest, std::size_t length,
+                         std::string& answer) = 0;
   // Decodes frames; complete text messages (UTF-8) are appended to `messages` and bytes to send
   // back (a closing frame) to `wire`. A frame may end in a later call.
   virtual int ReadFrames(const char* data, std::uint64_t length, std::vector<std::string>& messages,
@@ -80,13 +85,13 @@ class Specification {
   // The protocol revision: 0 or 17.
   virtual int Revision() const = 0;
 
-  // The header bytes the handshake consumed (hybi-00: with the 8 key bytes).
+  // The bytes of `rest` the handshake consumed (hybi-00: the 8 challenge bytes).
   std::size_t HandshakeLength() const { return handshakeLength_; }
-  const std::string& Target() const { return request_.Target; }
+  const std::string& Target() const { return target_; }
 
  protected:
   bool open_ = false;
-  UpgradeRequest request_;  // the flags and key texts of the handshake
+  std::string target_;
   std::size_t handshakeLength_ = 0;
   const std::size_t maxMessageBytes_;
 };
@@ -99,7 +104,8 @@ class Specification {
 class hybi_17 : public Specification {
  public:
   using Specification::Specification;
-  bool Handshake(const char* request, std::size_t length, std::string& answer) override;
+  bool Handshake(const UpgradeRequest& request, const char* rest, std::size_t length,
+                 std::string& answer) override;
   int ReadFrames(const char* data, std::uint64_t length, std::vector<std::string>& messages,
                  std::string& wire) override;
   bool WriteFrame(const char* data, std::uint64_t length, bool binary, std::string& wire) override;
@@ -134,7 +140,8 @@ class hybi_17 : public Specification {
 class hybi_00 : public Specification {
  public:
   using Specification::Specification;
-  bool Handshake(const char* request, std::size_t length, std::string& answer) override;
+  bool Handshake(const UpgradeRequest& request, const char* rest, std::size_t length,
+                 std::string& answer) override;
   int ReadFrames(const char* data, std::uint64_t length, std::vector<std::string>& messages,
                  std::string& wire) override;
   bool WriteFrame(const char* data, std::uint64_t length, bool binary, std::string& wire) override;
