@@ -3,6 +3,8 @@
 
 #include <veskan/Logger.h>
 
+#include "http/FieldSyntax.h"
+
 #include <unicode/stringoptions.h>
 #include <unicode/ustring.h>
 
@@ -32,26 +34,9 @@ StringBuffer Sanitized(const StringBuffer& text) {
 // an unpaired surrogate, which has no UTF-8 form and would cost the line every other cookie.
 bool CanBeWritten(const StringBuffer& text) {
   for (int i = 0; i < text.length(); ++i) {
-    const char16_t unit = text.charAt(i);
-    if (unit < 0x20 || unit == 0x7F) return false;
-    if (unit >= 0xD800 && unit <= 0xDFFF) {
-      if (unit > 0xDBFF || i + 1 == text.length() || text.charAt(i + 1) < 0xDC00 ||
-          text.charAt(i + 1) > 0xDFFF) {
-        return false;
-      }
-      ++i;
-    }
+    if (text.charAt(i) == u'\t' || !Detail::IsFieldValueChar(text.charAt(i))) return false;
   }
-  return true;
-}
-
-// The name for a log line, with controls shown as "?", cut after 64 units.
-std::string ForLog(const StringBuffer& text) {
-  StringBuffer shown(text.tempSubString(0, 64));
-  for (int i = 0; i < shown.length(); ++i) {
-    if (shown.charAt(i) < 0x20 || shown.charAt(i) == 0x7F) shown.setCharAt(i, u'?');
-  }
-  return shown.ToUTF8();
+  return Detail::IsWellFormedUtf16(text);
 }
 
 }  // namespace
@@ -167,7 +152,7 @@ void Cookie::Collection::Write(const char16_t* headerName, Header::Collection& h
     if (!CanBeWritten(cookie.Name) || !CanBeWritten(cookie.Value)) {
       Logger::Line(Logger::Severity::Warning, "Veskan::Cookie::Collection::Write")
           << " cookie dropped, a control character or an unpaired surrogate in its name or"
-          << " value, name: " << ForLog(cookie.Name);
+          << " value, name: " << Detail::ForLog(cookie.Name);
       ++dropped;
       continue;
     }

@@ -2,6 +2,7 @@
 #include <veskan/Header.h>
 
 #include "foundation/Utf.h"
+#include "http/FieldSyntax.h"
 
 #include <veskan/Logger.h>
 
@@ -32,61 +33,6 @@ constexpr char16_t UserAgentText[] = u"User-Agent";
 constexpr char16_t AcceptText[] = u"Accept";
 constexpr char16_t XCalvorcoVeskanEndpointText[] = u"X-Calvorco-Veskan-Endpoint";
 constexpr char16_t InvalidHeaderText[] = u"##invalid header##";
-
-// tchar of RFC 9110 section 5.6.2.
-bool IsTokenUnit(char16_t c) {
-  if ((c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9')) {
-    return true;
-  }
-  return c != 0 && c < 0x80 && std::strchr("!#$%&'*+-.^_`|~", static_cast<char>(c)) != nullptr;
-}
-
-// A control other than HTAB (RFC 9110 section 5.5): CR and LF end a line, NUL ends it for many
-// readers.
-bool IsControl(char16_t c) {
-  return (c < 0x20 && c != u'\t') || c == 0x7F;
-}
-
-// True when the header can be printed as one line that reads back as this one header.
-bool IsWritable(const Header& header) {
-  const StringBuffer& name = header.Name;
-  if (name.isEmpty()) return false;
-  for (int i = 0; i < name.length(); ++i) {
-    if (!IsTokenUnit(name.charAt(i))) return false;
-  }
-  // No control, and every surrogate in a pair: a value without a UTF-8 form would lose its line.
-  const StringBuffer& value = header.Value;
-  for (int i = 0; i < value.length(); ++i) {
-    const char16_t unit = value.charAt(i);
-    if (IsControl(unit)) return false;
-    if (unit >= 0xD800 && unit <= 0xDFFF) {
-      if (unit > 0xDBFF || i + 1 == value.length() || value.charAt(i + 1) < 0xDC00 ||
-          value.charAt(i + 1) > 0xDFFF) {
-        return false;
-      }
-      ++i;
-    }
-  }
-  return true;
-}
-
-// The name for a log line, with controls written as "\xNN" and cut after 64 units, so that it
-// cannot forge lines of its own.
-std::string ForLog(const StringBuffer& text) {
-  StringBuffer shown;
-  for (int i = 0; i < text.length() && i < 64; ++i) {
-    const char16_t unit = text.charAt(i);
-    if (IsControl(unit) || unit == u'\t') {
-      char escaped[8];
-      std::snprintf(escaped, sizeof escaped, "\\x%02X", static_cast<unsigned>(unit));
-      shown += StringBuffer(escaped);
-    } else {
-      shown += unit;
-    }
-  }
-  if (text.length() > 64) shown += u"...";
-  return shown.ToUTF8();
-}
 
 // Whole-name, case-sensitive comparison; a null name is the empty name.
 bool NameIs(const StringBuffer& stored, const char16_t* name) {
@@ -222,10 +168,10 @@ int Header::Collection::Write(ByteBuffer& buffer, int offset, bool grow) const {
     // A line break in a value, or a name that is no token, would print a line that reads as other
     // headers or as the end of the block (header injection); a value without a UTF-8 form would
     // print nothing at all. Such a header is left out, never silently.
-    if (!IsWritable(header)) {
+    if (!Detail::IsWritableField(header.Name, header.Value)) {
       Logger::Line(Logger::Severity::Warning, "Veskan::Header::Collection::Write")
           << " header dropped, its name is no token or its value holds a control character or"
-          << " an unpaired surrogate, name: " << ForLog(header.Name);
+          << " an unpaired surrogate, name: " << Detail::ForLog(header.Name);
       continue;
     }
     line.assign(header.Name.getBuffer(), static_cast<std::size_t>(header.Name.length()));

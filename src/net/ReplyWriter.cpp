@@ -1,7 +1,7 @@
 // Formatting of replies and requests into the bytes a connection sends.
 #include "net/ReplyWriter.h"
 
-#include "net/HttpText.h"
+#include "http/FieldSyntax.h"
 
 #include <veskan/Body.h>
 #include <veskan/Content.h>

@@ -2,7 +2,7 @@
 // multipart splitting, over the unread bytes of a connection's parse state.
 #include "net/RequestReader.h"
 
-#include "net/HttpText.h"
+#include "http/FieldSyntax.h"
 
 #include <veskan/Body.h>
 #include <veskan/Content.h>

@@ -14,7 +14,7 @@
 // events, messages and outcome. After every read the parse state must be consistent and within
 // its limits, and every header field the reader kept must be one that reads back the same: a
 // token for a name, no control but HTAB in a value, no blank or control in a request target.
-#include "net/HttpText.h"
+#include "http/FieldSyntax.h"
 #include "net/RequestReader.h"
 
 #include <veskan/Body.h>

@@ -1,6 +1,8 @@
-// Small text helpers of the HTTP reader and writer.
-#ifndef VESKAN_NET_HTTPTEXT_H
-#define VESKAN_NET_HTTPTEXT_H
+// The syntax of HTTP fields (RFC 9110 section 5): what a name and a value may hold, shared by the
+// reader and the writers of messages, headers and cookies, and a safe form of field text for log
+// lines.
+#ifndef VESKAN_HTTP_FIELDSYNTAX_H
+#define VESKAN_HTTP_FIELDSYNTAX_H
 
 #include <veskan/StringBuffer.h>
 
@@ -99,8 +101,8 @@ inline bool IsWritableField(const StringBuffer& name, const StringBuffer& value)
          IsWellFormedUtf16(value);
 }
 
-// `text` for a log line: UTF-8 with controls written as "\xNN", cut after 64 units, so that what
-// a peer or host put in a field cannot forge log lines.
+// `text` for a log line: UTF-8 with every control (HTAB too) written as "\xNN", cut after 64
+// units, so that what a peer or host put in a field cannot forge log lines.
 inline std::string ForLog(const StringBuffer& text) {
   constexpr int Shown = 64;
   StringBuffer shown;
