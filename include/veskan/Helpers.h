@@ -17,7 +17,8 @@ class VESKAN_API Helpers {
   // through its virtual destructor, the flag is cleared, the stored pointer is set to null and the
   // storage is deleted. A null `object` or a null stored pointer deletes nothing more.
   //
-  // Thread safety: the flag is process-wide; no other thread may destroy Globals meanwhile.
+  // Thread safety: the flag holds for the calling thread only, so a Globals that another thread
+  // destroys meanwhile never tears the libraries down because of it.
   static void PlatformSpecificCleanup(void* object, bool cleanup);
 };
 

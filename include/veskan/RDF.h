@@ -18,8 +18,8 @@ namespace Veskan {
 //
 // Copying counts nothing (a copy's destruction still counts down): never copy these objects.
 //
-// Thread safety: the count is atomic, but the first construction is not guarded; construct the
-// first one before other threads use RDF.
+// Thread safety: any thread may construct and destroy one. The first construction and the last
+// destruction are serialised, so no thread finds the world half created or half freed.
 class VESKAN_API RDF {
  public:
   // The librdf world, or null while no RDF object lives or when librdf could not create one.
