@@ -45,10 +45,12 @@ void DeliverReaderEvents(Connection& connection, std::unique_lock<std::recursive
       case ReaderEvent::Kind::PartComplete: {
         bool headers = event.What == ReaderEvent::Kind::HeadersComplete;
         if (!headers) Detail::CountEvent(Counters::PartsReceived, 1);
-        if (server) {
-          auto& signal = headers ? server->HeadersComplete : server->PartReceived;
-          if (!signal.empty()) {
-            marshaller.Marshal_ServerClientMessagePartInt(signal, server, owner, event.Subject,
+        if (connection.serverSide) {
+          auto* signal = !server   ? nullptr
+                         : headers ? &server->HeadersComplete
+                                   : &server->PartReceived;
+          if (signal && !signal->empty()) {
+            marshaller.Marshal_ServerClientMessagePartInt(*signal, server, owner, event.Subject,
                                                           event.Piece, event.Value);
           }
         } else if (owner) {
@@ -70,17 +72,17 @@ void DeliverReaderEvents(Connection& connection, std::unique_lock<std::recursive
           Message::UnlockAndNotifyReadyStateChanged(&marshaller, event.Subject, ReadyStates::Loaded,
                                                     messageLock);
         }
-        if (server) {
-          if (!server->MessageReceived.empty()) {
+        if (connection.serverSide) {
+          bool answerLater = false;
+          if (server && !server->MessageReceived.empty()) {
             marshaller.Marshal_ServerClientMessage(server->MessageReceived, server, owner,
                                                    event.Subject);
           }
-          bool answerLater = false;
-          if (!server->MessageReceivedDeferrable.empty()) {
+          if (server && !server->MessageReceivedDeferrable.empty()) {
             marshaller.Marshal_ServerClientMessageBool(server->MessageReceivedDeferrable, server,
                                                        owner, event.Subject, answerLater);
           }
-          if (!answerLater) {
+          if (!answerLater) {  // written once the slots have returned (404 when nobody answered)
             std::lock_guard<std::recursive_mutex> relock(connection.mutex);
             for (Detail::Exchange& exchange : connection.exchanges) {
               if (exchange.message == event.Subject) exchange.answered = true;
@@ -107,8 +109,8 @@ void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
     connection.lastActivity = now;
     int error = 0;
     if (connection.ReadPaused()) {
-      // Not asked for: the socket hung up or failed. Whether the peer is gone tells a look at
-      // its bytes, which stay where they are.
+      // An event that was not asked for: the socket hung up or failed. A look at its bytes,
+      // which stay where they are, tells whether the peer is gone.
       char probe;
       long peeked = Sys::SocketCalls::Peek(connection.socket, &probe, 1, error);
       if (peeked > 0 || (peeked < 0 && Sys::SocketCalls::WouldBlock(error))) break;
@@ -121,8 +123,8 @@ void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
     }
 
     Client::ParseData& parse = connection.parse;
-    if (!parse.MakeRoom(connection.limits.MaxHeaderBytes)) {  // the reader refuses a header block
-                                                              // above the limit before this
+    // The reader refuses a header block above the limit before the buffer is full.
+    if (!parse.MakeRoom(connection.limits.MaxHeaderBytes)) {
       lock.unlock();
       CloseClient(pointer, SocketExceptions::HTTPProtocolViolation,
                   StringBuffer(u"header block too large"));
@@ -349,9 +351,11 @@ bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
   }
   for (const std::shared_ptr<Message>& message : sent) {
     Detail::CountEvent(Counters::RepliesSent, 1);
-    if (server && !server->MessageSent.empty()) {
-      marshaller.Marshal_ServerClientMessage(server->MessageSent, server, owner, message);
-    } else if (!server && owner && !owner->MessageSent.empty()) {
+    if (connection.serverSide) {
+      if (server && !server->MessageSent.empty()) {
+        marshaller.Marshal_ServerClientMessage(server->MessageSent, server, owner, message);
+      }
+    } else if (owner && !owner->MessageSent.empty()) {
       marshaller.Marshal_ClientMessage(owner->MessageSent, owner, message);
     }
   }
