@@ -4,6 +4,8 @@
 // payload) joined into a multipart body whose payload must split back into the same parts.
 #include <veskan/Body.h>
 
+#include "http/FieldSyntax.h"
+
 #include "FuzzInput.h"
 
 #include <string>
@@ -62,9 +64,15 @@ void Multipart(const std::uint8_t* data, std::size_t size) {
     Fuzzing::Require(bytes.compare(at, delimiter.size() + 2, delimiter + "\r\n") == 0);
     int position = static_cast<int>(at + delimiter.size() + 2);
     const Part parsed(payload, position, payload.Size());
-    Fuzzing::Require(parsed.Headers.Count() == part->Headers.Count());
+    // The writer leaves out what could split the block (a name that is no token, a control in a
+    // value); every other header comes back as it was, in order.
+    std::vector<const Header*> written;
+    for (const Header& header : part->Headers) {
+      if (Detail::IsWritableField(header.Name, header.Value)) written.push_back(&header);
+    }
+    Fuzzing::Require(static_cast<std::size_t>(parsed.Headers.Count()) == written.size());
     for (int i = 0; i < parsed.Headers.Count(); ++i) {
-      Fuzzing::Require(parsed.Headers(i) == part->Headers(i));
+      Fuzzing::Require(parsed.Headers(i) == *written[static_cast<std::size_t>(i)]);
     }
     const int length = part->Content->Size();
     Fuzzing::Require(
