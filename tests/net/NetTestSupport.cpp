@@ -1,13 +1,21 @@
-#include "RawConnection.h"
+#include "NetTestSupport.h"
+
+#include <veskan/Body.h>
+#include <veskan/Content.h>
+#include <veskan/Header.h>
+#include <veskan/Url.h>
+#include <veskan/Vocabulary.h>
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -123,6 +131,60 @@ std::string HeaderOf(const std::string& response, const std::string& name) {
   if (at == std::string::npos) return std::string();
   at += key.size();
   return response.substr(at, response.find("\r\n", at) - at);
+}
+
+std::string RunCommand(const std::string& command, int* exitStatus) {
+  std::string output;
+  FILE* pipe = popen((command + " 2>/dev/null").c_str(), "r");
+  if (pipe == nullptr) return output;
+  char chunk[4096];
+  std::size_t n;
+  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0)
+    output.append(chunk, n);
+  const int status = pclose(pipe);
+  if (exitStatus != nullptr) *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  return output;
+}
+
+std::string Get(const std::string& target, const std::string& headers) {
+  return "GET " + target + " HTTP/1.1\r\nHost: test\r\n" + headers + "\r\n";
+}
+
+void AnswerWithTheRequest(const std::shared_ptr<Message>& message) {
+  auto lock = message->Lock();
+  std::string text = StringBuffer(Methods::ToString(message->Method)).ToUTF8() + " " +
+                     message->Url->Text.ToUTF8() + "|";
+  if (message->Request->Content) {
+    text.append(reinterpret_cast<const char*>(message->Request->Content->Data()),
+                static_cast<std::size_t>(message->Request->Content->Size()));
+  }
+  message->StatusCode = 200;
+  message->Reply->Headers.Add(Header(StringBuffer(u"Content-Type"), StringBuffer(u"text/plain")));
+  message->Reply->Content = std::make_shared<Content>(
+      reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
+}
+
+LoggerLines::LoggerLines(Logger::Severity::Enumeration threshold, const std::string& prefix)
+    : threshold_(Logger::Threshold()) {
+  Logger::SetThreshold(threshold);
+  previous_ = Logger::SetSink(
+      [this, prefix](Logger::Severity::Enumeration severity, const char* text, int) {
+        if (std::strncmp(text, prefix.c_str(), prefix.size()) != 0) return;
+        std::lock_guard<std::mutex> lock(mutex_);
+        lines_.push_back(StringBuffer(Logger::Severity::ToString(severity)).ToUTF8() + ": " + text);
+      });
+}
+
+LoggerLines::~LoggerLines() {
+  Logger::SetSink(previous_);
+  Logger::SetThreshold(threshold_);
+}
+
+std::vector<std::string> LoggerLines::Take() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<std::string> taken;
+  taken.swap(lines_);
+  return taken;
 }
 
 }  // namespace Testing

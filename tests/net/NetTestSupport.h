@@ -1,8 +1,15 @@
-// A blocking loopback TCP client for tests that speak HTTP byte by byte.
-#ifndef VESKAN_TESTS_NET_RAWCONNECTION_H
-#define VESKAN_TESTS_NET_RAWCONNECTION_H
+// Helpers for the network engine's tests: a blocking loopback TCP client that speaks HTTP byte by
+// byte, the engine's log lines, commands run with a shell, and the answer the test servers give.
+#ifndef VESKAN_TESTS_NET_NETTESTSUPPORT_H
+#define VESKAN_TESTS_NET_NETTESTSUPPORT_H
 
+#include <veskan/Logger.h>
+#include <veskan/Message.h>
+
+#include <memory>
+#include <mutex>
 #include <string>
+#include <vector>
 
 namespace Veskan {
 namespace Testing {
@@ -43,6 +50,36 @@ class RawConnection {
 std::string BodyOf(const std::string& response);
 // The value of the first header `name` of a response, or empty.
 std::string HeaderOf(const std::string& response, const std::string& name);
+
+// Runs `command` with a shell (its stderr discarded); returns what it printed on stdout, and its
+// exit status in `exitStatus` when given (-1 when it did not exit normally).
+std::string RunCommand(const std::string& command, int* exitStatus = nullptr);
+
+// "GET `target` HTTP/1.1" with a Host header and `headers` (each ending in CR LF).
+std::string Get(const std::string& target, const std::string& headers = "");
+
+// Answers `message` 200, text/plain, with "METHOD target|body" (the request's body as it came).
+void AnswerWithTheRequest(const std::shared_ptr<Message>& message);
+
+// While it lives, keeps the Logger's lines of `threshold` and above whose text begins with
+// `prefix`, each as "Severity: text" ("Warning: Veskan::..."), and restores the sink and the
+// threshold afterwards. Lines may come from any thread.
+class LoggerLines {
+ public:
+  explicit LoggerLines(Logger::Severity::Enumeration threshold, const std::string& prefix = "");
+  LoggerLines(const LoggerLines&) = delete;
+  LoggerLines& operator=(const LoggerLines&) = delete;
+  ~LoggerLines();
+
+  // The lines kept since the last call.
+  std::vector<std::string> Take();
+
+ private:
+  const Logger::Severity::Enumeration threshold_;
+  Logger::Sink previous_;
+  std::mutex mutex_;
+  std::vector<std::string> lines_;
+};
 
 }  // namespace Testing
 }  // namespace Veskan

@@ -7,7 +7,7 @@
 #include <veskan/TransportLayerSecurity.h>
 #include <veskan/WSData.h>
 
-#include "RawConnection.h"
+#include "NetTestSupport.h"
 #include "TestSupport.h"
 
 #include <openssl/bio.h>
@@ -20,8 +20,6 @@
 #include <openssl/x509v3.h>
 
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <chrono>
@@ -41,29 +39,17 @@ using Status = TransportLayerSecurity::StatusCodes;
 using Testing::RawConnection;
 using Testing::TemporaryFolder;
 
-struct BioFree {
-  void operator()(BIO* bio) const { BIO_free(bio); }
+// Frees an OpenSSL object with `Free`.
+template <auto Free>
+struct Freer {
+  template <typename T>
+  void operator()(T* object) const {
+    Free(object);
+  }
 };
-struct KeyFree {
-  void operator()(EVP_PKEY* key) const { EVP_PKEY_free(key); }
-};
-struct X509Free {
-  void operator()(X509* certificate) const { X509_free(certificate); }
-};
-struct ExtensionFree {
-  void operator()(X509_EXTENSION* extension) const { X509_EXTENSION_free(extension); }
-};
-struct ContextFree {
-  void operator()(SSL_CTX* context) const { SSL_CTX_free(context); }
-};
-struct SslFree {
-  void operator()(SSL* ssl) const { SSL_free(ssl); }
-};
-using BioPtr = std::unique_ptr<BIO, BioFree>;
-using KeyPtr = std::unique_ptr<EVP_PKEY, KeyFree>;
-using X509Ptr = std::unique_ptr<X509, X509Free>;
-using ContextPtr = std::unique_ptr<SSL_CTX, ContextFree>;
-using SslPtr = std::unique_ptr<SSL, SslFree>;
+using BioPtr = std::unique_ptr<BIO, Freer<BIO_free>>;
+using KeyPtr = std::unique_ptr<EVP_PKEY, Freer<EVP_PKEY_free>>;
+using X509Ptr = std::unique_ptr<X509, Freer<X509_free>>;
 
 std::string Text(const StringBuffer& text) {
   return text.ToUTF8();
@@ -92,32 +78,26 @@ X509Ptr SelfSigned(EVP_PKEY* key) {
   X509V3_CTX context;
   X509V3_set_ctx_nodb(&context);
   X509V3_set_ctx(&context, x, x, nullptr, nullptr, 0);
-  std::unique_ptr<X509_EXTENSION, ExtensionFree> names(
+  std::unique_ptr<X509_EXTENSION, Freer<X509_EXTENSION_free>> names(
       X509V3_EXT_conf_nid(nullptr, &context, NID_subject_alt_name, "DNS:localhost,IP:127.0.0.1"));
   if (!names || X509_add_ext(x, names.get(), -1) != 1) return nullptr;
   if (X509_sign(x, key, EVP_sha256()) == 0) return nullptr;
   return certificate;
 }
 
-std::string CertificatePem(X509* certificate) {
+// What `write` puts in a memory BIO: a certificate or a key, in PEM or DER.
+template <typename Write>
+std::string Written(Write write) {
   BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_X509(bio.get(), certificate);
+  write(bio.get());
   return Contents(bio.get());
 }
-std::string CertificateDer(X509* certificate) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  i2d_X509_bio(bio.get(), certificate);
-  return Contents(bio.get());
+std::string CertificatePem(X509* certificate) {
+  return Written([=](BIO* bio) { PEM_write_bio_X509(bio, certificate); });
 }
 std::string KeyPem(EVP_PKEY* key) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  PEM_write_bio_PrivateKey(bio.get(), key, nullptr, nullptr, 0, nullptr, nullptr);
-  return Contents(bio.get());
-}
-std::string KeyDer(EVP_PKEY* key) {
-  BioPtr bio(BIO_new(BIO_s_mem()));
-  i2d_PrivateKey_bio(bio.get(), key);
-  return Contents(bio.get());
+  return Written(
+      [=](BIO* bio) { PEM_write_bio_PrivateKey(bio, key, nullptr, nullptr, 0, nullptr, nullptr); });
 }
 
 // Throw-away credentials, made once for the whole program: a 2048-bit RSA key with its
@@ -139,15 +119,18 @@ struct Credentials {
     if (!certificate || !weakOne) return;
     certificatePem = folder.WriteFile("cert.pem", CertificatePem(certificate.get()));
     keyPem = folder.WriteFile("key.pem", KeyPem(key.get()));
-    certificateDer = folder.WriteFile("cert.der", CertificateDer(certificate.get()));
-    keyDer = folder.WriteFile("key.der", KeyDer(key.get()));
+    certificateDer = folder.WriteFile(
+        "cert.der", Written([&](BIO* bio) { i2d_X509_bio(bio, certificate.get()); }));
+    keyDer =
+        folder.WriteFile("key.der", Written([&](BIO* bio) { i2d_PrivateKey_bio(bio, key.get()); }));
     combined = folder.WriteFile("both.pem", CertificatePem(certificate.get()) + KeyPem(key.get()));
     otherKey = folder.WriteFile("other-key.pem", KeyPem(other.get()));
     weakCertificate = folder.WriteFile("weak-cert.pem", CertificatePem(weakOne.get()));
     weakKey = folder.WriteFile("weak-key.pem", KeyPem(weak.get()));
     junk = folder.WriteFile("junk.txt", "neither a certificate nor a key\n");
     missing = folder.File("missing.pem");
-    made = !KeyDer(key.get()).empty() && !CertificateDer(certificate.get()).empty();
+    made =
+        !Testing::ReadWholeFile(keyDer).empty() && !Testing::ReadWholeFile(certificateDer).empty();
   }
 };
 
@@ -346,8 +329,8 @@ class MemoryPeer {
   }
 
  private:
-  ContextPtr context_;
-  SslPtr ssl_;
+  std::unique_ptr<SSL_CTX, Freer<SSL_CTX_free>> context_;
+  std::unique_ptr<SSL, Freer<SSL_free>> ssl_;
   BIO* in_ = nullptr;   // owned by ssl_
   BIO* out_ = nullptr;  // owned by ssl_
 };
@@ -417,38 +400,34 @@ TEST_F(TlsSetUpTest, SessionWorksOnBytesInAnyPiecesAndFailsOnGarbage) {
   EXPECT_TRUE(log_.Take().empty()) << "sessions fail quietly: the daemon closes the connection";
 }
 
-// What the host saw of a secure server's connections.
-struct Observations {
-  std::mutex mutex;
-  std::condition_variable changed;
-  int connected = 0;
-  std::vector<SocketExceptions::Enumeration> closeReasons;
-
-  template <typename Condition>
-  bool WaitFor(Condition condition) {
-    std::unique_lock<std::mutex> lock(mutex);
-    return changed.wait_for(lock, std::chrono::seconds(20), condition);
+TEST_F(TlsSetUpTest, AServerWithoutUsableCredentialsDoesNotStart) {
+  const struct {
+    const char* name;
+    StringBuffer certificate;
+    StringBuffer key;
+    std::string text;
+  } cases[] = {
+      {"a key that does not match", files_.certificatePem, files_.otherKey,
+       FileText(files_.otherKey, Mismatch)},
+      {"a key but no certificate", StringBuffer(), files_.keyPem, NoCertificate},
+  };
+  for (const auto& test : cases) {
+    SCOPED_TRACE(test.name);
+    StringBuffer certificate = test.certificate;
+    StringBuffer key = test.key;
+    auto server = std::make_shared<Server>(true, certificate.getTerminatedBuffer(),
+                                           key.getTerminatedBuffer());
+    EXPECT_TRUE(server->IsSecure());
+    EXPECT_FALSE(server->Start(u"http://localhost:0/", false));
+    EXPECT_EQ(ServerStates::Stopped, server->State());
+    EXPECT_EQ(0, server->Port());
+    EXPECT_EQ(std::vector<std::string>{test.text}, log_.Take());
   }
-  int Count(SocketExceptions::Enumeration reason) {
-    std::lock_guard<std::mutex> lock(mutex);
-    return static_cast<int>(std::count(closeReasons.begin(), closeReasons.end(), reason));
-  }
-};
-
-// Runs `command` with a shell and returns what it printed on stdout, and its exit status.
-std::string RunCommand(const std::string& command, int* exitStatus = nullptr) {
-  std::string output;
-  FILE* pipe = popen((command + " 2>/dev/null").c_str(), "r");
-  if (pipe == nullptr) return output;
-  char chunk[4096];
-  std::size_t n;
-  while ((n = fread(chunk, 1, sizeof chunk, pipe)) > 0)
-    output.append(chunk, n);
-  int status = pclose(pipe);
-  if (exitStatus != nullptr) *exitStatus = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  return output;
+  EXPECT_TRUE(Daemon::WaitForAllThreads(10));
 }
 
+// A secure server with real peers: curl and openssl s_client, which trust the test's certificate,
+// and raw sockets.
 class TlsServerTest : public ::testing::Test {
  protected:
   void SetUp() override { ASSERT_TRUE(files_.made); }
@@ -458,8 +437,8 @@ class TlsServerTest : public ::testing::Test {
     EXPECT_TRUE(Daemon::WaitForAllThreads(10)) << "daemon threads still running";
   }
 
-  // Starts a secure server on a port the system chooses; it answers "METHOD target|body", and
-  // 300000 bytes for /big.
+  // Starts a secure server on a port the system chooses; it answers with the request (see
+  // AnswerWithTheRequest), and with BigBody for /big.
   void StartServer() {
     StringBuffer certificate = files_.certificatePem;
     StringBuffer key = files_.keyPem;
@@ -468,29 +447,25 @@ class TlsServerTest : public ::testing::Test {
     server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
                                         const std::shared_ptr<Client>&,
                                         const std::shared_ptr<Message>& message) {
+      Testing::AnswerWithTheRequest(message);
       auto lock = message->Lock();
-      std::string text = Text(StringBuffer(Methods::ToString(message->Method))) + " " +
-                         Text(message->Url->Text) + "|";
-      if (message->Request->Content) {
-        text.append(reinterpret_cast<const char*>(message->Request->Content->Data()),
-                    static_cast<std::size_t>(message->Request->Content->Size()));
+      if (message->Url->Path == StringBuffer(u"/big")) {
+        const std::string text = BigBody();
+        message->Reply->Content = std::make_shared<Content>(
+            reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
       }
-      if (message->Url->Path == StringBuffer(u"/big")) text = BigBody();
-      message->StatusCode = 200;
-      message->Reply->Content = std::make_shared<Content>(
-          reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
     });
     server_->ClientConnected.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&) {
-          std::lock_guard<std::mutex> lock(seen_.mutex);
-          ++seen_.connected;
-          seen_.changed.notify_all();
+          std::lock_guard<std::mutex> lock(mutex_);
+          ++connected_;
+          changed_.notify_all();
         });
     server_->ClientDisconnected.connect(
         [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client) {
-          std::lock_guard<std::mutex> lock(seen_.mutex);
-          seen_.closeReasons.push_back(client->CloseReason());
-          seen_.changed.notify_all();
+          std::lock_guard<std::mutex> lock(mutex_);
+          refused_ += client->CloseReason() == SocketExceptions::HTTPProtocolViolation ? 1 : 0;
+          changed_.notify_all();
         });
     ASSERT_TRUE(server_->Start(u"http://localhost:0/", false));
     ASSERT_TRUE(server_->IsSecure());
@@ -506,29 +481,40 @@ class TlsServerTest : public ::testing::Test {
     return body;
   }
 
-  // curl, trusting the test's own certificate only.
+  // Waits (at most 20 s) until `condition` holds under the lock.
+  template <typename Condition>
+  bool WaitFor(Condition condition) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), condition);
+  }
+
+  int Read(const int& count) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return count;
+  }
+
   std::string Curl(const std::string& arguments) {
-    return RunCommand("curl -s --max-time 30 --cacert '" + Text(files_.certificatePem) + "' " +
-                      arguments);
+    return Testing::RunCommand("curl -s --max-time 30 --cacert '" + Text(files_.certificatePem) +
+                               "' " + arguments);
   }
 
-  // openssl s_client with `options`, stdin from `input`; the exit status in `exitStatus`.
+  // openssl s_client with `options`, stdin from `input` (printf's escapes); its exit status in
+  // `exitStatus`.
   std::string SecureClient(const std::string& options, const std::string& input, int& exitStatus) {
-    return RunCommand("printf '" + input + "' | timeout 30 openssl s_client -connect 127.0.0.1:" +
-                          std::to_string(port_) + " " + options,
-                      &exitStatus);
-  }
-
-  int Connected() {
-    std::lock_guard<std::mutex> lock(seen_.mutex);
-    return seen_.connected;
+    return Testing::RunCommand("printf '" + input +
+                                   "' | timeout 30 openssl s_client -connect 127.0.0.1:" +
+                                   std::to_string(port_) + " " + options,
+                               &exitStatus);
   }
 
   const Credentials& files_ = TheCredentials();
   std::shared_ptr<Server> server_;
   int port_ = 0;
   std::string base_;
-  Observations seen_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int connected_ = 0;  // connections accepted
+  int refused_ = 0;    // connections closed for a protocol violation
 };
 
 TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
@@ -541,10 +527,10 @@ TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
   EXPECT_EQ(BigBody(), Curl(base_ + "/big"));
 
   // Three requests over one TLS connection.
-  int before = Connected();
+  const int before = Read(connected_);
   EXPECT_EQ("GET /one|GET /two|GET /three|", Curl("-H 'Connection: keep-alive' " + base_ + "/one " +
                                                   base_ + "/two " + base_ + "/three"));
-  EXPECT_EQ(before + 1, Connected());
+  EXPECT_TRUE(WaitFor([&] { return connected_ == before + 1; }));
 
   int exitStatus = -1;
   std::string answer =
@@ -580,30 +566,25 @@ TEST_F(TlsServerTest, CarriesWebSocketFrames) {
 
 TEST_F(TlsServerTest, SpeaksTls12And13Only) {
   StartServer();
-  const struct {
-    const char* option;
-    const char* protocol;
-  } accepted[] = {{"-tls1_2", "TLSv1.2"}, {"-tls1_3", "TLSv1.3"}};
-  for (const auto& test : accepted) {
-    SCOPED_TRACE(test.option);
+  const std::pair<const char*, const char*> accepted[] = {{"-tls1_2", "TLSv1.2"},
+                                                          {"-tls1_3", "TLSv1.3"}};
+  for (const auto& [option, protocol] : accepted) {
+    SCOPED_TRACE(option);
     int exitStatus = -1;
-    std::string output = SecureClient(test.option, "", exitStatus);
+    std::string output = SecureClient(option, "", exitStatus);
     EXPECT_EQ(0, exitStatus);
-    EXPECT_NE(std::string::npos, output.find(std::string("New, ") + test.protocol + ", Cipher is "))
+    EXPECT_NE(std::string::npos, output.find(std::string("New, ") + protocol + ", Cipher is "))
         << output;
   }
   // The client is allowed the old versions (security level 0), so that the refusal is the
   // server's.
   for (const char* option : {"-tls1_1", "-tls1"}) {
     SCOPED_TRACE(option);
-    int refused = seen_.Count(SocketExceptions::HTTPProtocolViolation);
+    const int refused = Read(refused_);
     int exitStatus = 0;
     SecureClient(std::string(option) + " -cipher DEFAULT:@SECLEVEL=0", "", exitStatus);
     EXPECT_NE(0, exitStatus);
-    EXPECT_TRUE(seen_.WaitFor([this, refused] {
-      return std::count(seen_.closeReasons.begin(), seen_.closeReasons.end(),
-                        SocketExceptions::HTTPProtocolViolation) == refused + 1;
-    }));
+    EXPECT_TRUE(WaitFor([&] { return refused_ == refused + 1; }));
   }
 }
 
@@ -620,51 +601,19 @@ TEST_F(TlsServerTest, DropsPeersThatDoNotSpeakTlsAndServesTheOthers) {
       std::string("\x16\x03\x01\x00\x40\x01\x00\x00\x3c\x03\x03", 11) + std::string(58, '\xff'),
   };
   std::vector<std::unique_ptr<RawConnection>> bad;
-  for (std::size_t i = 0; i < sizeof peers / sizeof peers[0]; ++i)
+  for (std::size_t i = 0; i < 3; ++i)
     bad.push_back(std::make_unique<RawConnection>(port_));
-  ASSERT_TRUE(seen_.WaitFor([this] { return seen_.connected == 3; }));
+  ASSERT_TRUE(WaitFor([this] { return connected_ == 3; }));
   for (std::size_t i = 0; i < bad.size(); ++i)
     ASSERT_TRUE(bad[i]->Send(peers[i]));
   EXPECT_EQ("GET /meanwhile|", Curl(base_ + "/meanwhile"));
   for (std::size_t i = 0; i < bad.size(); ++i) {
     SCOPED_TRACE(i);
-    std::string answer = bad[i]->ReadUntilClosed();
-    EXPECT_EQ(std::string::npos, answer.find("HTTP/1.1")) << "no plain HTTP from a secure port";
+    EXPECT_EQ(std::string::npos, bad[i]->ReadUntilClosed().find("HTTP/1.1"))
+        << "no plain HTTP from a secure port";
   }
-  EXPECT_TRUE(seen_.WaitFor([this] {
-    return std::count(seen_.closeReasons.begin(), seen_.closeReasons.end(),
-                      SocketExceptions::HTTPProtocolViolation) == 3;
-  }));
+  EXPECT_TRUE(WaitFor([this] { return refused_ == 3; }));
   EXPECT_EQ("GET /after|", Curl(base_ + "/after"));
-}
-
-TEST(TlsServerStart, FailsWithoutUsableCredentials) {
-  ASSERT_TRUE(TheCredentials().made);
-  const Credentials& files = TheCredentials();
-  const struct {
-    const char* name;
-    StringBuffer certificate;
-    StringBuffer key;
-    std::string text;
-  } cases[] = {
-      {"a key that does not match", files.certificatePem, files.otherKey,
-       FileText(files.otherKey, Mismatch)},
-      {"a key but no certificate", StringBuffer(), files.keyPem, NoCertificate},
-  };
-  for (const auto& test : cases) {
-    SCOPED_TRACE(test.name);
-    LogCapture log;
-    StringBuffer certificate = test.certificate;
-    StringBuffer key = test.key;
-    auto server = std::make_shared<Server>(true, certificate.getTerminatedBuffer(),
-                                           key.getTerminatedBuffer());
-    EXPECT_TRUE(server->IsSecure());
-    EXPECT_FALSE(server->Start(u"http://localhost:0/", false));
-    EXPECT_EQ(ServerStates::Stopped, server->State());
-    EXPECT_EQ(0, server->Port());
-    EXPECT_EQ(std::vector<std::string>{test.text}, log.Take());
-  }
-  EXPECT_TRUE(Daemon::WaitForAllThreads(10));
 }
 
 }  // namespace
