@@ -19,16 +19,13 @@ using Detail::WebSocketSupport;
 using Testing::ClientFrame;
 using Testing::Hybi00Answer;
 using Testing::Hybi00Request;
+using Testing::TextFrame;
 using WebsocketSpecifications::Hybi00KeyNumber;
 
 std::string Hybi17Request(const std::string& without = std::string()) {
   return Testing::Hybi17Request("/ws?room=1", without);
 }
 
-std::string Text(unsigned char first, const std::string& payload) {
-  return ClientFrame(first, payload);
-}
-using WebsocketSpecifications::hybi_00;
 using WebsocketSpecifications::hybi_17;
 
 constexpr std::size_t Limit = 1 << 20;
@@ -111,7 +108,7 @@ bool Upgrade(WebSocketSupport& support, const std::string& text, Fed& fed,
 TEST(WebSocketHandshakeTest, AnswersTheRfc6455Handshake) {
   WebSocketSupport support(Limit);
   Fed fed;
-  ASSERT_TRUE(Upgrade(support, Hybi17Request() + Text(0x81, "right behind"), fed));
+  ASSERT_TRUE(Upgrade(support, Hybi17Request() + TextFrame("right behind"), fed));
   EXPECT_EQ(Lines({"WEBSOCKETCONNECT", "WEBSOCKETMESSAGE [right behind]"}), fed.events);
   EXPECT_EQ(
       "HTTP/1.1 101 Switching Protocols\r\nUpgrade: websocket\r\nConnection: Upgrade\r\n"
@@ -134,7 +131,7 @@ TEST(WebSocketHandshakeTest, RefusesRequestsWithoutARequiredHeaderOrWithWrongVal
     if (!Upgrade(support, request, fed)) return true;
     bool failed = support.HandshakeFailed() && fed.events.empty() && fed.wire.empty() &&
                   fed.lastResult == WebSocketSupport::NothingToDeliver;
-    Feed(support, Text(0x81, "hi"), fed);  // nothing afterwards is taken for frames
+    Feed(support, TextFrame("hi"), fed);  // nothing afterwards is taken for frames
     return failed && fed.events.empty();
   };
   auto replaced = [](std::string request, const std::string& from, const std::string& to) {
@@ -162,16 +159,6 @@ TEST(WebSocketHandshakeTest, RefusesRequestsWithoutARequiredHeaderOrWithWrongVal
   EXPECT_FALSE(refused(replaced(request, "keep-alive, Upgrade", "upgrade")));
 }
 
-TEST(WebSocketHandshakeTest, Hybi00KeyNumbers) {
-  std::uint32_t number = 0;
-  ASSERT_TRUE(Hybi00KeyNumber("4 @1  46546xW%0l 1 5", number));  // 4146546015, 5 blanks
-  EXPECT_EQ(829309203u, number);
-  EXPECT_FALSE(Hybi00KeyNumber("12  3", number));         // 123 is not divisible by 2
-  EXPECT_FALSE(Hybi00KeyNumber("12345", number));         // no blank
-  EXPECT_FALSE(Hybi00KeyNumber("99999999999 ", number));  // more than 32 bits
-  EXPECT_FALSE(Hybi00KeyNumber(std::string(40, '9') + " ", number));
-}
-
 TEST(WebSocketHandshakeTest, AnswersTheHybi00HandshakeWhereverItsChallengeIsCut) {
   const std::string request = std::string(Hybi00Request) + std::string("\x00hi\xff", 4);
   const std::string expected =
@@ -189,7 +176,13 @@ TEST(WebSocketHandshakeTest, AnswersTheHybi00HandshakeWhereverItsChallengeIsCut)
     ASSERT_EQ(expected, fed.wire);
     EXPECT_EQ(0, support.Revision());
   }
-  // A key whose digits are not divisible by its blanks fails.
+  // A key's number is its digits divided by its blanks, which must divide them and fit 32 bits.
+  std::uint32_t number = 0;
+  ASSERT_TRUE(Hybi00KeyNumber("4 @1  46546xW%0l 1 5", number));  // 4146546015, 5 blanks
+  EXPECT_EQ(829309203u, number);
+  for (const std::string& key : {std::string("12  3"), std::string("12345"),
+                                 std::string("99999999999 "), std::string(40, '9') + " "})
+    EXPECT_FALSE(Hybi00KeyNumber(key, number)) << key;
   std::string bad = request;
   bad.replace(bad.find(".P00"), 4, ".P01");
   WebSocketSupport support(Limit);
@@ -209,8 +202,8 @@ WebSocketSupport& Upgraded17(WebSocketSupport& support) {
 
 TEST(WebSocketFramesTest, ReadsMessagesOfEveryLengthFormAtEverySplitPoint) {
   const std::string medium(300, 'm');
-  const std::string stream = Text(0x81, "one") + Text(0x81, "") + Text(0x81, medium) +
-                             Text(0x01, "fin bit not needed") + Text(0x81, "t\xC3\xA9st");
+  const std::string stream = TextFrame("one") + TextFrame("") + TextFrame(medium) +
+                             ClientFrame(0x01, "fin bit not needed") + TextFrame("t\xC3\xA9st");
   for (std::size_t at = 0; at <= stream.size(); ++at) {
     WebSocketSupport support(Limit);
     Fed fed = FeedSplit(Upgraded17(support), stream, at);
@@ -223,7 +216,7 @@ TEST(WebSocketFramesTest, ReadsMessagesOfEveryLengthFormAtEverySplitPoint) {
 
 TEST(WebSocketFramesTest, ReadsA64BitLengthFrameByteByByte) {
   const std::string big(70000, 'b');
-  const std::string frame = Text(0x81, big);
+  const std::string frame = TextFrame(big);
   ASSERT_EQ(127, frame[1] & 0x7f);
   WebSocketSupport support(Limit);
   Upgraded17(support);
@@ -242,11 +235,11 @@ TEST(WebSocketFramesTest, ReadsA64BitLengthFrameByteByByte) {
 TEST(WebSocketFramesTest, FramesNotActedOnAreSkippedWhole) {
   // Ping, pong, close, binary and continuation frames, and an unmasked text frame: none is
   // delivered, none closes the connection, and what follows each is read correctly.
-  const std::string stream = ClientFrame(0x89, "ping") + Text(0x81, "a") +
+  const std::string stream = ClientFrame(0x89, "ping") + TextFrame("a") +
                              ClientFrame(0x8A, "pong") +
-                             ClientFrame(0x82, std::string(200, '\x81')) + Text(0x81, "b") +
+                             ClientFrame(0x82, std::string(200, '\x81')) + TextFrame("b") +
                              ClientFrame(0x80, "continued") + ClientFrame(0x81, "unmasked", false) +
-                             ClientFrame(0x88, "\x03\xe8") + Text(0x81, "c");
+                             ClientFrame(0x88, "\x03\xe8") + TextFrame("c");
   for (std::size_t at = 0; at <= stream.size(); ++at) {
     WebSocketSupport support(Limit);
     Fed fed = FeedSplit(Upgraded17(support), stream, at);
@@ -275,7 +268,7 @@ TEST(WebSocketFramesTest, RefusedFramesCloseWithTheirCodeAtEverySplitPoint) {
     std::string wire;
   };
   const Case cases[] = {
-      {"text above the limit", Text(0x81, big), tooBig},
+      {"text above the limit", TextFrame(big), tooBig},
       // Frames that are skipped are held to the limit as well.
       {"binary above the limit", ClientFrame(0x82, big), tooBig},
       {"continuation above the limit", ClientFrame(0x80, big), tooBig},
@@ -291,7 +284,7 @@ TEST(WebSocketFramesTest, RefusedFramesCloseWithTheirCodeAtEverySplitPoint) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string stream = Text(0x81, "fits") + c.frame + Text(0x81, "late");
+    const std::string stream = TextFrame("fits") + c.frame + TextFrame("late");
     for (std::size_t at = 0; at <= stream.size(); ++at) {
       WebSocketSupport support(200);
       Fed fed = FeedSplit(Upgraded17(support), stream, at);
@@ -302,18 +295,9 @@ TEST(WebSocketFramesTest, RefusedFramesCloseWithTheirCodeAtEverySplitPoint) {
   }
   WebSocketSupport support(200);
   Fed fed;
-  Feed(Upgraded17(support), Text(0x81, big), fed);
-  Feed(support, Text(0x81, "late"), fed);
+  Feed(Upgraded17(support), TextFrame(big), fed);
+  Feed(support, TextFrame("late"), fed);
   EXPECT_EQ(WebSocketSupport::NothingToDeliver, fed.lastResult);
-}
-
-TEST(WebSocketFramesTest, ReadingAfterCloseGivesClosed) {
-  hybi_17 specification(Limit);
-  std::vector<std::string> messages;
-  std::string wire;
-  const std::string frame = Text(0x81, "x");
-  EXPECT_EQ(hybi_17::Closed, specification.ReadFrames(frame.data(), frame.size(), messages, wire));
-  EXPECT_TRUE(messages.empty());
 }
 
 TEST(WebSocketFramesTest, WritesTheThreeLengthForms) {
@@ -362,6 +346,15 @@ TEST(WebSocketFramesTest, WritesTheThreeLengthForms) {
   wire.clear();
   noCode.Close(1005, wire);  // a code that never travels: a closing frame without one
   EXPECT_EQ(std::string("\x88\x00", 2), wire);
+  // Nothing is read before the handshake or after the close.
+  hybi_17 fresh(Limit);
+  const std::string frame = TextFrame("x");
+  for (hybi_17* specification : {&fresh, &noCode}) {
+    std::vector<std::string> messages;
+    EXPECT_EQ(hybi_17::Closed,
+              specification->ReadFrames(frame.data(), frame.size(), messages, wire));
+    EXPECT_TRUE(messages.empty());
+  }
 }
 
 // --- hybi-00 frames --------------------------------------------------------------------------
