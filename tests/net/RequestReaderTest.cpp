@@ -935,6 +935,26 @@ TEST(RequestReaderStateTest, RefusesInconsistentParseStates) {
   }
 }
 
+TEST(RequestReaderStateTest, ResetAllKeepsTheReadBufferAndEmptiesTheRest) {
+  Client::ParseData parse;
+  parse.ContentBuffer.Resize(100);
+  parse.ReadPosition = 10;
+  parse.WritePosition = 20;
+  parse.ContentLength = 100;
+  parse.ContentReceived = 50;
+  parse.Parts[0] = std::make_shared<Part>();
+  parse.State = States::ReadingContent;
+  parse.ResetAll();
+  EXPECT_EQ(16384, parse.ReadBuffer.Size());
+  EXPECT_EQ(0, parse.ContentBuffer.Size());
+  EXPECT_EQ(0, parse.ReadPosition);
+  EXPECT_EQ(0, parse.WritePosition);
+  EXPECT_EQ(0, parse.ContentLength);
+  EXPECT_EQ(0, parse.ContentReceived);
+  EXPECT_TRUE(parse.Parts.empty());
+  EXPECT_EQ(States::Waiting, parse.State);
+}
+
 TEST(RequestReaderStateTest, AsksForContinueOnlyBeforeTheBodyHasBegun) {
   using Kind = ReaderEvent::Kind;
   const std::string head = "PUT /x HTTP/1.1\r\nExpect: 100-Continue\r\nContent-Length: 3\r\n\r\n";
