@@ -2,6 +2,7 @@
 
 #include <veskan/Body.h>
 #include <veskan/Content.h>
+#include <veskan/Daemon.h>
 #include <veskan/Header.h>
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
@@ -185,6 +186,80 @@ std::vector<std::string> LoggerLines::Take() {
   std::vector<std::string> taken;
   taken.swap(lines_);
   return taken;
+}
+
+void ServerFixture::TearDown() {
+  if (server_) server_->Stop(200);
+  server_.reset();
+  EXPECT_TRUE(Daemon::WaitForAllThreads(10)) << "daemon threads still running";
+}
+
+void ServerFixture::StartServer(bool direct, const Server::Limits& limits,
+                                const StringBuffer& certificate, const StringBuffer& key) {
+  StringBuffer certificateFile = certificate;
+  StringBuffer keyFile = key;
+  server_ = std::make_shared<Server>(
+      direct, certificate.isEmpty() ? nullptr : certificateFile.getTerminatedBuffer(),
+      key.isEmpty() ? nullptr : keyFile.getTerminatedBuffer());
+  server_->SetLimits(limits);
+  server_->MessageReceivedDeferrable.connect(
+      [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
+             const std::shared_ptr<Message>& message, bool& answerLater) {
+        Note([this] { seen_.handlerThreads.push_back(std::this_thread::get_id()); });
+        if (handler_) return handler_(client, message, answerLater);
+        AnswerWithTheRequest(message);
+      });
+  server_->ClientConnected.connect([this](const std::shared_ptr<Server>&,
+                                          const std::shared_ptr<Client>& client) {
+    Note([this] { ++seen_.connected; });
+    client->Closed.connect([this](const std::shared_ptr<Client>&, const std::shared_ptr<Message>&,
+                                  const StringBuffer&, const StringBuffer& detail) {
+      Note([&] { seen_.closeDetails.push_back(detail.ToUTF8()); });
+    });
+  });
+  server_->ClientDisconnected.connect(
+      [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client) {
+        Note([&] {
+          seen_.closeReasons.push_back(client->CloseReason());
+          seen_.order.push_back("-");
+        });
+      });
+  server_->StateChanged.connect([this](const std::shared_ptr<Server>& server) {
+    Note([&] {
+      seen_.order.push_back(StringBuffer(ServerStates::ToString(server->State())).ToUTF8());
+    });
+  });
+  server_->HeadersComplete.connect(
+      [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+             const std::shared_ptr<Message>& message, const std::shared_ptr<Part>&, int length) {
+        bool bodyRead;
+        {
+          auto lock = message->Lock();
+          bodyRead = message->Request->Content != nullptr;
+        }
+        Note([&] {
+          seen_.declaredLengths.push_back(length);
+          seen_.bodiesReadBeforeTheirHeaders += bodyRead ? 1 : 0;
+        });
+      });
+  server_->PartReceived.connect(
+      [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
+             const std::shared_ptr<Message>&, const std::shared_ptr<Part>& part, int index) {
+        std::string payload(reinterpret_cast<const char*>(part->Content->Data()),
+                            static_cast<std::size_t>(part->Content->Size()));
+        Note([&] { seen_.parts.emplace_back(index, payload); });
+      });
+  ConnectSlots();
+  ASSERT_TRUE(server_->Start(u"http://127.0.0.1:0/", false));
+  ASSERT_EQ(ServerStates::Started, server_->State());
+  port_ = server_->Port();
+  ASSERT_GT(port_, 0);
+}
+
+bool ServerFixture::WaitForConnectionCount(int count) {
+  for (int i = 0; i < 200 && server_->Connections().Count() != count; ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  return server_->Connections().Count() == count;
 }
 
 }  // namespace Testing

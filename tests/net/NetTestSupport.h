@@ -1,14 +1,23 @@
 // Helpers for the network engine's tests: a blocking loopback TCP client that speaks HTTP byte by
-// byte, the engine's log lines, commands run with a shell, and the answer the test servers give.
+// byte, the engine's log lines, commands run with a shell, and a fixture with a running server.
 #ifndef VESKAN_TESTS_NET_NETTESTSUPPORT_H
 #define VESKAN_TESTS_NET_NETTESTSUPPORT_H
 
+#include <veskan/Client.h>
 #include <veskan/Logger.h>
 #include <veskan/Message.h>
+#include <veskan/Server.h>
 
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 namespace Veskan {
@@ -79,6 +88,70 @@ class LoggerLines {
   Logger::Sink previous_;
   std::mutex mutex_;
   std::vector<std::string> lines_;
+};
+
+// A fixture with a server on a loopback port of the system's choice that notes in seen_ what its
+// host sees. Its requests go to handler_, by default AnswerWithTheRequest. TearDown stops it and
+// waits for every daemon thread.
+class ServerFixture : public ::testing::Test {
+ protected:
+  using Handler =
+      std::function<void(const std::shared_ptr<Client>&, const std::shared_ptr<Message>&, bool&)>;
+
+  void TearDown() override;
+  // Called before the server starts, for a fixture's own slots.
+  virtual void ConnectSlots() {}
+
+  // Starts a server of the marshaller mode `direct`, secure when `certificate` is not empty.
+  void StartServer(bool direct = true, const Server::Limits& limits = Server::Limits(),
+                   const StringBuffer& certificate = StringBuffer(),
+                   const StringBuffer& key = StringBuffer());
+
+  // Applies `change` to what the fixture keeps under its lock, and wakes WaitFor.
+  template <typename Change>
+  void Note(Change change) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      change();
+    }
+    changed_.notify_all();
+  }
+
+  // Waits (at most 20 s) until `condition` holds under the lock.
+  template <typename Condition>
+  bool WaitFor(Condition condition) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), condition);
+  }
+
+  // `value`, read under the lock.
+  template <typename T>
+  T Read(const T& value) {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return value;
+  }
+
+  // Waits (at most 2 s) until the server lists `count` connections: a connection leaves the list
+  // right after its ClientDisconnected.
+  bool WaitForConnectionCount(int count);
+
+  std::shared_ptr<Server> server_;
+  int port_ = 0;
+  Handler handler_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  // What the host saw, guarded by mutex_ for the worker threads that report it.
+  struct {
+    std::vector<std::thread::id> handlerThreads;
+    std::vector<SocketExceptions::Enumeration> closeReasons;  // one per ClientDisconnected
+    std::vector<std::string> closeDetails;
+    std::vector<std::pair<int, std::string>> parts;  // index and payload
+    std::vector<int> declaredLengths;
+    int bodiesReadBeforeTheirHeaders = 0;  // HeadersComplete came after the body was read
+    // ClientDisconnected ("-") and server states ("Stopping", "Stopped"...) in delivery order.
+    std::vector<std::string> order;
+    int connected = 0;
+  } seen_;
 };
 
 }  // namespace Testing

@@ -14,6 +14,8 @@
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
 
+#include "NetTestSupport.h"
+
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -979,29 +981,12 @@ TEST(RequestReaderStateTest, AsksForContinueOnlyBeforeTheBodyHasBegun) {
 
 // --- The writers: what they put out reads back as one message ---------------------------------
 
-// The warnings logged while it lives.
-struct Warnings {
-  Warnings() {
-    Logger::SetThreshold(Logger::Severity::Warning);
-    previous =
-        Logger::SetSink([this](Logger::Severity::Enumeration severity, const char* text, int) {
-          if (severity == Logger::Severity::Warning) lines.push_back(text);
-        });
-  }
-  ~Warnings() {
-    Logger::SetSink(previous);
-    Logger::SetThreshold(threshold);
-  }
-  const Logger::Severity::Enumeration threshold = Logger::Threshold();
-  Logger::Sink previous;
-  std::vector<std::string> lines;
-};
-
 const std::string DroppedHeader =
-    "Veskan::Daemon::ProcessOut header dropped, its name is no token or its value holds a control "
+    "Warning: Veskan::Daemon::ProcessOut header dropped, its name is no token or its value holds a "
+    "control "
     "character or an unpaired surrogate, name: ";
 const std::string DroppedCookie =
-    "Veskan::Cookie::Collection::Write cookie dropped, a control character or an unpaired "
+    "Warning: Veskan::Cookie::Collection::Write cookie dropped, a control character or an unpaired "
     "surrogate in its name or value, name: ";
 
 // What a formatted message puts on the wire: its head, then its body.
@@ -1033,7 +1018,7 @@ TEST(ReplyWriterTest, NeverWritesAHeaderOrCookieThatWouldSplitTheReply) {
   message->Reply->Cookies[u"evil"]->Value = u"1\r\nX: y";
   message->Reply->Content = std::make_shared<Content>(u"body");
 
-  Warnings warnings;
+  Testing::LoggerLines warnings(Logger::Severity::Warning);
   std::string out = WireBytes(Detail::FormatReply(*message, false));
   // Nothing of the dropped fields arrives; no chunked framing contradicts the length.
   EXPECT_EQ(Lines({"headers 4", "message 4 close", "  GET /r0 500",
@@ -1042,11 +1027,11 @@ TEST(ReplyWriterTest, NeverWritesAHeaderOrCookieThatWouldSplitTheReply) {
                    "  content \"body\"", "outcome NeedMore"}),
             ReadEveryWay(out, ClientSide(1)));
   EXPECT_EQ((std::vector<std::string>{
-                "Veskan::Daemon::ProcessOut status code out of range, sent as 500: 42",
+                "Warning: Veskan::Daemon::ProcessOut status code out of range, sent as 500: 42",
                 DroppedHeader + "X-Split", DroppedHeader + "X-Lf", DroppedHeader + "X-Nul",
                 DroppedHeader + "X-Lone", DroppedHeader + "Bad Name", DroppedHeader + "\xC4\x8AX",
                 DroppedHeader, DroppedCookie + "evil"}),
-            warnings.lines);
+            warnings.Take());
 }
 
 TEST(ReplyWriterTest, KeepsTheRequestLineOneLineAndDropsSplittingHeaders) {
@@ -1058,16 +1043,17 @@ TEST(ReplyWriterTest, KeepsTheRequestLineOneLineAndDropsSplittingHeaders) {
   message->Request->Cookies[u"good"]->Value = u"1";
   message->Request->Cookies[u"evil\n"]->Value = u"1";
 
-  Warnings warnings;
+  Testing::LoggerLines warnings(Logger::Severity::Warning);
   std::string out = WireBytes(Detail::FormatRequest(*message));
   EXPECT_EQ(Lines({"headers 0", "message 0 close", "  POST /a%20b%0D%0AX:%20y?q=\\xC3\\xA9",
                    "  header Host: h", "  cookie good=1", "outcome Stop"}),
             ReadEveryWay(out));
-  EXPECT_EQ((std::vector<std::string>{"Veskan::Daemon::ProcessOut control character in the "
-                                      "request target percent-encoded, target: /a "
-                                      "b\\x0D\\x0AX: y?q=\xC3\xA9",
-                                      DroppedHeader + "X-Bad", DroppedCookie + "evil\\x0A"}),
-            warnings.lines);
+  EXPECT_EQ(
+      (std::vector<std::string>{"Warning: Veskan::Daemon::ProcessOut control character in the "
+                                "request target percent-encoded, target: /a "
+                                "b\\x0D\\x0AX: y?q=\xC3\xA9",
+                                DroppedHeader + "X-Bad", DroppedCookie + "evil\\x0A"}),
+      warnings.Take());
 }
 
 }  // namespace

@@ -427,50 +427,21 @@ TEST_F(TlsSetUpTest, AServerWithoutUsableCredentialsDoesNotStart) {
 }
 
 // A secure server with real peers: curl and openssl s_client, which trust the test's certificate,
-// and raw sockets.
-class TlsServerTest : public ::testing::Test {
+// and raw sockets. It answers with the request, and with BigBody for /big.
+class TlsServerTest : public Testing::ServerFixture {
  protected:
-  void SetUp() override { ASSERT_TRUE(files_.made); }
-  void TearDown() override {
-    if (server_) server_->Stop(200);
-    server_.reset();
-    EXPECT_TRUE(Daemon::WaitForAllThreads(10)) << "daemon threads still running";
-  }
-
-  // Starts a secure server on a port the system chooses; it answers with the request (see
-  // AnswerWithTheRequest), and with BigBody for /big.
-  void StartServer() {
-    StringBuffer certificate = files_.certificatePem;
-    StringBuffer key = files_.keyPem;
-    server_ = std::make_shared<Server>(true, certificate.getTerminatedBuffer(),
-                                       key.getTerminatedBuffer());
-    server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
-                                        const std::shared_ptr<Client>&,
-                                        const std::shared_ptr<Message>& message) {
+  void SetUp() override {
+    ASSERT_TRUE(files_.made);
+    handler_ = [](const std::shared_ptr<Client>&, const std::shared_ptr<Message>& message, bool&) {
       Testing::AnswerWithTheRequest(message);
       auto lock = message->Lock();
-      if (message->Url->Path == StringBuffer(u"/big")) {
-        const std::string text = BigBody();
-        message->Reply->Content = std::make_shared<Content>(
-            reinterpret_cast<const unsigned char*>(text.data()), static_cast<int>(text.size()));
-      }
-    });
-    server_->ClientConnected.connect(
-        [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          ++connected_;
-          changed_.notify_all();
-        });
-    server_->ClientDisconnected.connect(
-        [this](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client) {
-          std::lock_guard<std::mutex> lock(mutex_);
-          refused_ += client->CloseReason() == SocketExceptions::HTTPProtocolViolation ? 1 : 0;
-          changed_.notify_all();
-        });
-    ASSERT_TRUE(server_->Start(u"http://localhost:0/", false));
+      if (message->Url->Path != StringBuffer(u"/big")) return;
+      const std::string body = BigBody();
+      message->Reply->Content = std::make_shared<Content>(
+          reinterpret_cast<const unsigned char*>(body.data()), static_cast<int>(body.size()));
+    };
+    StartServer(true, Server::Limits(), files_.certificatePem, files_.keyPem);
     ASSERT_TRUE(server_->IsSecure());
-    port_ = server_->Port();
-    ASSERT_GT(port_, 0);
     base_ = "https://127.0.0.1:" + std::to_string(port_);
   }
 
@@ -481,16 +452,10 @@ class TlsServerTest : public ::testing::Test {
     return body;
   }
 
-  // Waits (at most 20 s) until `condition` holds under the lock.
-  template <typename Condition>
-  bool WaitFor(Condition condition) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20), condition);
-  }
-
-  int Read(const int& count) {
-    std::lock_guard<std::mutex> lock(mutex_);
-    return count;
+  // The connections of `reasons` closed for a protocol violation.
+  static int Refused(const std::vector<SocketExceptions::Enumeration>& reasons) {
+    return static_cast<int>(
+        std::count(reasons.begin(), reasons.end(), SocketExceptions::HTTPProtocolViolation));
   }
 
   std::string Curl(const std::string& arguments) {
@@ -508,17 +473,10 @@ class TlsServerTest : public ::testing::Test {
   }
 
   const Credentials& files_ = TheCredentials();
-  std::shared_ptr<Server> server_;
-  int port_ = 0;
   std::string base_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  int connected_ = 0;  // connections accepted
-  int refused_ = 0;    // connections closed for a protocol violation
 };
 
 TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
-  StartServer();
   EXPECT_EQ("GET /plain?q=1|", Curl("'" + base_ + "/plain?q=1'"));
   EXPECT_EQ("GET /name|", Curl("--resolve localhost:" + std::to_string(port_) +
                                ":127.0.0.1 https://localhost:" + std::to_string(port_) + "/name"))
@@ -527,10 +485,10 @@ TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
   EXPECT_EQ(BigBody(), Curl(base_ + "/big"));
 
   // Three requests over one TLS connection.
-  const int before = Read(connected_);
+  const int before = Read(seen_.connected);
   EXPECT_EQ("GET /one|GET /two|GET /three|", Curl("-H 'Connection: keep-alive' " + base_ + "/one " +
                                                   base_ + "/two " + base_ + "/three"));
-  EXPECT_TRUE(WaitFor([&] { return connected_ == before + 1; }));
+  EXPECT_TRUE(WaitFor([&] { return seen_.connected == before + 1; }));
 
   int exitStatus = -1;
   std::string answer =
@@ -541,7 +499,6 @@ TEST_F(TlsServerTest, ServesCurlAndOpenSslWithKeepAlive) {
 }
 
 TEST_F(TlsServerTest, CarriesWebSocketFrames) {
-  StartServer();
   // Echo once, then close: the client's session ends with the connection.
   server_->WebSocketMessage.connect([this](const std::shared_ptr<Server>&,
                                            const std::shared_ptr<Client>& client,
@@ -565,7 +522,6 @@ TEST_F(TlsServerTest, CarriesWebSocketFrames) {
 }
 
 TEST_F(TlsServerTest, SpeaksTls12And13Only) {
-  StartServer();
   const std::pair<const char*, const char*> accepted[] = {{"-tls1_2", "TLSv1.2"},
                                                           {"-tls1_3", "TLSv1.3"}};
   for (const auto& [option, protocol] : accepted) {
@@ -580,16 +536,15 @@ TEST_F(TlsServerTest, SpeaksTls12And13Only) {
   // server's.
   for (const char* option : {"-tls1_1", "-tls1"}) {
     SCOPED_TRACE(option);
-    const int refused = Read(refused_);
+    const int refused = Refused(Read(seen_.closeReasons));
     int exitStatus = 0;
     SecureClient(std::string(option) + " -cipher DEFAULT:@SECLEVEL=0", "", exitStatus);
     EXPECT_NE(0, exitStatus);
-    EXPECT_TRUE(WaitFor([&] { return refused_ == refused + 1; }));
+    EXPECT_TRUE(WaitFor([&] { return Refused(seen_.closeReasons) == refused + 1; }));
   }
 }
 
 TEST_F(TlsServerTest, DropsPeersThatDoNotSpeakTlsAndServesTheOthers) {
-  StartServer();
   std::mt19937 random(20240601);
   std::string noise(300, '\0');
   for (char& byte : noise)
@@ -603,7 +558,7 @@ TEST_F(TlsServerTest, DropsPeersThatDoNotSpeakTlsAndServesTheOthers) {
   std::vector<std::unique_ptr<RawConnection>> bad;
   for (std::size_t i = 0; i < 3; ++i)
     bad.push_back(std::make_unique<RawConnection>(port_));
-  ASSERT_TRUE(WaitFor([this] { return connected_ == 3; }));
+  ASSERT_TRUE(WaitFor([this] { return seen_.connected == 3; }));
   for (std::size_t i = 0; i < bad.size(); ++i)
     ASSERT_TRUE(bad[i]->Send(peers[i]));
   EXPECT_EQ("GET /meanwhile|", Curl(base_ + "/meanwhile"));
@@ -612,7 +567,7 @@ TEST_F(TlsServerTest, DropsPeersThatDoNotSpeakTlsAndServesTheOthers) {
     EXPECT_EQ(std::string::npos, bad[i]->ReadUntilClosed().find("HTTP/1.1"))
         << "no plain HTTP from a secure port";
   }
-  EXPECT_TRUE(WaitFor([this] { return refused_ == 3; }));
+  EXPECT_TRUE(WaitFor([this] { return Refused(seen_.closeReasons) == 3; }));
   EXPECT_EQ("GET /after|", Curl(base_ + "/after"));
 }
 

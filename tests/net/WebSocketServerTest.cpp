@@ -24,32 +24,28 @@ using Testing::ClientFrame;
 using Testing::RawConnection;
 using Testing::TextFrame;
 
-// One event as the host saw it: "CONNECT /ws", "MESSAGE a|b", "DISCONNECT".
-struct Event {
-  std::shared_ptr<Client> client;
-  std::string text;
-};
-
 // Reads one unmasked server frame: its first byte and its payload; {-1, ""} when none came.
 std::pair<int, std::string> ReadFrame(RawConnection& connection) {
   std::string head = connection.ReadBytes(2);
   if (head.size() != 2) return {-1, std::string()};
   std::uint64_t length = static_cast<unsigned char>(head[1]) & 0x7f;
-  int extended = length == 126 ? 2 : length == 127 ? 8 : 0;
+  const int extended = length == 126 ? 2 : length == 127 ? 8 : 0;
   if (extended > 0) {
-    std::string bytes = connection.ReadBytes(static_cast<std::size_t>(extended));
     length = 0;
-    for (char byte : bytes)
+    for (char byte : connection.ReadBytes(static_cast<std::size_t>(extended)))
       length = (length << 8) | static_cast<unsigned char>(byte);
   }
   return {static_cast<unsigned char>(head[0]),
           connection.ReadBytes(static_cast<std::size_t>(length))};
 }
 
-class WebSocketServerTest : public ::testing::Test {
+// Every test starts a server whose host notes each WebSocket event, as "CONNECT /ws", "MESSAGE a|b"
+// or "DISCONNECT", with its connection and thread, and echoes each message while echo_ holds.
+class WebSocketServerTest : public Testing::ServerFixture {
  protected:
-  void SetUp() override {
-    server_ = std::make_shared<Server>(true, nullptr, nullptr);
+  void SetUp() override { StartServer(); }
+
+  void ConnectSlots() override {
     server_->WebSocketMessage.connect([this](const std::shared_ptr<Server>&,
                                              const std::shared_ptr<Client>& client,
                                              const std::shared_ptr<WSData>& data) {
@@ -70,45 +66,32 @@ class WebSocketServerTest : public ::testing::Test {
           text = client->GetSocket() >= 0 ? "DISCONNECT" : "DISCONNECT after the socket closed";
           break;
       }
-      {
-        std::lock_guard<std::mutex> lock(mutex_);
-        events_.push_back(Event{client, text});
-      }
-      changed_.notify_all();
+      Note([&] {
+        events_.emplace_back(client, text);
+        eventThreads_.push_back(std::this_thread::get_id());
+      });
     });
-    server_->MessageReceived.connect([](const std::shared_ptr<Server>&,
-                                        const std::shared_ptr<Client>&,
-                                        const std::shared_ptr<Message>& message) {
-      auto lock = message->Lock();
-      message->StatusCode = 200;
-    });
-    ASSERT_TRUE(server_->Start(u"http://localhost:0/"));
   }
 
-  void TearDown() override {
-    server_->Stop(200);
-    server_.reset();
-    EXPECT_TRUE(Daemon::WaitForAllThreads(10));
-  }
-
-  // Waits (at most 10 s) until `count` events have been seen; returns their texts.
+  // Waits until `count` events have been seen; returns their texts.
   std::vector<std::string> WaitForEvents(std::size_t count) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait_for(lock, std::chrono::seconds(10), [&] { return events_.size() >= count; });
     std::vector<std::string> texts;
-    for (const Event& event : events_)
-      texts.push_back(event.text);
+    WaitFor([&] {
+      texts.clear();
+      for (const auto& event : events_)
+        texts.push_back(event.second);
+      return events_.size() >= count;
+    });
     return texts;
   }
 
-  // Waits (at most 10 s) until the events, joined by ";", contain `text`; returns them joined.
+  // Waits until the events, joined by ";", contain `text`; returns them joined.
   std::string WaitForText(const std::string& text) {
-    std::unique_lock<std::mutex> lock(mutex_);
     std::string joined;
-    changed_.wait_for(lock, std::chrono::seconds(10), [&] {
+    WaitFor([&] {
       joined.clear();
-      for (const Event& event : events_)
-        joined += event.text + ";";
+      for (const auto& event : events_)
+        joined += event.second + ";";
       return joined.find(text) != std::string::npos;
     });
     return joined;
@@ -116,7 +99,7 @@ class WebSocketServerTest : public ::testing::Test {
 
   std::shared_ptr<Client> ClientOfEvent(std::size_t index) {
     std::lock_guard<std::mutex> lock(mutex_);
-    return index < events_.size() ? events_[index].client : nullptr;
+    return index < events_.size() ? events_[index].first : nullptr;
   }
 
   // Upgrades `connection` with the RFC 6455 handshake; true on "101".
@@ -125,15 +108,13 @@ class WebSocketServerTest : public ::testing::Test {
     return connection.ReadResponse().compare(0, 12, "HTTP/1.1 101") == 0;
   }
 
-  std::shared_ptr<Server> server_;
   bool echo_ = true;
-  std::mutex mutex_;
-  std::condition_variable changed_;
-  std::vector<Event> events_;
+  std::vector<std::pair<std::shared_ptr<Client>, std::string>> events_;
+  std::vector<std::thread::id> eventThreads_;
 };
 
 TEST_F(WebSocketServerTest, EchoesMessagesOfTheRfc6455Protocol) {
-  RawConnection connection(server_->Port());
+  RawConnection connection(port_);
   connection.Send(Testing::Hybi17Request("/ws?room=1"));
   std::string answer = connection.ReadResponse();
   EXPECT_EQ(0u, answer.find("HTTP/1.1 101 Switching Protocols\r\n")) << answer;
@@ -165,7 +146,7 @@ TEST_F(WebSocketServerTest, EchoesMessagesOfTheRfc6455Protocol) {
 }
 
 TEST_F(WebSocketServerTest, EchoesMessagesOfTheHybi00ProtocolWithTheChallengeSentLater) {
-  RawConnection connection(server_->Port());
+  RawConnection connection(port_);
   const std::string request = Testing::Hybi00Request;
   connection.Send(request.substr(0, request.size() - 8));
   connection.Send(request.substr(request.size() - 8));
@@ -187,7 +168,7 @@ TEST_F(WebSocketServerTest, EchoesMessagesOfTheHybi00ProtocolWithTheChallengeSen
 }
 
 TEST_F(WebSocketServerTest, EitherSideMayCloseAndTheHostHearsOfItOnce) {
-  RawConnection connection(server_->Port());
+  RawConnection connection(port_);
   ASSERT_TRUE(Upgrade(connection));
   ASSERT_EQ(1u, WaitForEvents(1).size());
   std::shared_ptr<Client> client = ClientOfEvent(0);
@@ -198,7 +179,7 @@ TEST_F(WebSocketServerTest, EitherSideMayCloseAndTheHostHearsOfItOnce) {
   EXPECT_FALSE(client->WriteThroughWebSocket(StringBuffer(u"late")));
   client->CloseWebSocket(1000);  // a second close changes nothing
 
-  RawConnection leaving(server_->Port());
+  RawConnection leaving(port_);
   ASSERT_TRUE(Upgrade(leaving, "/leaving"));
   leaving.Close();
   EXPECT_EQ(
@@ -208,9 +189,9 @@ TEST_F(WebSocketServerTest, EitherSideMayCloseAndTheHostHearsOfItOnce) {
 }
 
 TEST_F(WebSocketServerTest, AMalformedFrameClosesOnlyItsConnection) {
-  RawConnection bystander(server_->Port());
+  RawConnection bystander(port_);
   ASSERT_TRUE(Upgrade(bystander));
-  RawConnection bad(server_->Port());
+  RawConnection bad(port_);
   ASSERT_TRUE(Upgrade(bad));
   ASSERT_EQ(2u, WaitForEvents(2).size());
   // A length with its top bit set: protocol error 1002, then the connection goes.
@@ -222,22 +203,22 @@ TEST_F(WebSocketServerTest, AMalformedFrameClosesOnlyItsConnection) {
 
   bystander.Send(TextFrame("still here"));
   EXPECT_EQ(std::make_pair(0x81, std::string("still here")), ReadFrame(bystander));
-  RawConnection http(server_->Port());
+  RawConnection http(port_);
   http.Send("GET /x HTTP/1.1\r\nHost: h\r\n\r\n");
   EXPECT_EQ(0u, http.ReadResponse().find("HTTP/1.1 200"));
 }
 
 TEST_F(WebSocketServerTest, ARefusedHandshakeOrAServerWithoutListenersAnswers400AndCloses) {
-  RawConnection connection(server_->Port());
+  RawConnection connection(port_);
   connection.Send(Testing::Hybi17Request("/ws", "Sec-WebSocket-Key"));
   EXPECT_EQ(0u, connection.ReadUntilClosed().find("HTTP/1.1 400 Bad Request\r\n"));
   // Nothing reached the host; a good upgrade afterwards is the first event.
-  RawConnection good(server_->Port());
+  RawConnection good(port_);
   ASSERT_TRUE(Upgrade(good, "/second"));
   EXPECT_EQ("CONNECT /second", WaitForEvents(1)[0]);
 
   server_->WebSocketMessage.disconnect_all_slots();
-  RawConnection unheard(server_->Port());
+  RawConnection unheard(port_);
   unheard.Send(Testing::Hybi17Request("/ws"));
   EXPECT_EQ(0u, unheard.ReadUntilClosed().find("HTTP/1.1 400 Bad Request\r\n"));
 }
@@ -245,7 +226,7 @@ TEST_F(WebSocketServerTest, ARefusedHandshakeOrAServerWithoutListenersAnswers400
 TEST_F(WebSocketServerTest, AnUpgradeBehindARequestWaitsForItsReplyOrBreaksTheProtocol) {
   // Answered at once: the reply leaves before the handshake's answer.
   {
-    RawConnection connection(server_->Port());
+    RawConnection connection(port_);
     connection.Send("GET /a HTTP/1.1\r\nHost: h\r\nConnection: keep-alive\r\n\r\n" +
                     Testing::Hybi17Request("/ws"));
     EXPECT_EQ(0u, connection.ReadResponse().find("HTTP/1.1 200 OK\r\n"));
@@ -255,7 +236,7 @@ TEST_F(WebSocketServerTest, AnUpgradeBehindARequestWaitsForItsReplyOrBreaksThePr
   server_->MessageReceivedDeferrable.connect(
       [](const std::shared_ptr<Server>&, const std::shared_ptr<Client>&,
          const std::shared_ptr<Message>&, bool& answerLater) { answerLater = true; });
-  RawConnection connection(server_->Port());
+  RawConnection connection(port_);
   connection.Send("GET /a HTTP/1.1\r\nHost: h\r\nConnection: keep-alive\r\n\r\n" +
                   Testing::Hybi17Request("/ws"));
   std::string all = connection.ReadUntilClosed();
@@ -264,7 +245,7 @@ TEST_F(WebSocketServerTest, AnUpgradeBehindARequestWaitsForItsReplyOrBreaksThePr
 
 TEST_F(WebSocketServerTest, AClientThatDoesNotReadIsClosedAtTheBacklogLimit) {
   echo_ = false;
-  RawConnection connection(server_->Port(), 30);
+  RawConnection connection(port_, 30);
   ASSERT_TRUE(Upgrade(connection));
   ASSERT_EQ(1u, WaitForEvents(1).size());
   std::shared_ptr<Client> client = ClientOfEvent(0);
@@ -279,20 +260,13 @@ TEST_F(WebSocketServerTest, AClientThatDoesNotReadIsClosedAtTheBacklogLimit) {
   EXPECT_EQ("DISCONNECT", WaitForEvents(2).back());
 }
 
-TEST(WebSocketWindowModeTest, EventsArriveOnTheOwnerThreadAndItsAnswersLeave) {
-  auto server = std::make_shared<Server>(false, nullptr, nullptr);
-  std::vector<std::thread::id> threads;
-  std::vector<Methods::Enumeration> methods;
-  server->WebSocketMessage.connect([&](const std::shared_ptr<Server>&,
-                                       const std::shared_ptr<Client>& client,
-                                       const std::shared_ptr<WSData>& data) {
-    threads.push_back(std::this_thread::get_id());
-    methods.push_back(data->Method);
-    for (const StringBuffer& message : data->Messages)
-      client->WriteThroughWebSocket(StringBuffer(u"re: ") + message);
-  });
-  ASSERT_TRUE(server->Start(u"http://localhost:0/"));
-  RawConnection connection(server->Port());
+class WebSocketWindowModeTest : public WebSocketServerTest {
+ protected:
+  void SetUp() override { StartServer(false); }
+};
+
+TEST_F(WebSocketWindowModeTest, EventsArriveOnTheOwnerThreadAndItsAnswersLeave) {
+  RawConnection connection(port_);
   connection.Send(Testing::Hybi17Request("/ws") + TextFrame("window"));
   // The answers need this thread's event loop: read them on another one meanwhile.
   std::string answer;
@@ -302,19 +276,15 @@ TEST(WebSocketWindowModeTest, EventsArriveOnTheOwnerThreadAndItsAnswersLeave) {
     echo = ReadFrame(connection);
     connection.Close();
   });
-  auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (methods.size() < 3 && std::chrono::steady_clock::now() < deadline)
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (Read(events_).size() < 3 && std::chrono::steady_clock::now() < deadline)
     DaemonMarshaller::RunEventLoopOnce();
   reader.join();
   EXPECT_EQ(0u, answer.find("HTTP/1.1 101"));
-  EXPECT_EQ(std::make_pair(0x81, std::string("re: window")), echo);
-  EXPECT_EQ((std::vector<Methods::Enumeration>{Methods::WEBSOCKETCONNECT, Methods::WEBSOCKETMESSAGE,
-                                               Methods::WEBSOCKETDISCONNECT}),
-            methods);
-  for (std::thread::id id : threads)
-    EXPECT_EQ(std::this_thread::get_id(), id);
-  server->Stop(200);
-  EXPECT_TRUE(Daemon::WaitForAllThreads(10));
+  EXPECT_EQ(std::make_pair(0x81, std::string("window")), echo);
+  EXPECT_EQ((std::vector<std::string>{"CONNECT /ws", "MESSAGE window", "DISCONNECT"}),
+            WaitForEvents(3));
+  EXPECT_EQ(std::vector<std::thread::id>(3, std::this_thread::get_id()), Read(eventThreads_));
 }
 
 }  // namespace

@@ -200,18 +200,33 @@ WebSocketSupport& Upgraded17(WebSocketSupport& support) {
   return support;
 }
 
-TEST(WebSocketFramesTest, ReadsMessagesOfEveryLengthFormAtEverySplitPoint) {
+TEST(WebSocketFramesTest, ReadsEveryLengthFormAndSkipsFramesNotActedOnAtEverySplitPoint) {
+  // Ping, pong, close, binary and continuation frames, and an unmasked text frame: none is
+  // delivered, none closes the connection, and what follows each is read correctly.
   const std::string medium(300, 'm');
   const std::string stream = TextFrame("one") + TextFrame("") + TextFrame(medium) +
-                             ClientFrame(0x01, "fin bit not needed") + TextFrame("t\xC3\xA9st");
+                             ClientFrame(0x01, "fin bit not needed") + TextFrame("t\xC3\xA9st") +
+                             ClientFrame(0x89, "ping") + TextFrame("a") +
+                             ClientFrame(0x8A, "pong") +
+                             ClientFrame(0x82, std::string(200, '\x81')) + TextFrame("b") +
+                             ClientFrame(0x80, "continued") + ClientFrame(0x81, "unmasked", false) +
+                             ClientFrame(0x88, "\x03\xe8") + TextFrame("c");
   for (std::size_t at = 0; at <= stream.size(); ++at) {
     WebSocketSupport support(Limit);
     Fed fed = FeedSplit(Upgraded17(support), stream, at);
-    ASSERT_EQ(" [one] [] [" + medium + "] [fin bit not needed] [t\xC3\xA9st]", MessagesOf(fed))
+    ASSERT_EQ(" [one] [] [" + medium + "] [fin bit not needed] [t\xC3\xA9st] [a] [b] [c]",
+              MessagesOf(fed))
         << "split at " << at;
     EXPECT_TRUE(support.IsOpen());
     EXPECT_TRUE(fed.wire.empty());
   }
+  // A lone ping is not delivered: more bytes needed, connection open.
+  WebSocketSupport support(Limit);
+  Fed fed;
+  Feed(Upgraded17(support), ClientFrame(0x89, ""), fed);
+  EXPECT_EQ(WebSocketSupport::NeedMore, fed.lastResult);
+  EXPECT_TRUE(fed.events.empty());
+  EXPECT_TRUE(support.IsOpen());
 }
 
 TEST(WebSocketFramesTest, ReadsA64BitLengthFrameByteByByte) {
@@ -230,30 +245,6 @@ TEST(WebSocketFramesTest, ReadsA64BitLengthFrameByteByByte) {
   ASSERT_EQ(1u, fed.events.size());
   EXPECT_EQ(WebSocketSupport::Deliver, fed.lastResult);
   EXPECT_EQ("WEBSOCKETMESSAGE [" + big + "]", fed.events[0]);
-}
-
-TEST(WebSocketFramesTest, FramesNotActedOnAreSkippedWhole) {
-  // Ping, pong, close, binary and continuation frames, and an unmasked text frame: none is
-  // delivered, none closes the connection, and what follows each is read correctly.
-  const std::string stream = ClientFrame(0x89, "ping") + TextFrame("a") +
-                             ClientFrame(0x8A, "pong") +
-                             ClientFrame(0x82, std::string(200, '\x81')) + TextFrame("b") +
-                             ClientFrame(0x80, "continued") + ClientFrame(0x81, "unmasked", false) +
-                             ClientFrame(0x88, "\x03\xe8") + TextFrame("c");
-  for (std::size_t at = 0; at <= stream.size(); ++at) {
-    WebSocketSupport support(Limit);
-    Fed fed = FeedSplit(Upgraded17(support), stream, at);
-    ASSERT_EQ(" [a] [b] [c]", MessagesOf(fed)) << "split at " << at;
-    EXPECT_TRUE(support.IsOpen());
-    EXPECT_TRUE(fed.wire.empty());
-  }
-  // A lone ping is not delivered: more bytes needed, connection open.
-  WebSocketSupport support(Limit);
-  Fed fed;
-  Feed(Upgraded17(support), ClientFrame(0x89, ""), fed);
-  EXPECT_EQ(WebSocketSupport::NeedMore, fed.lastResult);
-  EXPECT_TRUE(fed.events.empty());
-  EXPECT_TRUE(support.IsOpen());
 }
 
 TEST(WebSocketFramesTest, RefusedFramesCloseWithTheirCodeAtEverySplitPoint) {
