@@ -147,8 +147,8 @@ TEST(CookieWriteTest, LeavesOutCookiesHoldingControlCharacters) {
       "Veskan::Cookie::Collection::Write cookie dropped, a control character or an unpaired "
       "surrogate in its name or value, name: ";
   EXPECT_EQ(warnings, (std::vector<std::string>{
-                          dropped + "lf", dropped + "lone", dropped + "n\\x0D\\x0Aame", dropped + "nul",
-                          dropped + "split", dropped + "tab", dropped + "x"}));
+                          dropped + "lf", dropped + "lone", dropped + "n\\x0D\\x0Aame",
+                          dropped + "nul", dropped + "split", dropped + "tab", dropped + "x"}));
 }
 
 TEST(CookieWriteTest, OnlyTheLibrarysOwnConstantsAreAccepted) {
