@@ -10,7 +10,6 @@
 #include "net/OutputQueue.h"
 
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <mutex>
 #include <vector>
@@ -109,12 +108,14 @@ class Connection {
   std::shared_ptr<WebSocketSupport> webSocket;  // set by an upgrade request
   bool webSocketAnnounced = false;  // WEBSOCKETCONNECT delivered, WEBSOCKETDISCONNECT owed
 
-  std::deque<Exchange> exchanges;  // in order of arrival (server) or of Send (outgoing)
-  std::deque<std::shared_ptr<Message>> inFlight;  // outgoing: written, reply not complete
-  OutputQueue out;                                // bytes for the socket
+  // The lists below hold a handful of entries at most and are empty while the connection is
+  // idle, so they are vectors, which allocate nothing while empty.
+  std::vector<Exchange> exchanges;  // in order of arrival (server) or of Send (outgoing)
+  std::vector<std::shared_ptr<Message>> inFlight;  // outgoing: written, reply not complete
+  OutputQueue out;                                 // bytes for the socket
   OutputQueue plain;             // TLS: plaintext not yet encrypted (bounded by what `out` holds)
   bool closeNotifyOwed = false;  // TLS: close_notify goes out behind `plain`
-  std::deque<WrittenMark> written;
+  std::vector<WrittenMark> written;
 
   bool closeAfterWrite = false;  // the last queued reply ends the connection
   bool readStopped = false;      // no further message is read

@@ -243,7 +243,7 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
           if (serverSide) {
             connection.exchanges.push_back(Detail::Exchange{event.Subject, event.KeepAlive, false});
           } else if (!connection.inFlight.empty()) {
-            connection.inFlight.pop_front();
+            connection.inFlight.erase(connection.inFlight.begin());
           }
           break;
         case ReaderEvent::Kind::HeadersComplete:
@@ -277,7 +277,7 @@ std::vector<std::shared_ptr<Message>> Daemon::FormatAnswered(
   while (!connection.closing && !connection.closeAfterWrite && !connection.exchanges.empty() &&
          connection.exchanges.front().answered) {
     Detail::Exchange exchange = std::move(connection.exchanges.front());
-    connection.exchanges.pop_front();
+    connection.exchanges.erase(connection.exchanges.begin());
     // Only this worker formats for the connection, so the order of the queue is kept while the
     // message is formatted under its own lock alone.
     lock.unlock();
@@ -323,7 +323,7 @@ bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
   std::vector<std::shared_ptr<Message>> sent;
   while (!connection.written.empty() && connection.HasSent(connection.written.front().end)) {
     sent.push_back(std::move(connection.written.front().message));
-    connection.written.pop_front();
+    connection.written.erase(connection.written.begin());
   }
   bool closeNow = false;
   if (!connection.HasOutput() && !connection.shutDown) {

@@ -38,6 +38,17 @@ std::int64_t Seconds(int seconds) {
   return static_cast<std::int64_t>(seconds) * NanosecondsPerSecond;
 }
 
+// Gives the allocator's free pages back, at most once a second for the whole process (a trim
+// walks every arena). Called when read buffers were given back: after a burst of connections
+// that went idle, their freed buffers would otherwise stay resident, and be most of their cost.
+void ReleaseFreeMemorySometimes(std::int64_t now) {
+  static std::atomic<std::int64_t> last{0};
+  std::int64_t previous = last.load(std::memory_order_relaxed);
+  if (now - previous < NanosecondsPerSecond) return;
+  if (!last.compare_exchange_strong(previous, now)) return;
+  Sys::ReleaseFreeMemory();
+}
+
 // Why a connection must go, found by the periodic pass.
 struct Verdict {
   SocketExceptions::Enumeration reason = SocketExceptions::None;
@@ -374,6 +385,7 @@ void Daemon::ProcessAllClients() {
   }
   int connecting = 0;
   int other = 0;
+  bool buffersGiven = false;
   std::int64_t now = MonotonicNanoseconds();
   for (const ConnectionPointer& connection : connections) {
     std::unique_lock<std::recursive_mutex> lock(connection->mutex);
@@ -390,6 +402,7 @@ void Daemon::ProcessAllClients() {
         parse.State == Client::ParseData::States::Waiting && parse.ReadBuffer.Size() > 0) {
       parse.ReadBuffer.Resize(0);
       parse.ReadPosition = parse.WritePosition = 0;
+      buffersGiven = true;
     }
     std::shared_ptr<Client> owner = connection->owner;
     StringBuffer peer = connection->peerAddress;
@@ -404,6 +417,7 @@ void Daemon::ProcessAllClients() {
       CloseClient(connection, verdict.reason, StringBuffer(verdict.detail));
     }
   }
+  if (buffersGiven) ReleaseFreeMemorySometimes(now);
   Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessAllClients")
       << " connectedClientCount: " << static_cast<int>(connections.size()) - connecting - other
       << " connectingClientCount: " << connecting << " otherStateCount: " << other
