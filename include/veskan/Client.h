@@ -88,6 +88,18 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // read cannot make the server hold unbounded data).
   bool WriteThroughWebSocket(const StringBuffer& text);
   bool WriteThroughWebSocket(const std::shared_ptr<Content>& content);
+  // True when the request of `message` carries credentials the server's lookup accepts
+  // (Server::SetAuthorization): Basic, or Digest with MD5 or SHA-256, qop "auth", a nonce this
+  // server issued within the last five minutes and a nonce count higher than any accepted with
+  // that nonce. Otherwise the message is answered 401 with one "WWW-Authenticate" challenge per
+  // scheme (Digest SHA-256, Digest MD5, Basic; stale=true when only the nonce had expired), to be
+  // sent as any reply is, and the result is false. Credentials never appear in log lines.
+  bool Authorized(const std::shared_ptr<Message>& message);
+  // The same against the one user `userName` with `password` instead of the lookup; a refusal is
+  // answered 401 only when `answerRefusal` is true.
+  bool Authorized(const std::shared_ptr<Message>& message, const char16_t* userName,
+                  const char16_t* password, bool answerRefusal);
+
   // Sends the protocol's closing frame (with `code` where the protocol carries one) and closes
   // the connection once it has left. Nothing on a connection that is not an open WebSocket.
   void CloseWebSocket(int code = 1000);

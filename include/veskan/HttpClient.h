@@ -53,10 +53,10 @@ class VESKAN_API HttpClient : public std::enable_shared_from_this<HttpClient> {
 
   // What a credential prompt is told.
   struct CredentialRequest {
-    int StatusCode = 0;   // 401 (the server asks) or 407 (the proxy asks)
-    StringBuffer Url;     // the request's full URL
-    StringBuffer Realm;   // the first challenge header's value, as the server sent it
-    int Attempt = 0;      // 1 on the first prompt of a transfer
+    int StatusCode = 0;  // 401 (the server asks) or 407 (the proxy asks)
+    StringBuffer Url;    // the request's full URL
+    StringBuffer Realm;  // the first challenge header's value, as the server sent it
+    int Attempt = 0;     // 1 on the first prompt of a transfer
   };
   // What a credential prompt answers.
   struct Credentials {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <string>
 
 namespace Veskan {
 
@@ -21,6 +22,7 @@ class NetworkPerformanceMonitor;
 class TransportLayerSecurity;
 
 namespace Detail {
+class Authenticator;
 class TlsContext;
 }  // namespace Detail
 
@@ -140,6 +142,23 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   void SetLimits(const Limits& limits);
   Limits GetLimits() const;
 
+  // What the host's credential lookup answers for a user name: the password, or, for Digest
+  // only, H(user ":" realm ":" password) in lower-case hexadecimal per algorithm, so that the
+  // host need not keep the password itself.
+  struct Credential {
+    StringBuffer Password;
+    std::string DigestMD5;     // used when Password is empty
+    std::string DigestSHA256;  // used when Password is empty
+  };
+  // Returns true with `credential` filled in for a known user, false for an unknown one. Called
+  // by Client::Authorized on the thread that calls it.
+  using CredentialLookup =
+      std::function<bool(const StringBuffer& userName, Credential& credential)>;
+  // The realm and the lookup that Client::Authorized checks requests against (Basic, and Digest
+  // with MD5 or SHA-256 and qop "auth"). Without a lookup only the second form of Authorized
+  // accepts anyone.
+  void SetAuthorization(const StringBuffer& realm, CredentialLookup lookup);
+
   // Signals (the marshaller kind in brackets).
   // The state changed [7].
   DaemonMarshaller::ServerSignal StateChanged;
@@ -179,6 +198,8 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   int ListeningSocket() const;
   // A TLS session for a new connection of a started secure server; null otherwise.
   std::shared_ptr<TransportLayerSecurity> NewTlsSession() const;
+  // The checks of Client::Authorized (made on first use when the host set none).
+  std::shared_ptr<Detail::Authenticator> Authentication();
 
   std::shared_ptr<DaemonMarshaller> marshaller_;
   StringBuffer certificate_;
@@ -195,6 +216,7 @@ class VESKAN_API Server : public std::enable_shared_from_this<Server> {
   int listeningSocket_ = -1;
   Client::Collection connections_;
   std::shared_ptr<Detail::TlsContext> tlsContext_;  // a secure server's settings, built by Start
+  std::shared_ptr<Detail::Authenticator> authenticator_;
 };
 
 // The engine's diagnostic sink: lines at or above a threshold go to the system log (syslog with

@@ -123,8 +123,8 @@ class HttpClient::Engine : public std::enable_shared_from_this<HttpClient::Engin
   ClientSettings settings_;
   std::vector<CurlEasy> idleHandles_;
   std::deque<std::unique_ptr<Transfer>> queued_;  // background transfers not yet started
-  int inFlight_ = 0;            // prepared and not yet Loaded, both kinds
-  int backgroundInFlight_ = 0;  // the background ones among them
+  int inFlight_ = 0;                              // prepared and not yet Loaded, both kinds
+  int backgroundInFlight_ = 0;                    // the background ones among them
   std::atomic<bool> cancel_{false};
   CurlMulti multi_;
   std::thread worker_;  // read and replaced under lifecycle_
@@ -228,9 +228,10 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
   const Url& base = *base_;
   if (!request.Headers.Contains(Header::Host)) {
     StringBuffer host = UrlHost(base.Host);
-    const int defaultPort = Schemes::DefaultPort(
-        base.Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
-    if (base.Port != defaultPort) host += StringBuffer(u":") + UTF8to16(std::to_string(base.Port).c_str());
+    const int defaultPort =
+        Schemes::DefaultPort(base.Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
+    if (base.Port != defaultPort)
+      host += StringBuffer(u":") + UTF8to16(std::to_string(base.Port).c_str());
     request.Headers[Header::Host] = host;
   }
   request.FormatMultipartMessage();
@@ -245,9 +246,9 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
 
   StringBuffer target = message->Url->PathAndQuery;
   if (!target.startsWith(u"/")) target = StringBuffer(u"/") + target;
-  auto transfer = std::make_unique<Transfer>(
-      message, Utf8(baseText_ + target), Utf8(Methods::ToString(message->Method)),
-      IsLocalHost(base.Host), settings_, cancel_);
+  auto transfer = std::make_unique<Transfer>(message, Utf8(baseText_ + target),
+                                             Utf8(Methods::ToString(message->Method)),
+                                             IsLocalHost(base.Host), settings_, cancel_);
   for (const Header& header : request.Headers) {
     if (!transfer->AddHeader(header.Name, header.Value))
       Logger::Line(Logger::Severity::Warning, "Veskan::HttpClient")
@@ -393,8 +394,8 @@ bool HttpClient::Connect(const std::shared_ptr<Message>& message) {
     std::unique_lock<std::recursive_mutex> lock = message->Lock();
     if (!message->Url) return false;
     const Url& url = *message->Url;
-    base = StringBuffer(url.Scheme == Url::HttpsScheme ? u"https://" : u"http://") +
-           UrlHost(url.Host);
+    base =
+        StringBuffer(url.Scheme == Url::HttpsScheme ? u"https://" : u"http://") + UrlHost(url.Host);
     if (url.HasPort) base += StringBuffer(u":") + UTF8to16(std::to_string(url.Port).c_str());
   }
   return engine_->Connect(base.getTerminatedBuffer());
@@ -421,7 +422,8 @@ StringBuffer HttpClient::BaseUrl() const {
 }
 
 void HttpClient::SetRequestTimeOut(int seconds) {
-  engine_->ChangeSettings([seconds](ClientSettings& settings) { settings.timeOutSeconds = seconds; });
+  engine_->ChangeSettings(
+      [seconds](ClientSettings& settings) { settings.timeOutSeconds = seconds; });
 }
 
 int HttpClient::RequestTimeOut() const {

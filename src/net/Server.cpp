@@ -5,6 +5,7 @@
 #include <veskan/Server.h>
 #include <veskan/TransportLayerSecurity.h>
 
+#include "net/Authorization.h"
 #include "net/Connection.h"
 #include "net/EngineLog.h"
 #include "net/TlsContext.h"
@@ -190,6 +191,19 @@ void Server::SetLimits(const Limits& limits) {
 Server::Limits Server::GetLimits() const {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   return limits_;
+}
+
+void Server::SetAuthorization(const StringBuffer& realm, CredentialLookup lookup) {
+  auto authenticator = std::make_shared<Detail::Authenticator>(realm, std::move(lookup));
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  authenticator_ = std::move(authenticator);
+}
+
+std::shared_ptr<Detail::Authenticator> Server::Authentication() {
+  std::lock_guard<std::recursive_mutex> lock(mutex_);
+  if (!authenticator_)
+    authenticator_ = std::make_shared<Detail::Authenticator>(StringBuffer(u"Veskan"), nullptr);
+  return authenticator_;
 }
 
 int Server::ListeningSocket() const {

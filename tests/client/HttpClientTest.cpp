@@ -140,10 +140,10 @@ TEST(HttpClientTest, PreparesSendsAndReadsTheReplyOfVeskanServe) {
   const std::string described = ReplyBytes(echo);
   for (const std::string& expected : std::vector<std::string>{
            "method=\"POST\"", "<query name=\"quiz\">7</query>",
-        "<header name=\"Host\">127.0.0.1:" + serve.port + "</header>",
-        "<header name=\"Content-Type\">text/plain</header>",
-        "<header name=\"Content-Length\">8</header>", "<header name=\"X-Quiz\">seven</header>",
-        " name=\"session\">abc</cookie>", "<content length=\"8\""})
+           "<header name=\"Host\">127.0.0.1:" + serve.port + "</header>",
+           "<header name=\"Content-Type\">text/plain</header>",
+           "<header name=\"Content-Length\">8</header>", "<header name=\"X-Quiz\">seven</header>",
+           " name=\"session\">abc</cookie>", "<content length=\"8\""})
     EXPECT_NE(described.find(expected), std::string::npos) << expected << " in " << described;
   EXPECT_EQ(described.find("Accept"), std::string::npos) << "no header of libcurl's own";
   {
@@ -276,11 +276,42 @@ TEST(HttpClientTest, ACredentialPromptIsAskedAtMostThreeTimes) {
   }
 }
 
+// libcurl answers veskan-serve's challenges with what the prompt gives.
+TEST(HttpClientTest, AuthorizedByVeskanServeWithThePromptsCredentials) {
+  Peer serve = StartVeskanServe({"--user", "teacher:s3cret"});
+  ASSERT_FALSE(serve.port.empty());
+  HttpClient client;
+  ASSERT_TRUE(client.Connect(StringBuffer(serve.base.c_str()).getTerminatedBuffer()));
+  std::string password = "s3cret";
+  int prompts = 0;
+  client.SetCredentialPrompt(
+      [&](const HttpClient::CredentialRequest& request, HttpClient::Credentials& answer) {
+        ++prompts;
+        EXPECT_NE(request.Realm.indexOf(u"realm=\"veskan-serve\""), -1);
+        answer.UserName = u"teacher";
+        answer.Password = StringBuffer(password.c_str());
+        return true;
+      });
+  std::shared_ptr<Message> allowed = Opened(Methods::GET, "/private/lesson");
+  EXPECT_TRUE(client.Send(allowed, false));
+  EXPECT_EQ(allowed->StatusCode, 200);
+  EXPECT_EQ(ReplyBytes(allowed), "Hello, world!");
+  EXPECT_EQ(prompts, 1);
+
+  password = "wrong";
+  std::shared_ptr<Message> refused = Opened(Methods::GET, "/private/lesson");
+  EXPECT_TRUE(client.Send(refused, false));
+  EXPECT_EQ(refused->StatusCode, 401);
+  EXPECT_EQ(prompts, 1 + HttpClient::MAX_RETRY_COUNT);
+}
+
 TEST(HttpClientTest, CertificatesThatDoNotVerifyNeedTheFlagOrThePrompt) {
   Testing::TemporaryFolder folder;
   const std::string certificate = (folder.Path() / "server.pem").string();
-  const std::string make = "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -days 1 "
-                           "-keyout '" + certificate + "' -out '" + certificate + "' 2>/dev/null";
+  const std::string make =
+      "openssl req -x509 -newkey rsa:2048 -nodes -subj /CN=localhost -days 1 "
+      "-keyout '" +
+      certificate + "' -out '" + certificate + "' 2>/dev/null";
   ASSERT_EQ(std::system(make.c_str()), 0);
   Peer serve = StartVeskanServe({"--cert", certificate});
   ASSERT_EQ(serve.base.rfind("https://", 0), 0u) << serve.base;
@@ -334,7 +365,8 @@ TEST(HttpClientTest, LocalHostsBypassTheEnvironmentsProxy) {
     client.Send(message, false);
     return ReplyBytes(message);
   };
-  EXPECT_EQ(requestLine("http://quiz.invalid:8080"), "GET http://quiz.invalid:8080/quiz?id=1 HTTP/1.1");
+  EXPECT_EQ(requestLine("http://quiz.invalid:8080"),
+            "GET http://quiz.invalid:8080/quiz?id=1 HTTP/1.1");
   // The proxy is also the origin server here: it sees the request as a server does.
   EXPECT_EQ(requestLine("http://localhost:" + proxy.port), "GET /quiz?id=1 HTTP/1.1");
   EXPECT_EQ(requestLine(proxy.base), "GET /quiz?id=1 HTTP/1.1");

@@ -1,7 +1,8 @@
 // veskan-serve: a small HTTP server built with the library, for trying it out, for black-box
 // tests and for the benchmarks.
 //
-//   veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key FILE]]
+//   veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key FILE]] [--user
+//   NAME:PASSWORD]
 //
 // With --cert it serves HTTPS only: the certificate (chain) and its private key in PEM or DER, the
 // key in the certificate file when --key is not given. A certificate or key that cannot be used
@@ -11,7 +12,8 @@
 // the root, /hello answers "Hello, world!", /status reports the engine's counts, /ws is a
 // WebSocket (either handshake) that sends every text message back, and POST /broadcast sends its
 // body as one text message to every /ws connection and answers how many took it; anything else
-// is 404. Stops on SIGINT or SIGTERM.
+// is 404. With --user, /private/ answers "Hello, world!" to that user only (Basic or Digest
+// authentication; anyone else gets 401 and the challenges). Stops on SIGINT or SIGTERM.
 #include <veskan/Body.h>
 #include <veskan/ByteBuffer.h>
 #include <veskan/Content.h>
@@ -56,6 +58,7 @@ struct Options {
   bool direct = false;
   std::string certificate;
   std::string key;
+  std::string user;  // "NAME:PASSWORD", empty: /private/ is not served
 };
 
 bool ParseOptions(int argc, char** argv, Options& options) {
@@ -75,6 +78,9 @@ bool ParseOptions(int argc, char** argv, Options& options) {
       options.certificate = argv[++i];
     } else if (argument == "--key" && hasValue) {
       options.key = argv[++i];
+    } else if (argument == "--user" && hasValue) {
+      options.user = argv[++i];
+      if (options.user.find(':') == std::string::npos) return false;
     } else {
       return false;
     }
@@ -171,17 +177,25 @@ class FileCache {
 
 class Routes {
  public:
-  explicit Routes(std::filesystem::path root) : root_(std::move(root)) {
+  Routes(std::filesystem::path root, bool privateServed)
+      : root_(std::move(root)), privateServed_(privateServed) {
     hello_ = std::make_shared<Content>(reinterpret_cast<const unsigned char*>("Hello, world!"), 13);
     hello_->Sealed(Content::Types::TextPlain);  // sealed once here, shared by every reply
   }
 
-  void Answer(const std::shared_ptr<Server>& server, const std::shared_ptr<Message>& message) {
+  void Answer(const std::shared_ptr<Server>& server, const std::shared_ptr<Client>& client,
+              const std::shared_ptr<Message>& message) {
     ++served_;
     std::unique_lock<std::recursive_mutex> lock = message->Lock();
     const StringBuffer& path = message->Url->Path;
     if (path == StringBuffer(u"/hello")) {
       Reply(*message, 200, Content::Types::TextPlain, hello_);
+    } else if (path.startsWith(StringBuffer(u"/private/")) && privateServed_) {
+      lock.unlock();
+      if (client->Authorized(message)) {
+        lock.lock();
+        Reply(*message, 200, Content::Types::TextPlain, hello_);
+      }
     } else if (path == StringBuffer(u"/echo")) {
       lock.unlock();
       Echo(message);
@@ -369,6 +383,7 @@ class Routes {
   }
 
   std::filesystem::path root_;
+  bool privateServed_;
   FileCache files_;
   std::shared_ptr<Content> hello_;
   std::atomic<long long> served_{0};
@@ -382,7 +397,7 @@ int main(int argc, char** argv) {
   Options options;
   if (!ParseOptions(argc, argv, options)) {
     std::cerr << "usage: veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key "
-                 "FILE]]\n";
+                 "FILE]] [--user NAME:PASSWORD]\n";
     return 2;
   }
   // Every connection is a descriptor: a school's worth of browsers needs more than the usual
@@ -396,14 +411,25 @@ int main(int argc, char** argv) {
   std::signal(SIGTERM, RequestStop);
 
   Globals globals;  // the XML engines, for /echo and /status
-  Routes routes(options.root);
+  Routes routes(options.root, !options.user.empty());
   StringBuffer certificate = UTF8to16(options.certificate.c_str());
   StringBuffer key = UTF8to16(options.key.c_str());
   auto server = std::make_shared<Server>(options.direct, certificate.getTerminatedBuffer(),
                                          key.getTerminatedBuffer());
   server->MessageReceived.connect(
-      [&routes](const std::shared_ptr<Server>& from, const std::shared_ptr<Client>&,
-                const std::shared_ptr<Message>& message) { routes.Answer(from, message); });
+      [&routes](const std::shared_ptr<Server>& from, const std::shared_ptr<Client>& client,
+                const std::shared_ptr<Message>& message) { routes.Answer(from, client, message); });
+  if (!options.user.empty()) {
+    const std::size_t colon = options.user.find(':');
+    const StringBuffer user = UTF8to16(options.user.substr(0, colon).c_str());
+    const StringBuffer password = UTF8to16(options.user.substr(colon + 1).c_str());
+    server->SetAuthorization(u"veskan-serve",
+                             [user, password](const StringBuffer& name, Server::Credential& found) {
+                               if (name != user) return false;
+                               found.Password = password;
+                               return true;
+                             });
+  }
   server->WebSocketMessage.connect(
       [&routes](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
                 const std::shared_ptr<WSData>& event) { routes.OnWebSocket(client, event); });
