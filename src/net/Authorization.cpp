@@ -67,15 +67,19 @@ bool ParseAuthParameters(const std::string& text, std::map<std::string, std::str
   std::size_t at = 0;
   const std::size_t end = text.size();
   while (at < end) {
-    while (at < end && (IsBlank(text[at]) || text[at] == ',')) ++at;
+    while (at < end && (IsBlank(text[at]) || text[at] == ','))
+      ++at;
     if (at == end) break;
     const std::size_t nameStart = at;
-    while (at < end && text[at] != '=' && !IsBlank(text[at]) && text[at] != ',') ++at;
+    while (at < end && text[at] != '=' && !IsBlank(text[at]) && text[at] != ',')
+      ++at;
     std::string name = LowerCase(text.substr(nameStart, at - nameStart));
-    while (at < end && IsBlank(text[at])) ++at;
+    while (at < end && IsBlank(text[at]))
+      ++at;
     if (name.empty() || at == end || text[at] != '=') return false;
     ++at;
-    while (at < end && IsBlank(text[at])) ++at;
+    while (at < end && IsBlank(text[at]))
+      ++at;
     std::string value;
     if (at < end && text[at] == '"') {
       for (++at;; ++at) {
@@ -87,12 +91,14 @@ bool ParseAuthParameters(const std::string& text, std::map<std::string, std::str
       ++at;
     } else {
       const std::size_t valueStart = at;
-      while (at < end && text[at] != ',' && !IsBlank(text[at])) ++at;
+      while (at < end && text[at] != ',' && !IsBlank(text[at]))
+        ++at;
       value = text.substr(valueStart, at - valueStart);
     }
     // A parameter given twice makes the header ambiguous.
     if (!parameters.emplace(std::move(name), std::move(value)).second) return false;
-    while (at < end && IsBlank(text[at])) ++at;
+    while (at < end && IsBlank(text[at]))
+      ++at;
     if (at < end && text[at] != ',') return false;
   }
   return true;
@@ -130,17 +136,20 @@ Authenticator::Verdict Authenticator::Check(const StringBuffer& authorization,
   if (space == std::string::npos) return Verdict::Refused;
   const std::string scheme = LowerCase(header.substr(0, space));
   std::size_t rest = space;
-  while (rest < header.size() && IsBlank(header[rest])) ++rest;
+  while (rest < header.size() && IsBlank(header[rest]))
+    ++rest;
   if (scheme == "basic") return CheckBasic(header.substr(rest), fixed);
   if (scheme == "digest")
     return CheckDigest(header.substr(rest), method.ToUTF8(), target.ToUTF8(), fixed, now);
   return Verdict::Refused;
 }
 
-Authenticator::Verdict Authenticator::CheckBasic(const std::string& encoded, const FixedUser* fixed) {
+Authenticator::Verdict Authenticator::CheckBasic(const std::string& encoded,
+                                                 const FixedUser* fixed) {
   StringBuffer text = UTF8to16(encoded.c_str());
   const ByteBuffer decoded = Decode64(text.getTerminatedBuffer());
-  const std::string pair(static_cast<const char*>(decoded), static_cast<std::size_t>(decoded.Size()));
+  const std::string pair(static_cast<const char*>(decoded),
+                         static_cast<std::size_t>(decoded.Size()));
   const std::size_t colon = pair.find(':');
   if (colon == std::string::npos) return Verdict::Refused;
   Server::Credential credential;
@@ -152,15 +161,17 @@ Authenticator::Verdict Authenticator::CheckBasic(const std::string& encoded, con
 
 Authenticator::Verdict Authenticator::CheckDigest(const std::string& text,
                                                   const std::string& method,
-                                                  const std::string& target,
-                                                  const FixedUser* fixed, std::int64_t now) {
+                                                  const std::string& target, const FixedUser* fixed,
+                                                  std::int64_t now) {
   std::map<std::string, std::string> p;
   if (!ParseAuthParameters(text, p)) return Verdict::Refused;
   const std::string algorithm = p.count("algorithm") ? LowerCase(p["algorithm"]) : "md5";
-  const EVP_MD* hash = algorithm == "md5" ? EVP_md5() : algorithm == "sha-256" ? EVP_sha256() : nullptr;
+  const EVP_MD* hash = algorithm == "md5"       ? EVP_md5()
+                       : algorithm == "sha-256" ? EVP_sha256()
+                                                : nullptr;
   if (!hash || p["realm"] != realmUtf8_ || p["qop"] != "auth" || p["uri"] != target ||
-      p["username"].empty() || p["nonce"].empty() || p["cnonce"].empty() ||
-      p["nc"].size() != 8 || (p.count("userhash") && LowerCase(p["userhash"]) == "true"))
+      p["username"].empty() || p["nonce"].empty() || p["cnonce"].empty() || p["nc"].size() != 8 ||
+      (p.count("userhash") && LowerCase(p["userhash"]) == "true"))
     return Verdict::Refused;
   char* countEnd = nullptr;
   const std::uint64_t count = std::strtoull(p["nc"].c_str(), &countEnd, 16);
@@ -175,8 +186,8 @@ Authenticator::Verdict Authenticator::CheckDigest(const std::string& text,
     secret = hash == EVP_md5() ? credential.DigestMD5 : credential.DigestSHA256;
   if (secret.empty()) return Verdict::Refused;
   const std::string expected =
-      HexDigest(hash, secret + ":" + p["nonce"] + ":" + p["nc"] + ":" + p["cnonce"] + ":auth:" +
-                          HexDigest(hash, method + ":" + target));
+      HexDigest(hash, secret + ":" + p["nonce"] + ":" + p["nc"] + ":" + p["cnonce"] +
+                          ":auth:" + HexDigest(hash, method + ":" + target));
   if (!SameSecret(expected, LowerCase(p["response"]))) return Verdict::Refused;
 
   // The credentials are right; now the nonce: ours, fresh, and a count not used before.
@@ -218,13 +229,14 @@ std::vector<StringBuffer> Authenticator::Challenges(bool stale, std::int64_t now
   }
   std::vector<StringBuffer> challenges;
   for (const char* algorithm : {"SHA-256", "MD5"}) {
-    std::string challenge = "Digest realm=\"" + quotedRealm + "\", qop=\"auth\", algorithm=" +
-                            algorithm + ", nonce=\"" + IssueNonce(now) + "\", opaque=\"" + opaque_ +
-                            "\"";
+    std::string challenge = "Digest realm=\"" + quotedRealm +
+                            "\", qop=\"auth\", algorithm=" + algorithm + ", nonce=\"" +
+                            IssueNonce(now) + "\", opaque=\"" + opaque_ + "\"";
     if (stale) challenge += ", stale=true";
     challenges.push_back(UTF8to16(challenge.c_str()));
   }
-  challenges.push_back(UTF8to16(("Basic realm=\"" + quotedRealm + "\", charset=\"UTF-8\"").c_str()));
+  challenges.push_back(
+      UTF8to16(("Basic realm=\"" + quotedRealm + "\", charset=\"UTF-8\"").c_str()));
   return challenges;
 }
 
@@ -284,8 +296,7 @@ bool Client::Authorized(const std::shared_ptr<Message>& message, const char16_t*
   const Detail::Authenticator::FixedUser fixed{StringBuffer(userName ? userName : u""),
                                                StringBuffer(password ? password : u"")};
   std::shared_ptr<Server> server = GetServer();
-  return server &&
-         Authorize(*this, server->Authentication().get(), message, &fixed, answerRefusal);
+  return server && Authorize(*this, server->Authentication().get(), message, &fixed, answerRefusal);
 }
 
 }  // namespace Veskan

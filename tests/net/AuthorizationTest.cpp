@@ -62,19 +62,19 @@ class AuthorizationTest : public Testing::ServerFixture {
       message->StatusCode = 200;
     };
     StartServer();
-    server_->SetAuthorization(u"quiz \"room\"", [](const StringBuffer& user,
-                                                  Server::Credential& credential) {
-      if (user == StringBuffer(u"teacher")) {
-        credential.Password = u"s3cret";
-        return true;
-      }
-      if (user == StringBuffer(u"hashed")) {  // only the digests are kept
-        credential.DigestMD5 = Hex(EVP_md5(), "hashed:quiz \"room\":pa55");
-        credential.DigestSHA256 = Hex(EVP_sha256(), "hashed:quiz \"room\":pa55");
-        return true;
-      }
-      return false;
-    });
+    server_->SetAuthorization(
+        u"quiz \"room\"", [](const StringBuffer& user, Server::Credential& credential) {
+          if (user == StringBuffer(u"teacher")) {
+            credential.Password = u"s3cret";
+            return true;
+          }
+          if (user == StringBuffer(u"hashed")) {  // only the digests are kept
+            credential.DigestMD5 = Hex(EVP_md5(), "hashed:quiz \"room\":pa55");
+            credential.DigestSHA256 = Hex(EVP_sha256(), "hashed:quiz \"room\":pa55");
+            return true;
+          }
+          return false;
+        });
   }
 
   std::string Curl(const std::string& options, const std::string& target = "/private/q?x=1") {
@@ -120,8 +120,8 @@ TEST_F(AuthorizationTest, ARefusalChallengesEverySchemeAndDigestCountsCannotBeRe
     SCOPED_TRACE(algorithm);
     const std::string nonce = ChallengeValue(refused, algorithm, "nonce");
     ASSERT_EQ(nonce.size(), 32u) << refused;
-    for (const auto& [count, status] : std::map<std::string, std::string>{
-             {"00000001", "200"}, {"00000002", "200"}}) {
+    for (const auto& [count, status] :
+         std::map<std::string, std::string>{{"00000001", "200"}, {"00000002", "200"}}) {
       ASSERT_TRUE(connection.Send(DigestRequest("teacher", "s3cret", algorithm, nonce, count)));
       EXPECT_EQ(connection.ReadResponse().substr(9, 3), status) << count;
     }
