@@ -15,6 +15,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev libfuzzer-14-dev clang-format
   # load tests and browser tests; the TLS tests' peer (openssl s_client)
   wrk curl openssl chromium
+  python3  # the HTTP client tests' peer servers (tests/client/peer.py) and the bench scripts
   # peer servers for the HTTP benchmark (bench/http)
   libmicrohttpd-dev libpoco-dev nginx
   libwebsocketpp-dev  # peer server of the WebSocket benchmark (bench/ws); Beast is in libboost-dev
