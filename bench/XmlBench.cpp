@@ -6,6 +6,8 @@
 #include <veskan/Globals.h>
 #include <veskan/XmlSchema.h>
 
+#include "CountingMemoryManager.h"
+
 #include <benchmark/benchmark.h>
 
 #include <xercesc/dom/DOM.hpp>
@@ -175,31 +177,7 @@ void PrintDocUTF8_XercesRaw(benchmark::State& state) {
   SetBytes(state, length);
 }
 
-// A Xerces memory manager that counts the bytes it has handed out and not taken back. A document
-// parsed with it allocates its whole heap from it, so the count is the document's size.
-class CountingMemoryManager : public xercesc::MemoryManager {
- public:
-  xercesc::MemoryManager* getExceptionMemoryManager() override {
-    return xercesc::XMLPlatformUtils::fgMemoryManager;
-  }
-  void* allocate(XMLSize_t size) override {
-    auto* block = static_cast<std::max_align_t*>(std::malloc(size + sizeof(std::max_align_t)));
-    if (!block) throw std::bad_alloc();
-    *reinterpret_cast<XMLSize_t*>(block) = size;
-    outstanding_ += size;
-    return block + 1;
-  }
-  void deallocate(void* pointer) override {
-    if (!pointer) return;
-    auto* block = static_cast<std::max_align_t*>(pointer) - 1;
-    outstanding_ -= *reinterpret_cast<XMLSize_t*>(block);
-    std::free(block);
-  }
-  std::size_t Outstanding() const { return outstanding_; }
-
- private:
-  std::size_t outstanding_ = 0;
-};
+using Veskan::Testing::CountingMemoryManager;
 
 // `bytes` parsed as the library parses, its heap drawn from `memory`, in an owning XmlDocument.
 std::shared_ptr<XmlDocument> ParseWith(const std::string& bytes, xercesc::MemoryManager& memory) {

@@ -31,11 +31,6 @@ constexpr int kPeriodMilliseconds = 1000;
 // Easy handles kept for reuse; each keeps its connections open.
 constexpr std::size_t kMaxIdleHandles = 64;
 
-std::string Utf8(const StringBuffer& text) {
-  const ByteBuffer bytes = UTF16to8(text);
-  return std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(bytes.Size()));
-}
-
 // The host as it stands in a URL: an IPv6 address in brackets.
 StringBuffer UrlHost(const StringBuffer& host) {
   if (host.indexOf(u':') < 0 || host.startsWith(u"[")) return host;
@@ -218,20 +213,34 @@ bool HttpClient::Engine::Send(const std::shared_ptr<Message>& message, bool inBa
 std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Message>& message,
                                                       bool inBackground) {
   if (!message) return nullptr;
-  std::unique_lock<std::mutex> lock(mutex_);
-  if (state_ != ClientStates::Connected) return nullptr;
+  // Counted in flight under the client's lock, so that Disconnect waits for it and the base URL
+  // stays; the message itself (sealing may parse XML) is prepared without that lock.
+  const Url* base = nullptr;
+  StringBuffer baseText;
+  ClientSettings settings;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (state_ != ClientStates::Connected) return nullptr;
+    base = base_.get();
+    baseText = baseText_;
+    settings = settings_;
+    ++inFlight_;
+    if (inBackground) ++backgroundInFlight_;
+  }
   std::unique_lock<std::recursive_mutex> messageLock = message->Lock();
   if (message->ReadyState != ReadyStates::Open || !message->Request || !message->Url ||
-      message->Method > Methods::OPTIONS)
+      message->Method > Methods::OPTIONS) {
+    messageLock.unlock();
+    Finished(inBackground);
     return nullptr;
+  }
   Body& request = *message->Request;
-  const Url& base = *base_;
   if (!request.Headers.Contains(Header::Host)) {
-    StringBuffer host = UrlHost(base.Host);
+    StringBuffer host = UrlHost(base->Host);
     const int defaultPort =
-        Schemes::DefaultPort(base.Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
-    if (base.Port != defaultPort)
-      host += StringBuffer(u":") + UTF8to16(std::to_string(base.Port).c_str());
+        Schemes::DefaultPort(base->Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
+    if (base->Port != defaultPort)
+      host += StringBuffer(u":") + UTF8to16(std::to_string(base->Port).c_str());
     request.Headers[Header::Host] = host;
   }
   request.FormatMultipartMessage();
@@ -246,9 +255,10 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
 
   StringBuffer target = message->Url->PathAndQuery;
   if (!target.startsWith(u"/")) target = StringBuffer(u"/") + target;
-  auto transfer = std::make_unique<Transfer>(message, Utf8(baseText_ + target),
-                                             Utf8(Methods::ToString(message->Method)),
-                                             IsLocalHost(base.Host), settings_, cancel_);
+  auto transfer =
+      std::make_unique<Transfer>(message, (baseText + target).ToUTF8(),
+                                 StringBuffer(Methods::ToString(message->Method)).ToUTF8(),
+                                 IsLocalHost(base->Host), settings, cancel_);
   for (const Header& header : request.Headers) {
     if (!transfer->AddHeader(header.Name, header.Value))
       Logger::Line(Logger::Severity::Warning, "Veskan::HttpClient")
@@ -256,10 +266,8 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
   }
   // libcurl's own defaults would otherwise join the headers the host gave.
   for (const char16_t* name : {Header::Accept, Header::ContentType, u"Expect"})
-    if (!request.Headers.Contains(name)) transfer->LeaveOut(Utf8(StringBuffer(name)).c_str());
+    if (!request.Headers.Contains(name)) transfer->LeaveOut(StringBuffer(name).ToUTF8().c_str());
   transfer->SetBody(request.Content);
-  ++inFlight_;
-  if (inBackground) ++backgroundInFlight_;
   return transfer;
 }
 

@@ -1,7 +1,6 @@
 #include "client/Transfer.h"
 
 #include <veskan/Body.h>
-#include <veskan/ByteBuffer.h>
 #include <veskan/DaemonMarshaller.h>
 #include <veskan/Logger.h>
 
@@ -37,11 +36,6 @@ StringBuffer Trimmed(const char* begin, const char* end) {
   return UTF8to16(begin, 0, static_cast<int>(end - begin));
 }
 
-std::string Utf8(const StringBuffer& text) {
-  const ByteBuffer bytes = UTF16to8(text);
-  return std::string(static_cast<const char*>(bytes), static_cast<std::size_t>(bytes.Size()));
-}
-
 }  // namespace
 
 Transfer::Transfer(std::shared_ptr<Message> message, std::string url, std::string method,
@@ -60,8 +54,8 @@ bool Transfer::AddHeader(const StringBuffer& name, const StringBuffer& value) {
   if (breaksLine(name) || breaksLine(value)) return false;
   // "Name:" alone would tell libcurl to leave its own header of that name out; "Name;" sends
   // the header with an empty value.
-  std::string line = Utf8(name);
-  line += value.isEmpty() ? ";" : ": " + Utf8(value);
+  std::string line = name.ToUTF8();
+  line += value.isEmpty() ? ";" : ": " + value.ToUTF8();
   return headers_.Append(line);
 }
 
@@ -180,8 +174,8 @@ bool Transfer::AskForCredentials(CURL*) {
         << " the credential prompt failed: " << error.what();
     return false;
   }
-  userName_ = Utf8(credentials.UserName);
-  password_ = Utf8(credentials.Password);
+  userName_ = credentials.UserName.ToUTF8();
+  password_ = credentials.Password.ToUTF8();
   proxyCredentials_ = status_ == 407;
   return true;
 }

@@ -5,6 +5,8 @@
 #include <veskan/Globals.h>
 #include <veskan/XmlSchema.h>
 
+#include "CountingMemoryManager.h"
+
 #include <xercesc/framework/MemBufInputSource.hpp>
 #include <xercesc/framework/MemoryManager.hpp>
 #include <xercesc/framework/Wrapper4InputSource.hpp>
@@ -24,31 +26,7 @@ namespace {
 
 constexpr char16_t Quiz[] = u"http://www.calvorco.com/2008/veskan/";
 
-// Counts the bytes handed out and not yet taken back. A document parsed with it draws its whole
-// heap from it, so the count is the document's size.
-class CountingMemoryManager : public xercesc::MemoryManager {
- public:
-  xercesc::MemoryManager* getExceptionMemoryManager() override {
-    return xercesc::XMLPlatformUtils::fgMemoryManager;
-  }
-  void* allocate(XMLSize_t size) override {
-    auto* block = static_cast<std::max_align_t*>(std::malloc(size + sizeof(std::max_align_t)));
-    if (!block) throw std::bad_alloc();
-    *reinterpret_cast<XMLSize_t*>(block) = size;
-    outstanding_ += size;
-    return block + 1;
-  }
-  void deallocate(void* pointer) override {
-    if (!pointer) return;
-    auto* block = static_cast<std::max_align_t*>(pointer) - 1;
-    outstanding_ -= *reinterpret_cast<XMLSize_t*>(block);
-    std::free(block);
-  }
-  std::size_t Outstanding() const { return outstanding_; }
-
- private:
-  std::size_t outstanding_ = 0;
-};
+using Testing::CountingMemoryManager;
 
 const std::string QuizText =
     "<veskan:quiz xmlns:veskan=\"http://www.calvorco.com/2008/veskan/\" "
