@@ -17,11 +17,11 @@ class DaemonMarshaller;
 // The client side of the system: a host connects it to a base URL such as
 // "http://localhost:8080" and sends opened messages, whose URL's path and query are appended to
 // that base. Each Send prepares the request (a missing "Host" and "Content-Type" filled in, the
-// content sealed, "Content-Length" set, the cookies written into "Cookie"), transfers it with
-// libcurl, and fills in StatusCode and Reply: the reply's header lines with trimmed values, its
-// content sealed with its "Content-Type". The message is announced Sent when the transfer starts,
-// Receiving when the reply's headers have arrived and Loaded at the end, through the marshaller
-// given to SetMarshaller when there is one.
+// content sealed, "Content-Length" set, the cookies written into "Cookie", which is left off the
+// wire when empty), transfers it with libcurl, and fills in StatusCode and Reply: the reply's
+// header lines with trimmed values, its content sealed with its "Content-Type". The message is
+// announced Sent when the transfer starts, Receiving when the reply's headers have arrived and
+// Loaded at the end, through the marshaller given to SetMarshaller when there is one.
 //
 // A transfer that fails ends Loaded as well, with status 504 for a time-out and 500 for anything
 // else, and a "text/plain" reply holding libcurl's error number in decimal (7: connection
@@ -33,9 +33,10 @@ class DaemonMarshaller;
 // flag is set, or when the certificate prompt, if installed, says so; otherwise the transfer
 // fails. Without prompts nothing is asked and nothing is retried.
 //
-// Connections are kept and reused between transfers to the same server. Requests to
-// "localhost", "127.0.0.1", "loopback" and "::1" never go through a proxy; others use the proxy
-// the environment names (http_proxy, https_proxy, no_proxy).
+// Connections are kept and reused between transfers to the same server: a request without a
+// "Connection" header of its own asks the server to keep it ("Connection: Keep-Alive"). Requests
+// to "localhost", "127.0.0.1", "loopback" and "::1" never go through a proxy; others use the
+// proxy the environment names (http_proxy, https_proxy, no_proxy).
 //
 // Thread safety: every operation may be called from any thread. Settings take effect for the
 // transfers that start afterwards. Listeners of a background transfer run on the client's worker

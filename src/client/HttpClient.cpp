@@ -114,7 +114,11 @@ class HttpClient::Engine : public std::enable_shared_from_this<HttpClient::Engin
   std::condition_variable transfersDone_;  // inFlight_ went down
   ClientStates::Enumeration state_ = ClientStates::Disconnected;
   StringBuffer baseText_;
-  std::unique_ptr<Url> base_;
+  // Worked out once per Connect rather than per request: the base URL in UTF-8, the "Host"
+  // header's value, whether the server is this machine (no proxy).
+  std::string baseUtf8_;
+  StringBuffer hostHeader_;
+  bool localHost_ = false;
   ClientSettings settings_;
   std::vector<CurlEasy> idleHandles_;
   std::deque<std::unique_ptr<Transfer>> queued_;  // background transfers not yet started
@@ -142,7 +146,13 @@ bool HttpClient::Engine::Connect(const char16_t* baseUrl) {
     if (!multi_) return false;
     baseText_ = url->Text;
     if (baseText_.endsWith(u"/")) baseText_.truncate(baseText_.length() - 1);
-    base_ = std::move(url);
+    baseUtf8_ = baseText_.ToUTF8();
+    hostHeader_ = UrlHost(url->Host);
+    const int defaultPort =
+        Schemes::DefaultPort(url->Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
+    if (url->Port != defaultPort)
+      hostHeader_ += StringBuffer(u":") + UTF8to16(std::to_string(url->Port).c_str());
+    localHost_ = IsLocalHost(url->Host);
     cancel_ = false;
     state_ = ClientStates::Connected;
   }
@@ -215,14 +225,16 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
   if (!message) return nullptr;
   // Counted in flight under the client's lock, so that Disconnect waits for it and the base URL
   // stays; the message itself (sealing may parse XML) is prepared without that lock.
-  const Url* base = nullptr;
-  StringBuffer baseText;
+  std::string baseUtf8;
+  StringBuffer hostHeader;
+  bool localHost = false;
   ClientSettings settings;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     if (state_ != ClientStates::Connected) return nullptr;
-    base = base_.get();
-    baseText = baseText_;
+    baseUtf8 = baseUtf8_;
+    hostHeader = hostHeader_;
+    localHost = localHost_;
     settings = settings_;
     ++inFlight_;
     if (inBackground) ++backgroundInFlight_;
@@ -235,14 +247,7 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
     return nullptr;
   }
   Body& request = *message->Request;
-  if (!request.Headers.Contains(Header::Host)) {
-    StringBuffer host = UrlHost(base->Host);
-    const int defaultPort =
-        Schemes::DefaultPort(base->Scheme == Url::HttpsScheme ? Schemes::HTTPS : Schemes::HTTP);
-    if (base->Port != defaultPort)
-      host += StringBuffer(u":") + UTF8to16(std::to_string(base->Port).c_str());
-    request.Headers[Header::Host] = host;
-  }
+  if (!request.Headers.Contains(Header::Host)) request.Headers[Header::Host] = hostHeader;
   request.FormatMultipartMessage();
   if (request.Content) {
     const Header::Collection& headers = request.Headers;
@@ -253,20 +258,29 @@ std::unique_ptr<Transfer> HttpClient::Engine::Prepare(const std::shared_ptr<Mess
       UTF8to16(std::to_string(request.Content ? request.Content->Size() : 0).c_str());
   request.Cookies.Write(Header::Cookie, request.Headers);
 
-  StringBuffer target = message->Url->PathAndQuery;
-  if (!target.startsWith(u"/")) target = StringBuffer(u"/") + target;
-  auto transfer =
-      std::make_unique<Transfer>(message, (baseText + target).ToUTF8(),
-                                 StringBuffer(Methods::ToString(message->Method)).ToUTF8(),
-                                 IsLocalHost(base->Host), settings, cancel_);
+  std::string url = std::move(baseUtf8);
+  const StringBuffer& target = message->Url->PathAndQuery;
+  if (!target.startsWith(u"/")) url += '/';
+  url += target.ToUTF8();
+  auto transfer = std::make_unique<Transfer>(
+      message, std::move(url), StringBuffer(Methods::ToString(message->Method)).ToUTF8(), localHost,
+      std::move(settings), cancel_);
   for (const Header& header : request.Headers) {
+    // Without cookies the "Cookie" header is empty: nothing to send.
+    if (header.Value.isEmpty() && header.Name.caseCompare(Header::Cookie, 0) == 0) continue;
     if (!transfer->AddHeader(header.Name, header.Value))
       Logger::Line(Logger::Severity::Warning, "Veskan::HttpClient")
           << " header " << header.Name << " left out: it holds a line break";
   }
+  // Keeps the connection for the next send: servers that close after every reply unless asked
+  // not to (as this library's own does) would otherwise cost a new connection per request.
+  if (!request.Headers.Contains(Header::Connection))
+    transfer->AddHeader(StringBuffer(Header::Connection), StringBuffer(u"Keep-Alive"));
   // libcurl's own defaults would otherwise join the headers the host gave.
-  for (const char16_t* name : {Header::Accept, Header::ContentType, u"Expect"})
-    if (!request.Headers.Contains(name)) transfer->LeaveOut(StringBuffer(name).ToUTF8().c_str());
+  static const std::pair<const char16_t*, const char*> kCurlDefaults[] = {
+      {Header::Accept, "Accept"}, {Header::ContentType, "Content-Type"}, {u"Expect", "Expect"}};
+  for (const auto& name : kCurlDefaults)
+    if (!request.Headers.Contains(name.first)) transfer->LeaveOut(name.second);
   transfer->SetBody(request.Content);
   return transfer;
 }

@@ -39,24 +39,25 @@ StringBuffer Trimmed(const char* begin, const char* end) {
 }  // namespace
 
 Transfer::Transfer(std::shared_ptr<Message> message, std::string url, std::string method,
-                   bool direct, const ClientSettings& settings, const std::atomic<bool>& cancel)
+                   bool direct, ClientSettings settings, const std::atomic<bool>& cancel)
     : message_(std::move(message)),
       url_(std::move(url)),
       method_(std::move(method)),
       direct_(direct),
-      settings_(settings),
+      settings_(std::move(settings)),
       cancel_(cancel) {}
 
 bool Transfer::AddHeader(const StringBuffer& name, const StringBuffer& value) {
-  const auto breaksLine = [](const StringBuffer& text) {
-    return text.indexOf(u'\r') >= 0 || text.indexOf(u'\n') >= 0;
-  };
-  if (breaksLine(name) || breaksLine(value)) return false;
   // "Name:" alone would tell libcurl to leave its own header of that name out; "Name;" sends
   // the header with an empty value.
   std::string line = name.ToUTF8();
-  line += value.isEmpty() ? ";" : ": " + value.ToUTF8();
-  return headers_.Append(line);
+  if (value.isEmpty()) {
+    line += ';';
+  } else {
+    line += ": ";
+    line += value.ToUTF8();
+  }
+  return line.find_first_of("\r\n") == std::string::npos && headers_.Append(line);
 }
 
 void Transfer::LeaveOut(const char* name) {
@@ -205,9 +206,9 @@ void Transfer::Complete(CURLcode result) {
   Body& reply = *message_->Reply;
   if (result == CURLE_OK) {
     message_->StatusCode = status_;
-    reply.Headers = replyHeaders_;
+    reply.Headers = std::move(replyHeaders_);
     if (replyContent_) {
-      const Header::Collection& headers = replyHeaders_;
+      const Header::Collection& headers = reply.Headers;
       StringBuffer type = headers[Header::ContentType];
       replyContent_->Sealed(type.getTerminatedBuffer());
       if (!type.isEmpty()) reply.MediaType.SetTo(type.getTerminatedBuffer());

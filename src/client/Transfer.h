@@ -38,7 +38,7 @@ class Transfer {
 
   // `cancel` is the client's flag that stops every transfer; it must outlive this object.
   Transfer(std::shared_ptr<Message> message, std::string url, std::string method, bool direct,
-           const ClientSettings& settings, const std::atomic<bool>& cancel);
+           ClientSettings settings, const std::atomic<bool>& cancel);
   Transfer(const Transfer&) = delete;
   Transfer& operator=(const Transfer&) = delete;
 

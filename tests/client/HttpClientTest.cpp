@@ -126,7 +126,8 @@ TEST(HttpClientTest, PreparesSendsAndReadsTheReplyOfVeskanServe) {
   EXPECT_FALSE(client.Send(hello, false));  // Loaded, not Open
 
   // The request as the server parsed it: Host with the port, a guessed and sealed type, the
-  // length in bytes, the cookies, and the host's own headers as given.
+  // length in bytes, the cookies, the host's own headers as given, and the request to keep the
+  // connection, without which this server closes it after every reply.
   std::shared_ptr<Message> echo = Opened(Methods::POST, "/echo?quiz=7");
   {
     auto lock = echo->Lock();
@@ -143,7 +144,8 @@ TEST(HttpClientTest, PreparesSendsAndReadsTheReplyOfVeskanServe) {
            "<header name=\"Host\">127.0.0.1:" + serve.port + "</header>",
            "<header name=\"Content-Type\">text/plain</header>",
            "<header name=\"Content-Length\">8</header>", "<header name=\"X-Quiz\">seven</header>",
-           " name=\"session\">abc</cookie>", "<content length=\"8\""})
+           "<header name=\"Connection\">Keep-Alive</header>", " name=\"session\">abc</cookie>",
+           "<content length=\"8\""})
     EXPECT_NE(described.find(expected), std::string::npos) << expected << " in " << described;
   EXPECT_EQ(described.find("Accept"), std::string::npos) << "no header of libcurl's own";
   {
