@@ -22,6 +22,8 @@ packages=(
   # the XPath engine's reference: xmllint re-generates the differential corpus, libxml2 is the
   # benchmark's peer
   libxml2-utils libxml2-dev
+  # the RDF and SPARQL reference tools (rapper, roqet) of the graph tests and benchmark
+  raptor2-utils rasqal-utils
 )
 
 missing=()

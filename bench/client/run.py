@@ -44,10 +44,10 @@ LISTENING = re.compile(r"listening on http://127\.0\.0\.1:(\d+)/")
 def build():
     if not os.path.exists(os.path.join(BUILD, "CMakeCache.txt")):
         if subprocess.run(["cmake", "-S", ROOT, "-B", BUILD, "-DCMAKE_BUILD_TYPE=Release",
-                           "-DVESKAN_BUILD_TESTS=OFF"]).returncode != 0:
+                           "-DVESKAN_BUILD_TESTS=OFF"], stdout=sys.stderr).returncode != 0:
             sys.exit("configuring build-bench-client failed")
     if subprocess.run(["cmake", "--build", BUILD, "-j", "2", "--target", "veskan-serve",
-                       "veskan_client_bench"]).returncode != 0:
+                       "veskan_client_bench"], stdout=sys.stderr).returncode != 0:
         sys.exit("building veskan-serve or veskan_client_bench failed")
 
 

@@ -61,6 +61,24 @@ bool IsBlank(char c) {
   return c == ' ' || c == '\t';
 }
 
+// A token68 of Base64 (RFC 7617): the alphabet, then at most two "=", then nothing but blanks.
+// The decoder would skip anything else, so "dXN~lcj..." would pass for "dXNlcj...".
+bool IsBase64Token(const std::string& text) {
+  std::size_t at = 0;
+  const auto inAlphabet = [](char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '+' ||
+           c == '/';
+  };
+  while (at < text.size() && inAlphabet(text[at]))
+    ++at;
+  if (at == 0) return false;
+  for (int padding = 0; padding < 2 && at < text.size() && text[at] == '='; ++padding)
+    ++at;
+  while (at < text.size() && IsBlank(text[at]))
+    ++at;
+  return at == text.size();
+}
+
 }  // namespace
 
 bool ParseAuthParameters(const std::string& text, std::map<std::string, std::string>& parameters) {
@@ -146,6 +164,7 @@ Authenticator::Verdict Authenticator::Check(const StringBuffer& authorization,
 
 Authenticator::Verdict Authenticator::CheckBasic(const std::string& encoded,
                                                  const FixedUser* fixed) {
+  if (!IsBase64Token(encoded)) return Verdict::Refused;
   StringBuffer text = UTF8to16(encoded.c_str());
   const ByteBuffer decoded = Decode64(text.getTerminatedBuffer());
   const std::string pair(static_cast<const char*>(decoded),

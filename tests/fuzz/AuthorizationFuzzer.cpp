@@ -43,9 +43,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       authenticator.Check(UTF8to16(header.c_str()), UTF8to16(method.c_str()),
                           UTF8to16(target.c_str()), nullptr, 1000);
   // No nonce was ever issued, so no Digest answer can pass: only the right Basic credentials
-  // ("user:secret") may.
+  // ("user:secret" in Base64, whose last character may vary in its unused bits) may.
   if (verdict == Detail::Authenticator::Verdict::Accepted)
-    Fuzzing::Require(header.find("dXNlcjpzZWNyZXQ") != std::string::npos);
+    Fuzzing::Require(header.find("dXNlcjpzZWNyZX") != std::string::npos);
 
   // Whatever the realm holds, the challenges parse back with that realm.
   const std::string realmUtf8 = UTF8to16(realm.c_str()).ToUTF8();
