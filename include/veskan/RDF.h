@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <mutex>
 
 // librdf's world, as librdf.h declares it; callers that use it include librdf.h themselves.
 typedef struct librdf_world_s librdf_world;
@@ -24,6 +25,19 @@ class VESKAN_API RDF {
  public:
   // The librdf world, or null while no RDF object lives or when librdf could not create one.
   static librdf_world* world;
+  // Held by every operation that enters librdf, raptor or rasqal: they share the world's state,
+  // so one call at a time runs in the process. Recursive, since one operation calls others. A
+  // host that calls librdf itself (through the conversion operators) holds it too.
+  static std::recursive_mutex worldMutex;
+
+  // The graph classes (<veskan/RDFGraph.h>) and the query classes (<veskan/RDFQuery.h>).
+  class Node;
+  class Triple;
+  class Predicate;
+  class Graph;
+  class Query;
+  class Result;
+  class Results;
 
   // Counts up; on the first count creates the world and, when that worked, opens it.
   RDF();

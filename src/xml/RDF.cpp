@@ -1,6 +1,7 @@
 // RDF: the librdf world's lifetime, counted over the living RDF objects.
 #include <veskan/RDF.h>
 
+#include "rdf/Redland.h"
 #include "xml/LifeCount.h"
 
 #include <librdf.h>
@@ -11,6 +12,7 @@ namespace Veskan {
 
 librdf_world* RDF::world = nullptr;
 std::atomic<std::int32_t> RDF::initcount{0};
+std::recursive_mutex RDF::worldMutex;
 
 namespace {
 
@@ -29,7 +31,11 @@ RDF::RDF() {
   if (initcount.load() == 0) {
     // Created before counted: a thread that counts up without the lock finds the world ready.
     world = librdf_new_world();
-    if (world) librdf_world_open(world);
+    if (world) {
+      // Before opening: messages of the world's start go to the log, not to stderr.
+      Detail::InstallLibrdfLogger(world);
+      librdf_world_open(world);
+    }
   }
   initcount.fetch_add(1);
 }

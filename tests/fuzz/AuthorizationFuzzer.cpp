@@ -33,15 +33,14 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
   const std::string target = Piece(data, size, at);
   const std::string realm = Piece(data, size, at);
 
-  Detail::Authenticator authenticator(
-      UTF8to16(realm.c_str()), [](const StringBuffer& user, Server::Credential& credential) {
-        if (!(user == u"user")) return false;
-        credential.Password = u"secret";
-        return true;
-      });
-  const Detail::Authenticator::Verdict verdict =
-      authenticator.Check(UTF8to16(header.c_str()), UTF8to16(method.c_str()),
-                          UTF8to16(target.c_str()), nullptr, 1000);
+  Detail::Authenticator authenticator(UTF8to16(realm.c_str()),
+                                      [](const StringBuffer& user, Server::Credential& credential) {
+                                        if (!(user == u"user")) return false;
+                                        credential.Password = u"secret";
+                                        return true;
+                                      });
+  const Detail::Authenticator::Verdict verdict = authenticator.Check(
+      UTF8to16(header.c_str()), UTF8to16(method.c_str()), UTF8to16(target.c_str()), nullptr, 1000);
   // No nonce was ever issued, so no Digest answer can pass: only the right Basic credentials
   // ("user:secret" in Base64, whose last character may vary in its unused bits) may.
   if (verdict == Detail::Authenticator::Verdict::Accepted)
