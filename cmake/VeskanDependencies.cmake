@@ -6,6 +6,8 @@ find_package(OpenSSL 3 REQUIRED)
 find_package(PkgConfig REQUIRED)
 pkg_check_modules(CryptoPP REQUIRED IMPORTED_TARGET libcrypto++)
 pkg_check_modules(XercesC REQUIRED IMPORTED_TARGET xerces-c)
-pkg_check_modules(Redland REQUIRED IMPORTED_TARGET redland)
+# librdf, and the two libraries under it that the RDF classes call directly (rasqal parses
+# queries up front; raptor's terms are librdf's nodes).
+pkg_check_modules(Redland REQUIRED IMPORTED_TARGET redland rasqal raptor2)
 find_package(CURL 7.86 REQUIRED)
 find_package(Threads REQUIRED)

@@ -100,8 +100,7 @@ class VESKAN_API RDF::Node {
 // Thread safety: a plain value.
 class VESKAN_API RDF::Predicate {
  public:
-  Predicate(const char16_t* prefixedName,
-            const XPathVariables& namespaces = Namespaces::Defaults);
+  Predicate(const char16_t* prefixedName, const XPathVariables& namespaces = Namespaces::Defaults);
   operator const char16_t*() const { return text_.getBuffer(); }
   const StringBuffer& Text() const { return text_; }
 
@@ -125,8 +124,8 @@ class VESKAN_API RDF::Triple {
   // A statement about the URI `subject`.
   Triple(const char16_t* subject, const char16_t* predicate, const char16_t* object,
          Node::Types::Enumeration objectType, const char16_t* qualifier = nullptr);
-  Triple(const char16_t* subject, Node::Types::Enumeration subjectType,
-         const char16_t* predicate, const char16_t* object, Node::Types::Enumeration objectType,
+  Triple(const char16_t* subject, Node::Types::Enumeration subjectType, const char16_t* predicate,
+         const char16_t* object, Node::Types::Enumeration objectType,
          const char16_t* qualifier = nullptr);
   // Copies the nodes; the copy makes its own librdf statement.
   Triple(const Triple& other);
@@ -204,9 +203,9 @@ class VESKAN_API RDF::Graph {
 
   // A graph read from the file at `path`: RDF/XML for the two RDF/XML formats, N-Triples for
   // NTriples. Null when the file is empty, cannot be read or does not parse.
-  static std::shared_ptr<Graph> FromFile(const char16_t* path,
-                                         SerializationFormats::Enumeration format =
-                                             SerializationFormats::RdfXml);
+  static std::shared_ptr<Graph> FromFile(
+      const char16_t* path,
+      SerializationFormats::Enumeration format = SerializationFormats::RdfXml);
   // A graph read from the RDF/XML of `document`; null when it prints empty or does not parse.
   static std::shared_ptr<Graph> FromXmlDocument(const std::shared_ptr<XmlDocument>& document);
 

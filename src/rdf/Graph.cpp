@@ -54,8 +54,8 @@ bool LiteralMatches(librdf_node* node, const StringBuffer& value) {
 // Turns one raptor option of `parser` on or off.
 void SetParserOption(librdf_parser* parser, const char* name, bool on) {
   Detail::UriPtr feature = Detail::NewUri(std::string(kFeaturePrefix) + name);
-  Detail::NodePtr value(librdf_new_node_from_literal(RDF::world, Bytes(on ? "1" : "0"), nullptr,
-                                                     0));
+  Detail::NodePtr value(
+      librdf_new_node_from_literal(RDF::world, Bytes(on ? "1" : "0"), nullptr, 0));
   if (feature && value) librdf_parser_set_feature(parser, feature.get(), value.get());
 }
 
@@ -266,10 +266,8 @@ int RDF::Graph::RemoveAnswers() {
   for (const std::shared_ptr<Triple>& answer : typed) {
     const Node& node = answer->Subject();
     StringBuffer id = node.Value();
-    FindTriples(doomed, id.getTerminatedBuffer(), node.Type(), nullptr, nullptr,
-                Node::Types::Uri);
-    FindTriples(doomed, nullptr, Node::Types::Uri, nullptr, id.getTerminatedBuffer(),
-                node.Type());
+    FindTriples(doomed, id.getTerminatedBuffer(), node.Type(), nullptr, nullptr, Node::Types::Uri);
+    FindTriples(doomed, nullptr, Node::Types::Uri, nullptr, id.getTerminatedBuffer(), node.Type());
   }
   return Remove(doomed);
 }
@@ -323,10 +321,8 @@ int RDF::Graph::FindTriples(std::vector<std::shared_ptr<Triple>>& out, const cha
   int count = 0;
   for (; stream && !librdf_stream_end(stream.get()); librdf_stream_next(stream.get())) {
     librdf_statement* statement = librdf_stream_get_object(stream.get());
-    if (literalObject && !LiteralMatches(librdf_statement_get_object(statement), literal))
-      continue;
-    out.push_back(
-        std::make_shared<Triple>(librdf_new_statement_from_statement(statement), true));
+    if (literalObject && !LiteralMatches(librdf_statement_get_object(statement), literal)) continue;
+    out.push_back(std::make_shared<Triple>(librdf_new_statement_from_statement(statement), true));
     ++count;
   }
   return count;
@@ -355,8 +351,9 @@ int RDF::Graph::Describe(const StringList& subjects,
   std::set<std::u16string> visitedBlanks;
   std::vector<std::pair<StringBuffer, Node::Types::Enumeration>> pending;
   for (int i = 0; i < subjects.Count(); ++i) {
-    const auto type = static_cast<std::size_t>(i) < types.size() ? types[static_cast<std::size_t>(i)]
-                                                                 : Node::Types::Uri;
+    const auto type = static_cast<std::size_t>(i) < types.size()
+                          ? types[static_cast<std::size_t>(i)]
+                          : Node::Types::Uri;
     if (subjects[i] && *subjects[i]) pending.emplace_back(StringBuffer(subjects[i]), type);
   }
   while (!pending.empty()) {
@@ -390,8 +387,8 @@ Detail::SerializerPtr NewSerializer(int format, const XPathVariables& namespaces
   const char* name = RDF::Graph::SerializationFormats::ToName(format);
   if (!name || !RDF::world) return nullptr;
   const bool rdfXml = format != RDF::Graph::SerializationFormats::NTriples;
-  Detail::SerializerPtr serializer(librdf_new_serializer(
-      RDF::world, name, rdfXml ? "application/rdf+xml" : nullptr, nullptr));
+  Detail::SerializerPtr serializer(
+      librdf_new_serializer(RDF::world, name, rdfXml ? "application/rdf+xml" : nullptr, nullptr));
   if (!serializer) return nullptr;
   Detail::UriPtr feature = Detail::NewUri(std::string(kFeaturePrefix) + "autoIndent");
   RDF::Node one(u"1", u"xs:integer");
@@ -402,7 +399,8 @@ Detail::SerializerPtr NewSerializer(int format, const XPathVariables& namespaces
     // "xml" is bound by XML itself and may not be declared.
     if (entry.Key.isEmpty() || entry.Value.isEmpty() || entry.Key == u"xml") continue;
     Detail::UriPtr uri = Detail::NewUri(entry.Value.ToUTF8());
-    if (uri) librdf_serializer_set_namespace(serializer.get(), uri.get(), entry.Key.ToUTF8().c_str());
+    if (uri)
+      librdf_serializer_set_namespace(serializer.get(), uri.get(), entry.Key.ToUTF8().c_str());
   }
   return serializer;
 }

@@ -46,8 +46,8 @@ RDF::Node::Node(librdf_node* node, bool owns) : node_(node), owns_(owns && node)
     size_t length = 0;
     const unsigned char* text = librdf_node_get_literal_value_as_counted_string(node, &length);
     value_ = FromUtf8(text, length);
-    language_ = FromUtf8(reinterpret_cast<const unsigned char*>(
-        librdf_node_get_literal_value_language(node)));
+    language_ = FromUtf8(
+        reinterpret_cast<const unsigned char*>(librdf_node_get_literal_value_language(node)));
     if (librdf_uri* datatype = librdf_node_get_literal_value_datatype_uri(node))
       datatype_ = FromUtf8(librdf_uri_as_string(datatype));
   }
@@ -125,8 +125,8 @@ librdf_node* RDF::Node::MakeNode() {
       node_ = librdf_new_node_from_uri_string(RDF::world, Bytes(value));
       break;
     case Types::Blank:
-      node_ = librdf_new_node_from_blank_identifier(RDF::world,
-                                                    value.empty() ? nullptr : Bytes(value));
+      node_ =
+          librdf_new_node_from_blank_identifier(RDF::world, value.empty() ? nullptr : Bytes(value));
       // A fresh identifier is this node's from now on.
       if (node_ && value.empty()) value_ = FromUtf8(librdf_node_get_blank_identifier(node_));
       break;

@@ -38,17 +38,34 @@ LibrdfErrors::~LibrdfErrors() {
   current = outer_;
 }
 
-int OnLibrdfLog(void*, librdf_log_message* message) {
-  const librdf_log_level level = librdf_log_message_level(message);
-  if (level >= LIBRDF_LOG_ERROR && current) ++current->count_;
-  const char* text = librdf_log_message_message(message);
+void LibrdfErrors::Report(bool error, const char* text) {
+  if (error && current) ++current->count_;
   Logger::Line(Logger::Severity::Debug, "Veskan::RDF")
-      << (level >= LIBRDF_LOG_ERROR ? " error: " : " warning: ") << (text ? text : "");
+      << (error ? " error: " : " warning: ") << (text ? text : "");
+}
+
+namespace {
+
+int OnLibrdfLog(void*, librdf_log_message* message) {
+  LibrdfErrors::Report(librdf_log_message_level(message) >= LIBRDF_LOG_ERROR,
+                       librdf_log_message_message(message));
   return 1;  // handled: nothing reaches stderr
 }
 
+// rasqal's messages about queries it parses for the library (librdf routes only its own runs).
+void OnRasqalLog(void*, raptor_log_message* message) {
+  LibrdfErrors::Report(message->level >= RAPTOR_LOG_LEVEL_ERROR, message->text);
+}
+
+}  // namespace
+
 void InstallLibrdfLogger(librdf_world* world) {
   librdf_world_set_logger(world, nullptr, OnLibrdfLog);
+}
+
+void InstallRasqalLogger(librdf_world* world) {
+  if (rasqal_world* rasqal = librdf_world_get_rasqal(world))
+    rasqal_world_set_log_handler(rasqal, nullptr, OnRasqalLog);
 }
 
 }  // namespace Detail

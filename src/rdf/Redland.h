@@ -39,6 +39,7 @@ using ParserPtr = LibrdfPtr<librdf_parser, librdf_free_parser>;
 using SerializerPtr = LibrdfPtr<librdf_serializer, librdf_free_serializer>;
 using QueryPtr = LibrdfPtr<librdf_query, librdf_free_query>;
 using ResultsPtr = LibrdfPtr<librdf_query_results, librdf_free_query_results>;
+using RasqalQueryPtr = LibrdfPtr<rasqal_query, rasqal_free_query>;
 void FreeLibrdfMemory(unsigned char* text);
 using LibrdfText = LibrdfPtr<unsigned char, FreeLibrdfMemory>;
 
@@ -61,15 +62,18 @@ class LibrdfErrors {
   LibrdfErrors& operator=(const LibrdfErrors&) = delete;
   ~LibrdfErrors();
   int Count() const { return count_; }
+  // Counts an error in the thread's innermost counter, if any, and writes the message to the log.
+  static void Report(bool error, const char* text);
 
  private:
-  friend int OnLibrdfLog(void*, librdf_log_message*);
   int count_ = 0;
   LibrdfErrors* outer_;
 };
 
-// Routes the world's messages to the counters above and the log; called once per new world.
+// Route the world's messages, and those of its rasqal world, to the counters above and the log:
+// the first before the world is opened, the second after (rasqal's world is made then).
 void InstallLibrdfLogger(librdf_world* world);
+void InstallRasqalLogger(librdf_world* world);
 
 }  // namespace Detail
 }  // namespace Veskan

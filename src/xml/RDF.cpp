@@ -35,6 +35,7 @@ RDF::RDF() {
       // Before opening: messages of the world's start go to the log, not to stderr.
       Detail::InstallLibrdfLogger(world);
       librdf_world_open(world);
+      Detail::InstallRasqalLogger(world);
     }
   }
   initcount.fetch_add(1);

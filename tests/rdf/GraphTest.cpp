@@ -88,9 +88,10 @@ TEST(RdfGraphTest, ReadsRelativeReferencesAgainstTheBaseAndWritesEveryFormat) {
   EXPECT_EQ(points->Object().Datatype(), StringBuffer(u"http://www.w3.org/2001/XMLSchema#integer"));
 
   const StringBuffer lines = graph->Serialize(RDF::Graph::SerializationFormats::NTriples);
-  EXPECT_NE(lines.indexOf(StringBuffer(u"<") + kQ1.c_str() +
-                          u"> <http://www.calvorco.com/2008/veskan/text> \"Capital of France?\"@en ."),
-            -1)
+  EXPECT_NE(
+      lines.indexOf(StringBuffer(u"<") + kQ1.c_str() +
+                    u"> <http://www.calvorco.com/2008/veskan/text> \"Capital of France?\"@en ."),
+      -1)
       << lines;
   // Each RDF/XML form reads back into the same statements (blank nodes aside).
   for (int format : {0, 1}) {
@@ -112,15 +113,15 @@ TEST(RdfGraphTest, ReadsRelativeReferencesAgainstTheBaseAndWritesEveryFormat) {
 TEST(RdfGraphTest, BadTextAddsNothing) {
   std::shared_ptr<RDF::Graph> graph = Quiz();
   RDF::Graph empty;
-  const std::string doctype =
-      R"(<?xml version="1.0"?><!DOCTYPE rdf:RDF [)";
+  const std::string doctype = R"(<?xml version="1.0"?><!DOCTYPE rdf:RDF [)";
   const std::string body =
       R"(]><rdf:RDF xmlns:rdf="http://www.w3.org/1999/02/22-rdf-syntax-ns#" xmlns:v="http://x/">
          <rdf:Description rdf:about="http://x/s"><v:t>&e;</v:t></rdf:Description></rdf:RDF>)";
   std::string laughs = R"(<!ENTITY e0 "lol">)";
   for (int level = 1; level <= 10; ++level) {
     std::string ten;
-    for (int i = 0; i < 10; ++i) ten += "&e" + std::to_string(level - 1) + ";";
+    for (int i = 0; i < 10; ++i)
+      ten += "&e" + std::to_string(level - 1) + ";";
     laughs += "<!ENTITY e" + std::to_string(level) + " \"" + ten + "\">";
   }
   laughs += R"(<!ENTITY e "&e10;">)";
