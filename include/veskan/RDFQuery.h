@@ -72,12 +72,15 @@ class VESKAN_API RDF::Results {
   explicit Results(std::shared_ptr<Run> run);
 
  private:
-  // librdf's results written once as SPARQL results XML (rows and truth values); they can be
-  // read only once, and both the rows and Serialize need them.
+  // librdf's results written once as SPARQL results XML (rows and truth values).
   const std::string& ResultsXml();
+  // The run's results the first time, then a new run's: rows and truth values can be read only
+  // once, and both the rows and Serialize read them.
+  librdf_query_results* Unread();
 
   Globals globals_;
   std::shared_ptr<Run> run_;
+  bool read_ = false;
   bool built_ = false;
   bool written_ = false;
   std::string xml_;

@@ -3,6 +3,7 @@
 
 #include <veskan/Logger.h>
 
+#include "rdf/RdfXmlScreen.h"
 #include "rdf/Redland.h"
 
 #include <set>
@@ -64,6 +65,12 @@ void SetParserOption(librdf_parser* parser, const char* name, bool on) {
 bool ParseInto(librdf_model* model, const unsigned char* bytes, std::size_t length,
                const char* syntax) {
   if (!RDF::world || !model || !bytes || length == 0) return false;
+  std::string refusal;
+  if (!syntax && !Detail::ScreenRdfXml(reinterpret_cast<const char*>(bytes), length, refusal)) {
+    Logger::Line(Logger::Severity::Information, "Veskan::RDF::Graph")
+        << " RDF/XML refused: " << refusal.c_str();
+    return false;
+  }
   Detail::LibrdfErrors errors;
   Detail::ParserPtr parser(librdf_new_parser(RDF::world, syntax, nullptr, nullptr));
   Detail::UriPtr base = Detail::NewUri(StringBuffer(RDF::Graph::BaseUri).ToUTF8());

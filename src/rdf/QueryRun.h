@@ -20,6 +20,7 @@ class RDF::Results::Run {
   // The results go first: they read from the query and the graph's model.
   ~Run() {
     Detail::WorldLock lock = Detail::LockWorld();
+    again.reset();
     results.reset();
     query.reset();
     graph.reset();
@@ -28,6 +29,7 @@ class RDF::Results::Run {
   std::shared_ptr<librdf_query> query;
   std::shared_ptr<Graph> graph;
   Detail::ResultsPtr results;
+  Detail::ResultsPtr again;  // a second run, when the first one's results have been read
 };
 
 }  // namespace Veskan

@@ -4,8 +4,11 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace Veskan {
 namespace {
@@ -75,9 +78,15 @@ TEST(RdfQueryTest, AskGivesATruthValueAndConstructAGraph) {
   EXPECT_FALSE(no->Boolean());
   EXPECT_EQ(no->length(), 0);
   EXPECT_NE(no->Serialize(0).indexOf(u"<boolean>false</boolean>"), -1);
+  // Written first, read as rows afterwards: the results are read twice.
+  std::shared_ptr<RDF::Results> points =
+      RDF::Query(u"SELECT ?p WHERE { ?q <http://x/points> ?p }").Execute(graph);
+  EXPECT_NE(points->Serialize(0).indexOf(u"<literal datatype="), -1);
+  EXPECT_EQ(points->length(), 2);
 
-  std::shared_ptr<RDF::Results> built = RDF::Query(
-      u"CONSTRUCT { ?q <http://x/worth> ?p } WHERE { ?q <http://x/points> ?p }").Execute(graph);
+  std::shared_ptr<RDF::Results> built =
+      RDF::Query(u"CONSTRUCT { ?q <http://x/worth> ?p } WHERE { ?q <http://x/points> ?p }")
+          .Execute(graph);
   ASSERT_TRUE(built && built->AsGraph());
   EXPECT_EQ(built->AsGraph()->Size(), 2);
   EXPECT_NE(built->Serialize(0).indexOf(u"worth"), -1);
@@ -94,6 +103,38 @@ TEST(RdfQueryTest, RowsAreBoundedEvenWhenAGraphIsJoinedWithItself) {
   RDF::Query limited(u"SELECT * WHERE { ?a ?b ?c . ?d ?e ?f } LIMIT 7");
   limited.SetMaxRows(50);
   EXPECT_EQ(limited.Execute(graph)->length(), 7);
+}
+
+// Every operation takes the world's lock, so threads that each work on graphs of their own get
+// the same answers as one thread would.
+TEST(RdfQueryTest, EightThreadsParseQueryAndSerializeGraphsOfTheirOwn) {
+  std::atomic<int> wrong{0};
+  std::vector<std::thread> threads;
+  for (int thread = 0; thread < 8; ++thread) {
+    threads.emplace_back([thread, &wrong] {
+      for (int round = 0; round < 10; ++round) {
+        const int questions = 5 + thread + round;
+        std::string xml = R"(<rdf:RDF xmlns:rdf="http://www.w3.org/1999/02/22-rdf-syntax-ns#" )"
+                          R"(xmlns:v="http://x/">)";
+        for (int q = 0; q < questions; ++q)
+          xml += "<v:Question rdf:about=\"http://x/t" + std::to_string(thread) + "q" +
+                 std::to_string(q) + "\"><v:points>" + std::to_string(q) +
+                 "</v:points></v:Question>";
+        xml += "</rdf:RDF>";
+        auto graph = std::make_shared<RDF::Graph>();
+        if (graph->Add(UTF16to8(UTF8to16(xml.c_str()))) != 1) ++wrong;
+        RDF::Query query(u"SELECT ?q WHERE { ?q <http://x/points> ?p }");
+        std::shared_ptr<RDF::Results> rows = query.Execute(graph);
+        if (!rows || rows->length() != questions) ++wrong;
+        RDF::Graph copy;
+        const StringBuffer written = graph->Serialize(RDF::Graph::SerializationFormats::RdfXml);
+        if (copy.Add(UTF16to8(written)) != 1 || copy.Size() != 2 * questions) ++wrong;
+      }
+    });
+  }
+  for (std::thread& thread : threads)
+    thread.join();
+  EXPECT_EQ(wrong.load(), 0);
 }
 
 }  // namespace
