@@ -56,6 +56,8 @@ class VESKAN_API RDF::Results {
   void RemoveAt(int index);
   void Clear();
 
+  // Whether these are the truth value of an ASK.
+  bool IsBoolean();
   // ASK: whether the pattern matched. False for other results.
   bool Boolean();
   // Graph results (CONSTRUCT, DESCRIBE) as a graph; null for others.

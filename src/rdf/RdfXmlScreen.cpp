@@ -40,8 +40,8 @@ class Scanner {
   bool IsNameChar(std::size_t position) const {
     if (position >= length_) return false;
     const char c = text_[position];
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-           c == '_' || c == '-' || c == '.' || c == ':' || static_cast<unsigned char>(c) >= 0x80;
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
+           c == '-' || c == '.' || c == ':' || static_cast<unsigned char>(c) >= 0x80;
   }
   // Whether the document type starting at `position` names an external identifier; `end` is set
   // past it.

@@ -133,6 +133,11 @@ void RDF::Results::Clear() {
   rows_.clear();
 }
 
+bool RDF::Results::IsBoolean() {
+  WorldLock lock = LockWorld();
+  return run_ && run_->results && librdf_query_results_is_boolean(run_->results.get());
+}
+
 bool RDF::Results::Boolean() {
   WorldLock lock = LockWorld();
   librdf_query_results* results = run_ ? run_->results.get() : nullptr;

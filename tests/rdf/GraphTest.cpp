@@ -122,7 +122,8 @@ TEST(RdfGraphTest, BadTextAddsNothing) {
   std::string laughs = R"(<!ENTITY e0 "lol">)";
   for (int level = 1; level <= 10; ++level) {
     std::string ten;
-    for (int i = 0; i < 10; ++i) ten += "&e" + std::to_string(level - 1) + ";";
+    for (int i = 0; i < 10; ++i)
+      ten += "&e" + std::to_string(level - 1) + ";";
     laughs += "<!ENTITY e" + std::to_string(level) + " \"" + ten + "\">";
   }
   laughs += R"(<!ENTITY e "&e10;">)";
@@ -136,13 +137,12 @@ TEST(RdfGraphTest, BadTextAddsNothing) {
            R"(<rdf:Description rdf:about="http://x/s">)" +
            open + close + "</rdf:Description></rdf:RDF>";
   };
-  for (const std::string& bad : {std::string(), std::string("not rdf at all"),
-                                 std::string(kQuiz).substr(0, 300),  // cut short
-                                 doctype + laughs + body,
-                                 doctype + R"(<!ENTITY e SYSTEM "file:///etc/hostname">)" + body,
-                                 doctype + R"(<!ENTITY % p SYSTEM "file:///etc/passwd"> %p;)" +
-                                     R"(<!ENTITY e "x">)" + body,
-                                 nested(300)}) {
+  for (const std::string& bad :
+       {std::string(), std::string("not rdf at all"),
+        std::string(kQuiz).substr(0, 300),  // cut short
+        doctype + laughs + body, doctype + R"(<!ENTITY e SYSTEM "file:///etc/hostname">)" + body,
+        doctype + R"(<!ENTITY % p SYSTEM "file:///etc/passwd"> %p;)" + R"(<!ENTITY e "x">)" + body,
+        nested(300)}) {
     EXPECT_EQ(graph->Add(Bytes(bad)), 0) << bad.substr(0, 80);
     EXPECT_EQ(graph->Size(), 12);
     EXPECT_EQ(empty.Add(Bytes(bad)), 0);
