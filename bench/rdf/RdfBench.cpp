@@ -141,8 +141,8 @@ void Query_LibrdfRaw(benchmark::State& state) {
               librdf_node_is_resource(value) ? librdf_uri_as_string(librdf_node_get_uri(value))
               : librdf_node_is_blank(value)  ? librdf_node_get_blank_identifier(value)
                                              : librdf_node_get_literal_value(value);
-          bytes += written ? std::char_traits<char>::length(reinterpret_cast<const char*>(written))
-                           : 0;
+          bytes +=
+              written ? std::char_traits<char>::length(reinterpret_cast<const char*>(written)) : 0;
           librdf_free_node(value);
         }
       }
@@ -167,8 +167,8 @@ void Serialize_LibrdfRaw(benchmark::State& state) {
   for (auto _ : state) {
     librdf_serializer* serializer = librdf_new_serializer(RDF::world, name, nullptr, nullptr);
     size_t length = 0;
-    unsigned char* text = librdf_serializer_serialize_model_to_counted_string(
-        serializer, nullptr, graph.model, &length);
+    unsigned char* text = librdf_serializer_serialize_model_to_counted_string(serializer, nullptr,
+                                                                              graph.model, &length);
     benchmark::DoNotOptimize(length);
     librdf_free_memory(text);
     librdf_free_serializer(serializer);
