@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <memory>
 #include <string>
+#include <vector>
 
 using namespace Veskan;
 
@@ -18,22 +19,25 @@ namespace {
 
 const char* const kBase = "http://www.calvorco.com/2008/veskan/baseUri/";
 
-// The five queries: a lookup by type, an OPTIONAL with a FILTER on a language, an ORDER BY over
-// typed numbers with a LIMIT, a join over the recorded answers, and an ASK.
-const char* const kQueries[] = {
-    "PREFIX veskan: <http://www.calvorco.com/2008/veskan/> "
-    "SELECT ?q WHERE { ?q a veskan:Question }",
-    "PREFIX veskan: <http://www.calvorco.com/2008/veskan/> "
-    "SELECT ?q ?text WHERE { ?q a veskan:Question OPTIONAL { ?q veskan:text ?text "
-    "FILTER(langMatches(lang(?text), \"de\")) } }",
-    "PREFIX veskan: <http://www.calvorco.com/2008/veskan/> "
-    "SELECT ?q ?points WHERE { ?q veskan:points ?points } ORDER BY DESC(?points) ?q LIMIT 100",
-    "PREFIX veskan: <http://www.calvorco.com/2008/veskan/> "
-    "SELECT ?who ?q WHERE { ?a a veskan:Answer ; veskan:participant ?who ; veskan:question ?q ; "
-    "veskan:choice ?c . ?c veskan:correct ?ok FILTER(?ok) }",
-    "PREFIX veskan: <http://www.calvorco.com/2008/veskan/> "
-    "ASK { ?a a veskan:Answer ; veskan:participant \"Zo\\u00eb\" }",
-};
+// The five queries of bench/rdf/queries, in the order of their names (VESKAN_RDF_BENCH_QUERIES
+// names the folder): a lookup by type, a FILTER on a language, an ORDER BY over typed numbers
+// with a LIMIT, a join over the recorded answers, and an ASK.
+const std::vector<std::string>& Queries() {
+  static const std::vector<std::string> queries = [] {
+    std::vector<std::string> texts;
+    const char* folder = std::getenv("VESKAN_RDF_BENCH_QUERIES");
+    for (const char* name :
+         {"1-questions", "2-german-texts", "3-top-points", "4-correct-answers", "5-has-answered"}) {
+      const ByteBuffer bytes = BytesFromFile(
+          UTF8to16(
+              (std::string(folder ? folder : "bench/rdf/queries") + "/" + name + ".rq").c_str())
+              .getTerminatedBuffer());
+      texts.emplace_back(static_cast<const char*>(bytes), static_cast<std::size_t>(bytes.Size()));
+    }
+    return texts;
+  }();
+  return queries;
+}
 
 const ByteBuffer& GraphBytes() {
   static const ByteBuffer bytes = [] {
@@ -44,8 +48,10 @@ const ByteBuffer& GraphBytes() {
 }
 
 bool HaveGraph(benchmark::State& state) {
-  if (GraphBytes().Size() > 0) return true;
-  state.SkipWithError("set VESKAN_RDF_BENCH_GRAPH to an RDF/XML file (bench/rdf/run.py does)");
+  if (GraphBytes().Size() > 0 && !Queries()[4].empty()) return true;
+  state.SkipWithError(
+      "set VESKAN_RDF_BENCH_GRAPH to an RDF/XML file and VESKAN_RDF_BENCH_QUERIES to "
+      "bench/rdf/queries (bench/rdf/run.py does)");
   return false;
 }
 
@@ -112,7 +118,7 @@ void Parse_LibrdfRaw(benchmark::State& state) {
 void Query_Veskan(benchmark::State& state) {
   if (!HaveGraph(state)) return;
   std::shared_ptr<RDF::Graph> graph = LoadedGraph();
-  const StringBuffer text = UTF8to16(kQueries[state.range(0)]);
+  const StringBuffer text = UTF8to16(Queries()[static_cast<std::size_t>(state.range(0))].c_str());
   for (auto _ : state) {
     RDF::Query query(text.getBuffer());
     std::shared_ptr<RDF::Results> results = query.Execute(graph);
@@ -124,7 +130,8 @@ void Query_Veskan(benchmark::State& state) {
 void Query_LibrdfRaw(benchmark::State& state) {
   if (!HaveGraph(state)) return;
   RawGraph& graph = LoadedRawGraph();
-  const auto* text = reinterpret_cast<const unsigned char*>(kQueries[state.range(0)]);
+  const auto* text = reinterpret_cast<const unsigned char*>(
+      Queries()[static_cast<std::size_t>(state.range(0))].c_str());
   for (auto _ : state) {
     librdf_query* query = librdf_new_query(RDF::world, "sparql", nullptr, text, nullptr);
     librdf_query_results* results = librdf_query_execute(query, graph.model);

@@ -30,7 +30,8 @@ namespace Veskan {
 // neither "#" nor "/" and the local name). A literal with both a language and a datatype is the
 // language-tagged literal in librdf, as in FormattedString. Variables have no librdf node.
 //
-// Every object keeps the XML and RDF libraries up while it lives (a Globals of its own).
+// A node that holds a librdf node keeps the XML and RDF libraries up while it does (a Globals
+// of its own); one of texts alone costs nothing more than its texts.
 //
 // Thread safety: a plain value; every librdf call is made holding RDF::worldMutex.
 class VESKAN_API RDF::Node {
@@ -84,7 +85,7 @@ class VESKAN_API RDF::Node {
  private:
   void Release();
 
-  Globals globals_;
+  std::unique_ptr<Globals> globals_;  // while node_ is held
   librdf_node* node_ = nullptr;
   bool owns_ = false;
   Types::Enumeration type_ = Types::Literal;
@@ -147,7 +148,7 @@ class VESKAN_API RDF::Triple {
  private:
   void Release();
 
-  Globals globals_;
+  std::unique_ptr<Globals> globals_;  // while statement_ is held
   librdf_statement* statement_ = nullptr;
   bool owns_ = false;
   Node subject_;

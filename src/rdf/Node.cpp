@@ -34,6 +34,7 @@ RDF::Node::Node(const char16_t* value, const char16_t* datatype)
 
 RDF::Node::Node(librdf_node* node, bool owns) : node_(node), owns_(owns && node) {
   if (!node) return;
+  globals_ = std::make_unique<Globals>();
   Detail::WorldLock lock = Detail::LockWorld();
   if (librdf_node_is_resource(node)) {
     type_ = Types::Uri;
@@ -80,6 +81,7 @@ void RDF::Node::Release() {
   }
   node_ = nullptr;
   owns_ = false;
+  globals_.reset();
 }
 
 void RDF::Node::SetLanguage(const char16_t* language) {
@@ -117,6 +119,7 @@ StringBuffer RDF::Node::FormattedString() const {
 
 librdf_node* RDF::Node::MakeNode() {
   if (node_) return node_;
+  auto globals = std::make_unique<Globals>();  // the libraries stay up while the node lives
   Detail::WorldLock lock = Detail::LockWorld();
   if (!RDF::world || type_ == Types::Variable) return nullptr;
   const std::string value = value_.ToUTF8();
@@ -144,6 +147,7 @@ librdf_node* RDF::Node::MakeNode() {
     }
   }
   owns_ = node_ != nullptr;
+  if (node_) globals_ = std::move(globals);
   return node_;
 }
 

@@ -26,6 +26,7 @@ RDF::Node ObjectNode(const char16_t* object, RDF::Node::Types::Enumeration type,
 RDF::Triple::Triple(librdf_statement* statement, bool owns)
     : statement_(statement), owns_(owns && statement) {
   if (!statement) return;
+  globals_ = std::make_unique<Globals>();
   Detail::WorldLock lock = Detail::LockWorld();
   // Texts only: the nodes make librdf nodes of their own if ever asked, so they do not depend
   // on the statement's lifetime.
@@ -68,6 +69,7 @@ void RDF::Triple::Release() {
   }
   statement_ = nullptr;
   owns_ = false;
+  globals_.reset();
 }
 
 StringBuffer RDF::Triple::FormattedString() const {
@@ -77,6 +79,7 @@ StringBuffer RDF::Triple::FormattedString() const {
 
 librdf_statement* RDF::Triple::MakeStatement() {
   if (statement_) return statement_;
+  auto globals = std::make_unique<Globals>();  // the libraries stay up while it lives
   Detail::WorldLock lock = Detail::LockWorld();
   if (!RDF::world) return nullptr;
   librdf_node* subject = subject_.MakeNode();
@@ -88,6 +91,7 @@ librdf_statement* RDF::Triple::MakeStatement() {
                                                librdf_new_node_from_node(predicate),
                                                librdf_new_node_from_node(object));
   owns_ = statement_ != nullptr;
+  if (statement_) globals_ = std::move(globals);
   return statement_;
 }
 
