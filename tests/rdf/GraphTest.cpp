@@ -103,6 +103,10 @@ TEST(RdfGraphTest, ReadsRelativeReferencesAgainstTheBaseAndWritesEveryFormat) {
     EXPECT_TRUE(graph->ifContains(UTF16to8(xml)));
   }
   EXPECT_EQ(graph->Serialize(7), StringBuffer());
+  std::shared_ptr<RDF::Graph> fromDocument =
+      RDF::Graph::FromXmlDocument(XmlSchema::NewDoc(UTF8to16(kQuiz).getTerminatedBuffer()));
+  ASSERT_TRUE(fromDocument);
+  EXPECT_EQ(fromDocument->Size(), 12);
 
   RDF::Graph copy(*graph);
   EXPECT_NE(static_cast<librdf_storage*>(copy), static_cast<librdf_storage*>(*graph));
