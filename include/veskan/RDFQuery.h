@@ -36,9 +36,9 @@ class VESKAN_API RDF::Result {
 };
 
 // What one run of a query produced: rows of bindings (SELECT), a truth value (ASK) or a graph
-// (CONSTRUCT, DESCRIBE). The rows are built on first need from librdf's SPARQL results XML:
-// each value becomes a node of its kind holding the text alone (a literal's language and
-// datatype are not kept, as that format's readers of this system expect).
+// (CONSTRUCT, DESCRIBE). The rows are built on first need, as the SPARQL results XML gives them:
+// one row per result, each bound variable a node of its kind holding the text alone (a literal's
+// language and datatype are not kept, as this system's readers of that format expect).
 //
 // Thread safety: use one object on one thread; every librdf call holds RDF::worldMutex.
 class VESKAN_API RDF::Results {

@@ -180,12 +180,13 @@ int RDF::Graph::Add(const ByteBuffer& bytes) {
   if (!model_) return 0;
   const auto* text = static_cast<const unsigned char*>(bytes);
   const auto length = static_cast<std::size_t>(bytes.Size());
-  // Straight into an empty graph, which a failure simply empties again; through a scratch
-  // graph otherwise, so that a failure leaves the statements there were.
+  // Straight into an empty graph, which a failure empties again; through a scratch graph
+  // otherwise, so that a failure leaves the statements there were.
   if (Size() == 0) {
     if (ParseInto(model_, text, length, nullptr)) return 1;
-    Release();
-    Create();
+    std::vector<std::shared_ptr<Triple>> partial;
+    FindTriples(partial, nullptr, Node::Types::Uri, nullptr, nullptr, Node::Types::Uri);
+    Remove(partial);
     return 0;
   }
   Graph scratch;

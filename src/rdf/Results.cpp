@@ -1,4 +1,5 @@
-// RDF::Results and RDF::Result: the rows of a run, built from its SPARQL results XML.
+// RDF::Results and RDF::Result: the rows of a run read from librdf's bindings, its truth value
+// or graph, and the results written as SPARQL results XML.
 #include <veskan/RDFQuery.h>
 
 #include "rdf/QueryRun.h"
@@ -110,7 +111,8 @@ int RDF::Results::length() {
 }
 
 RDF::Result& RDF::Results::operator[](int index) {
-  static Result empty;
+  // One per thread: results on different threads must not share what a caller may write into.
+  thread_local Result empty;
   if (index < 0 || index >= length()) {
     empty = Result();  // whatever a caller wrote into it is gone
     return empty;
