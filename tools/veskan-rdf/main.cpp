@@ -96,8 +96,8 @@ int Query(const std::string& path, const std::string& queryPath) {
       for (const auto& binding : (*results)[i]) {
         if (!binding.second) continue;
         line += (line.empty() ? "{" : ", ") + Json(binding.first) + ": {\"type\": \"" +
-                KindName(binding.second->Type()) + "\", \"value\": " +
-                Json(binding.second->Value()) + "}";
+                KindName(binding.second->Type()) +
+                "\", \"value\": " + Json(binding.second->Value()) + "}";
       }
       std::cout << (line.empty() ? "{}" : line + "}") << '\n';
     }
