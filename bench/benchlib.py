@@ -30,3 +30,13 @@ def raise_file_limit(needed):
     if soft < target:
         resource.setrlimit(resource.RLIMIT_NOFILE, (target, hard))
     return resource.getrlimit(resource.RLIMIT_NOFILE)[0]
+
+
+def append_results(path, title, script, lines):
+    """Appends a run's section (`lines`) to a results file, which starts with `title` and the
+    script that writes it."""
+    fresh = not os.path.exists(path)
+    with open(path, "a") as f:
+        if fresh:
+            f.write(f"# {title}\n\nWritten by {script}, newest last.\n\n")
+        f.write("\n".join(lines).rstrip("\n") + "\n\n")

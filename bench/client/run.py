@@ -28,7 +28,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import fmt, log, pinned  # noqa: E402
+from benchlib import append_results, fmt, log, pinned  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -162,12 +162,7 @@ def main():
     ]
     print("\n".join(lines))
     if not args.no_results:
-        fresh = not os.path.exists(RESULTS)
-        with open(RESULTS, "a") as f:
-            if fresh:
-                f.write("# HTTP client benchmark results\n\nWritten by bench/client/run.py, newest last.\n\n")
-            f.write("\n".join(lines) + "\n")
-
+        append_results(RESULTS, "HTTP client benchmark results", "bench/client/run.py", lines)
 
 if __name__ == "__main__":
     main()

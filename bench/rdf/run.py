@@ -21,6 +21,9 @@ import sys
 import tempfile
 import time
 
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from benchlib import append_results, log  # noqa: E402
+
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
 BUILD = os.path.join(ROOT, "build-bench-rdf")
@@ -28,10 +31,6 @@ BENCH = os.path.join(BUILD, "bench", "veskan_rdf_bench")
 QUERIES = os.path.join(HERE, "queries")
 RESULTS = os.path.join(HERE, "RESULTS.md")
 BASE = "http://www.calvorco.com/2008/veskan/baseUri/"
-
-
-def log(message):
-    print(message, file=sys.stderr, flush=True)
 
 
 def build():
@@ -100,12 +99,7 @@ def main():
     lines += [f"| {label} | {ms:,.0f} |" for label, ms in tools]
     print("\n".join(lines))
     if not args.no_results:
-        fresh = not os.path.exists(RESULTS)
-        with open(RESULTS, "a") as f:
-            if fresh:
-                f.write("# RDF benchmark results\n\nWritten by bench/rdf/run.py, newest last.\n\n")
-            f.write("\n".join(lines) + "\n\n")
-
+        append_results(RESULTS, "RDF benchmark results", "bench/rdf/run.py", lines)
 
 if __name__ == "__main__":
     main()
