@@ -46,6 +46,7 @@ class VESKAN_API RDF::Node {
   // A node of `type` whose value is `text` (null: empty). An empty blank node gets a fresh
   // identifier from librdf when its node is made.
   Node(const char16_t* text, Types::Enumeration type);
+  Node(StringBuffer text, Types::Enumeration type);
   // The literal `value` typed `datatype` (a URI or a prefixed name, above).
   Node(const char16_t* value, const char16_t* datatype);
   // Adopts `node`, reading its type, value, language and datatype; frees it at the end when

@@ -32,6 +32,7 @@ class VESKAN_API RDF::Result {
   Bindings::const_iterator end() const { return bindings_.end(); }
 
  private:
+  friend class Results;  // fills rows without copying each name and value again
   Bindings bindings_;
 };
 

@@ -29,6 +29,9 @@ RDF::Node::Node() = default;
 RDF::Node::Node(const char16_t* text, Types::Enumeration type)
     : type_(type), value_(text ? text : u"") {}
 
+RDF::Node::Node(StringBuffer text, Types::Enumeration type)
+    : type_(type), value_(std::move(text)) {}
+
 RDF::Node::Node(const char16_t* value, const char16_t* datatype)
     : type_(Types::Literal), value_(value ? value : u""), datatype_(ExpandedDatatype(datatype)) {}
 

@@ -69,16 +69,13 @@ namespace {
 std::shared_ptr<RDF::Node> ValueNode(librdf_node* value) {
   if (librdf_node_is_resource(value))
     return std::make_shared<RDF::Node>(
-        Detail::FromUtf8(librdf_uri_as_string(librdf_node_get_uri(value))).getTerminatedBuffer(),
-        RDF::Node::Types::Uri);
+        Detail::FromUtf8(librdf_uri_as_string(librdf_node_get_uri(value))), RDF::Node::Types::Uri);
   if (librdf_node_is_blank(value))
-    return std::make_shared<RDF::Node>(
-        Detail::FromUtf8(librdf_node_get_blank_identifier(value)).getTerminatedBuffer(),
-        RDF::Node::Types::Blank);
+    return std::make_shared<RDF::Node>(Detail::FromUtf8(librdf_node_get_blank_identifier(value)),
+                                       RDF::Node::Types::Blank);
   size_t length = 0;
   const unsigned char* text = librdf_node_get_literal_value_as_counted_string(value, &length);
-  return std::make_shared<RDF::Node>(Detail::FromUtf8(text, length).getTerminatedBuffer(),
-                                     RDF::Node::Types::Literal);
+  return std::make_shared<RDF::Node>(Detail::FromUtf8(text, length), RDF::Node::Types::Literal);
 }
 
 }  // namespace
@@ -102,8 +99,7 @@ int RDF::Results::length() {
     for (int i = 0; i < count; ++i) {
       // Null for a variable of an OPTIONAL that did not match: absent from the row.
       Detail::NodePtr value(librdf_query_results_get_binding_value(results, i));
-      if (value)
-        row[names[static_cast<std::size_t>(i)].getTerminatedBuffer()] = ValueNode(value.get());
+      if (value) row.bindings_.emplace(names[static_cast<std::size_t>(i)], ValueNode(value.get()));
     }
     rows_.push_back(std::move(row));
   }
