@@ -10,11 +10,17 @@ using Detail::FromUtf8;
 
 namespace {
 
+// Whether `text`, whose first colon is at `colon`, is a full URI ("http://...") rather than a
+// prefixed name.
+bool IsFullUri(const StringBuffer& text, int colon) {
+  return colon > 0 && text.indexOf(u"//") == colon + 1;
+}
+
 // A datatype as a full URI: "xs:integer" becomes XML Schema's "...XMLSchema#integer".
 StringBuffer ExpandedDatatype(const char16_t* datatype) {
   StringBuffer text(datatype ? datatype : u"");
   const int colon = text.indexOf(u':');
-  if (colon <= 0 || text.indexOf(u"//") == colon + 1) return text;
+  if (colon <= 0 || IsFullUri(text, colon)) return text;
   StringBuffer prefix = text.tempSubString(0, colon);
   if (!Namespaces::Defaults.Contains(prefix.getTerminatedBuffer())) return text;
   StringBuffer uri = Namespaces::Defaults.GetValue(prefix.getTerminatedBuffer());
@@ -161,7 +167,7 @@ bool RDF::Node::operator==(const char16_t* value) const {
 RDF::Predicate::Predicate(const char16_t* prefixedName, const XPathVariables& namespaces) {
   StringBuffer name(prefixedName ? prefixedName : u"");
   const int colon = name.indexOf(u':');
-  if (colon > 0 && name.indexOf(u"//") == colon + 1) {
+  if (IsFullUri(name, colon)) {
     text_ = name;  // a full URI already
     return;
   }

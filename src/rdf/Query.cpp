@@ -65,7 +65,6 @@ std::shared_ptr<RDF::Results> RDF::Query::Execute(const std::shared_ptr<Graph>& 
   WorldLock lock = LockWorld();
   librdf_model* model = *graph;
   if (!model || (compiledMaxRows_ != maxRows_ && !Compile())) return nullptr;
-  Detail::LibrdfErrors errors;
   librdf_query_results* results = librdf_query_execute(compiled_.get(), model);
   if (!results) return nullptr;
   auto run = std::make_shared<Results::Run>(compiled_, graph, results);
