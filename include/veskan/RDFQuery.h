@@ -130,22 +130,23 @@ class VESKAN_API RDF::Query {
   const StringBuffer& ErrorCode() const { return errorCode_; }
   const StringBuffer& ErrorMessage() const { return errorMessage_; }
 
-  // The compiled query (with the bound in force when last compiled); null when the text did not
-  // compile.
+  // The compiled query; null when the text did not compile.
   operator librdf_query*() const { return compiled_.get(); }
 
  private:
-  // Compiles the text for the current MaxRows; false when librdf refuses it.
-  bool Compile();
-
+  static constexpr int RUNS_PER_PARSE = 256;
+  // A new librdf query parsed by a run on an empty model; null when librdf refuses the text.
+  // Sets bounded_ and starts the count of runs.
+  std::shared_ptr<librdf_query> Prepare();
   Globals globals_;
   StringBuffer text_;
   Languages::Enumeration language_;
-  bool bounded_ = false;  // returns rows or statements and has no LIMIT of its own
+  bool bounded_ = false;   // returns rows or statements and has no LIMIT of its own
+  bool onceOnly_ = false;  // librdf's parse of the text serves one run only
+  int runs_ = 0;           // of compiled_ since its parse
   int maxRows_ = DEFAULT_MAX_ROWS;
   // Shared with the results of its runs, which read through it.
   std::shared_ptr<librdf_query> compiled_;
-  int compiledMaxRows_ = -1;
   StringBuffer errorCode_;
   StringBuffer errorMessage_;
 };

@@ -10,6 +10,10 @@ namespace {
 // The innermost counter of the thread's current operation; librdf logs on the calling thread.
 thread_local LibrdfErrors* current = nullptr;
 
+// EmptyModel's parts, under the world's lock; freed by FreeEmptyModel, never by a destructor.
+librdf_storage* emptyStorage = nullptr;
+librdf_model* emptyModel = nullptr;
+
 }  // namespace
 
 void FreeLibrdfMemory(unsigned char* text) {
@@ -23,6 +27,22 @@ StringBuffer FromUtf8(const unsigned char* text) {
 StringBuffer FromUtf8(const unsigned char* text, std::size_t length) {
   return text ? UTF8to16(reinterpret_cast<const char*>(text), 0, static_cast<int>(length))
               : StringBuffer();
+}
+
+librdf_model* EmptyModel() {
+  if (!emptyModel && RDF::world) {
+    emptyStorage = librdf_new_storage(RDF::world, "memory", nullptr, nullptr);
+    emptyModel = emptyStorage ? librdf_new_model(RDF::world, emptyStorage, nullptr) : nullptr;
+  }
+  return emptyModel;
+}
+
+void FreeEmptyModel() {
+  WorldLock lock = LockWorld();
+  if (emptyModel) librdf_free_model(emptyModel);
+  if (emptyStorage) librdf_free_storage(emptyStorage);
+  emptyModel = nullptr;
+  emptyStorage = nullptr;
 }
 
 UriPtr NewUri(const std::string& text) {

@@ -39,7 +39,6 @@ using ParserPtr = LibrdfPtr<librdf_parser, librdf_free_parser>;
 using SerializerPtr = LibrdfPtr<librdf_serializer, librdf_free_serializer>;
 using QueryPtr = LibrdfPtr<librdf_query, librdf_free_query>;
 using ResultsPtr = LibrdfPtr<librdf_query_results, librdf_free_query_results>;
-using RasqalQueryPtr = LibrdfPtr<rasqal_query, rasqal_free_query>;
 void FreeLibrdfMemory(unsigned char* text);
 using LibrdfText = LibrdfPtr<unsigned char, FreeLibrdfMemory>;
 
@@ -49,6 +48,12 @@ inline const unsigned char* Bytes(const std::string& text) {
 // librdf's UTF-8 as a StringBuffer (null: empty).
 StringBuffer FromUtf8(const unsigned char* text);
 StringBuffer FromUtf8(const unsigned char* text, std::size_t length);
+
+// A model without statements, made on first use and kept until FreeEmptyModel, which the world's
+// owner calls before freeing the world: running a query on it makes librdf parse the query.
+// Hold the world's lock.
+librdf_model* EmptyModel();
+void FreeEmptyModel();
 
 // A new URI in the world, null when librdf refuses the text.
 UriPtr NewUri(const std::string& text);

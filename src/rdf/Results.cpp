@@ -54,10 +54,7 @@ librdf_query_results* RDF::Results::Unread() {
   if (!run_ || !run_->results) return nullptr;
   librdf_query_results* results = run_->results.get();
   // librdf cannot rewind rows and truth values, so the query runs again.
-  if (read_ && !librdf_query_results_is_graph(results)) {
-    run_->again.reset(librdf_query_execute(run_->query.get(), *run_->graph));
-    return run_->again.get();
-  }
+  if (read_ && !librdf_query_results_is_graph(results)) return run_->RunAgain();
   read_ = true;
   return results;
 }

@@ -47,6 +47,7 @@ RDF::~RDF() {
   if (Detail::CountDownWhileOthersHold(initcount)) return;
   std::lock_guard<std::mutex> lock(Lifecycle());
   if (Detail::CountDownLocked(initcount, false) && world) {
+    Detail::FreeEmptyModel();
     librdf_free_world(world);
     world = nullptr;
   }
