@@ -17,6 +17,13 @@ std::string ResolveExistingPath(const std::string& path);
 // True when something (a file, a folder, a link, even a dangling one) exists at `path`.
 bool PathExists(const std::string& path);
 
+// Makes the folder at `path` and any missing parents (readable by all, writable by the owner).
+// False, with the system's error number in `error`, when one cannot be made.
+bool MakeFolders(const std::string& path, int& error);
+
+// The user's home folder: $HOME, else the account's; "" when neither is known.
+std::string HomeFolder();
+
 // The separator between the segments of a path.
 constexpr char PathSeparator = '/';
 

@@ -4,6 +4,9 @@
 //   veskan-serve [--port N] [--root DIR] [--direct] [--cert FILE [--key FILE]] [--user
 //   NAME:PASSWORD]
 //
+// Without --port it listens on the HttpPort setting of the machine's software-service key (23456
+// when unset), and once listening writes the port it bound to CurrentBasePort in the user's.
+//
 // With --cert it serves HTTPS only: the certificate (chain) and its private key in PEM or DER, the
 // key in the certificate file when --key is not given. A certificate or key that cannot be used
 // is reported on stderr, and the program exits with 1.
@@ -22,6 +25,7 @@
 #include <veskan/Globals.h>
 #include <veskan/Logger.h>
 #include <veskan/Message.h>
+#include <veskan/Preferences.h>
 #include <veskan/Server.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/WSData.h>
@@ -43,9 +47,6 @@ namespace {
 
 using namespace Veskan;
 
-// The software service's port when none is given.
-constexpr int DefaultPort = 23456;
-
 std::atomic<bool> stopRequested{false};
 
 void RequestStop(int) {
@@ -53,7 +54,7 @@ void RequestStop(int) {
 }
 
 struct Options {
-  int port = DefaultPort;
+  int port = -1;  // none given: the software service's HttpPort setting
   std::filesystem::path root = std::filesystem::current_path();
   bool direct = false;
   std::string certificate;
@@ -434,6 +435,10 @@ int main(int argc, char** argv) {
       [&routes](const std::shared_ptr<Server>&, const std::shared_ptr<Client>& client,
                 const std::shared_ptr<WSData>& event) { routes.OnWebSocket(client, event); });
 
+  if (options.port < 0)
+    options.port = Preferences::ReadIntegerValue(
+        false, Preferences::SoftwareServicePath, Preferences::SoftwareService::HttpPort,
+        Preferences::File, Preferences::SoftwareService::DefaultHttpPort);
   StringBuffer base = StringBuffer(u"http://127.0.0.1:") + FormatInteger(options.port) + u"/";
   // The server's own errors (a certificate that cannot be used, a taken port) are shown as they
   // are logged.
@@ -455,6 +460,11 @@ int main(int argc, char** argv) {
     }
     return 1;
   }
+  // Clients of this user find the port actually bound (port 0 lets the system choose).
+  if (!Preferences::WriteIntegerValue(true, Preferences::SoftwareServicePath,
+                                      Preferences::SoftwareService::CurrentBasePort,
+                                      Preferences::File, server->Port()))
+    std::cerr << "veskan-serve: could not record the port in the user's settings\n";
   std::cout << "listening on " << (server->IsSecure() ? "https" : "http")
             << "://127.0.0.1:" << server->Port() << "/" << std::endl;
 

@@ -1,11 +1,14 @@
-// File-system paths on POSIX: getcwd, realpath and lstat.
+// File-system paths on POSIX: getcwd, realpath, lstat, mkdir and the password database.
 #include "sys/Path.h"
 
+#include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <cerrno>
 #include <climits>
 #include <cstdlib>
 #include <memory>
+#include <vector>
 
 namespace Veskan {
 namespace Sys {
@@ -32,6 +35,37 @@ std::string ResolveExistingPath(const std::string& path) {
 bool PathExists(const std::string& path) {
   struct stat status {};
   return ::lstat(path.c_str(), &status) == 0;
+}
+
+bool MakeFolders(const std::string& path, int& error) {
+  error = 0;
+  if (path.empty()) return true;
+  // Each prefix ending before a separator, then the whole path.
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string folder = path.substr(0, end);
+    struct stat status {};
+    if (::mkdir(folder.c_str(), 0755) != 0 && errno != EEXIST) {
+      error = errno;
+      return false;
+    }
+    if (::stat(folder.c_str(), &status) != 0 || !S_ISDIR(status.st_mode)) {
+      error = ENOTDIR;
+      return false;
+    }
+    if (end == std::string::npos) return true;
+  }
+}
+
+std::string HomeFolder() {
+  if (const char* home = std::getenv("HOME"); home && *home) return home;
+  long size = ::sysconf(_SC_GETPW_R_SIZE_MAX);
+  std::vector<char> buffer(static_cast<std::size_t>(size > 0 ? size : 16384));
+  struct passwd entry {};
+  struct passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) == 0 && found &&
+      found->pw_dir)
+    return found->pw_dir;
+  return std::string();
 }
 
 }  // namespace Sys
