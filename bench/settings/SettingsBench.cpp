@@ -49,13 +49,15 @@ class Raw {
                  "NULL, PRIMARY KEY(key, folded)) WITHOUT ROWID;",
                  nullptr, nullptr, nullptr);
     Prepare("SELECT type, data FROM settings_values WHERE key = ?1 AND folded = ?2", &read_);
-    Prepare("INSERT INTO settings_keys(folded, path) VALUES(?1, ?2) ON CONFLICT(folded) DO "
-            "NOTHING",
-            &key_);
-    Prepare("INSERT INTO settings_values(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, "
-            "?5) ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = "
-            "excluded.data",
-            &value_);
+    Prepare(
+        "INSERT INTO settings_keys(folded, path) VALUES(?1, ?2) ON CONFLICT(folded) DO "
+        "NOTHING",
+        &key_);
+    Prepare(
+        "INSERT INTO settings_values(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, "
+        "?5) ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = "
+        "excluded.data",
+        &value_);
     Write("httpport", 8080);
   }
   ~Raw() {
@@ -101,8 +103,8 @@ class Raw {
     sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, statement, nullptr);
   }
 
-  const std::string Service = SettingsStore::FoldedPath(
-      Veskan::StringBuffer(Preferences::SoftwareServicePath).ToUTF8());
+  const std::string Service =
+      SettingsStore::FoldedPath(Veskan::StringBuffer(Preferences::SoftwareServicePath).ToUTF8());
   sqlite3* db_ = nullptr;
   sqlite3_stmt* read_ = nullptr;
   sqlite3_stmt* key_ = nullptr;
@@ -120,15 +122,16 @@ void Read_Veskan(benchmark::State& state) {
                                     Preferences::File, 0) != 8080)
     return state.SkipWithError("the library does not read the value written");
   for (auto _ : state)
-    benchmark::DoNotOptimize(Preferences::ReadIntegerValue(
-        false, Preferences::SoftwareServicePath, u"HttpPort", Preferences::File, 0));
+    benchmark::DoNotOptimize(Preferences::ReadIntegerValue(false, Preferences::SoftwareServicePath,
+                                                           u"HttpPort", Preferences::File, 0));
   state.SetItemsProcessed(state.iterations());
 }
 
 void Read_SqliteRaw(benchmark::State& state) {
   Raw& raw = RawStore();
   if (raw.Read("httpport") != 8080) return state.SkipWithError("sqlite3 does not read the value");
-  for (auto _ : state) benchmark::DoNotOptimize(raw.Read("httpport"));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(raw.Read("httpport"));
   state.SetItemsProcessed(state.iterations());
 }
 
@@ -148,7 +151,8 @@ void Write_SqliteRaw(benchmark::State& state) {
   Raw& raw = RawStore();
   const std::string name = "w" + std::to_string(getpid());
   int i = 0;
-  for (auto _ : state) benchmark::DoNotOptimize(raw.Write(name, ++i));
+  for (auto _ : state)
+    benchmark::DoNotOptimize(raw.Write(name, ++i));
   state.SetItemsProcessed(state.iterations());
 }
 

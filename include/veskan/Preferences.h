@@ -38,8 +38,8 @@ class VESKAN_API Preferences {
   static int ReadIntegerValue(bool perUser, const char16_t* keyPath, const char16_t* valueName,
                               const char16_t* store, int defaultValue);
   // Stores `value` as a DWORD, creating the key and its parents when needed.
-  static bool WriteIntegerValue(bool perUser, const char16_t* keyPath,
-                                const char16_t* valueName, const char16_t* store, int value);
+  static bool WriteIntegerValue(bool perUser, const char16_t* keyPath, const char16_t* valueName,
+                                const char16_t* store, int value);
   // The stored string, or `defaultValue` (null: empty) when missing, of another type or
   // unreadable.
   static StringBuffer ReadStringValue(bool perUser, const char16_t* keyPath,
@@ -76,8 +76,7 @@ class VESKAN_API Preferences {
     static constexpr const char16_t* DefaultCertificateFolder = u"";
     static constexpr const char16_t* AllowAnon = u"AllowAnon";  // a DWORD flag
     static constexpr const char16_t* HistoryFile = u"HistoryFile";
-    static constexpr const char16_t* DefaultHistoryFileName =
-        u"TallyoSoftwareService.history.xml";
+    static constexpr const char16_t* DefaultHistoryFileName = u"TallyoSoftwareService.history.xml";
     static constexpr const char16_t* TransactionLogFile = u"TransactionLogFile";
     static constexpr const char16_t* DefaultTransactionLogFileName =
         u"TallyoSoftwareServiceTransactions.log";
@@ -202,7 +201,8 @@ class VESKAN_API Preferences {
   // The installed languages: a full key path of its own.
   class VESKAN_API Languages {
    public:
-    static constexpr const char16_t* LanguageSetup = u"Software\\Calvor Technologies\\Language Setup";
+    static constexpr const char16_t* LanguageSetup =
+        u"Software\\Calvor Technologies\\Language Setup";
     static constexpr const char16_t* Key = LanguageSetup;
     static constexpr const char16_t* LanguagesFolderKey = u"LanguagesFolder";
     static constexpr const char16_t* TeacherToolsName = u"Teacher Tools";

@@ -31,9 +31,8 @@ SettingsStore Hive(bool perUser) {
 
 }  // namespace
 
-int Preferences::ReadIntegerValue(bool perUser, const char16_t* keyPath,
-                                  const char16_t* valueName, const char16_t* store,
-                                  int defaultValue) {
+int Preferences::ReadIntegerValue(bool perUser, const char16_t* keyPath, const char16_t* valueName,
+                                  const char16_t* store, int defaultValue) {
   SettingsStore::Value value;
   if (!Reaches(store) || !Hive(perUser).Read(Utf8(keyPath), Utf8(valueName), value) ||
       value.type != SettingsStore::Type::Dword)
@@ -60,9 +59,8 @@ StringBuffer Preferences::ReadStringValue(bool perUser, const char16_t* keyPath,
   return UTF8to16(value.text.c_str(), 0, static_cast<int>(value.text.size()));
 }
 
-bool Preferences::WriteStringValue(bool perUser, const char16_t* keyPath,
-                                   const char16_t* valueName, const char16_t* store,
-                                   const char16_t* value) {
+bool Preferences::WriteStringValue(bool perUser, const char16_t* keyPath, const char16_t* valueName,
+                                   const char16_t* store, const char16_t* value) {
   if (!Reaches(store)) return false;
   SettingsStore::Value text;
   text.text = Utf8(value);
@@ -76,8 +74,8 @@ StringBuffer Preferences::ProductKey(const char16_t* key) {
 }
 
 StringBuffer Preferences::SoftwareService::GetUri() {
-  const int port = ReadIntegerValue(true, SoftwareServicePath, CurrentBasePort, File,
-                                    DefaultHttpPort);
+  const int port =
+      ReadIntegerValue(true, SoftwareServicePath, CurrentBasePort, File, DefaultHttpPort);
   return StringBuffer(u"http://localhost:") + UTF8to16(std::to_string(port).c_str());
 }
 

@@ -519,7 +519,8 @@ bool SettingsStore::ListSubkeys(const std::string& key, std::vector<std::string>
   };
   const auto childDepth = depth(Detail::CleanPath(key)) + 1;
   for (const Key& found : keys)
-    if (depth(found.path) == childDepth) names.push_back(found.path.substr(found.path.rfind('\\') + 1));
+    if (depth(found.path) == childDepth)
+      names.push_back(found.path.substr(found.path.rfind('\\') + 1));
   return true;
 }
 

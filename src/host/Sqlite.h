@@ -50,8 +50,7 @@ class StatementUse {
   explicit operator bool() const { return statement_ != nullptr; }
   sqlite3_stmt* get() const { return statement_; }
   void Bind(int index, const std::string& text) {
-    sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()),
-                      SQLITE_STATIC);
+    sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
   }
   void Bind(int index, sqlite3_int64 number) { sqlite3_bind_int64(statement_, index, number); }
   // SQLITE_ROW, SQLITE_DONE or an error code.

@@ -40,10 +40,12 @@ class SettingsTest : public ::testing::Test {
 
   // Runs veskan-settings; its exit status, and its standard output in `out`.
   int Tool(const std::string& arguments, std::string* out = nullptr) {
-    FILE* pipe = popen((std::string(VESKAN_SETTINGS_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
+    FILE* pipe =
+        popen((std::string(VESKAN_SETTINGS_TOOL) + " " + arguments + " 2>&1").c_str(), "r");
     std::string text;
     char chunk[512];
-    while (pipe && std::fgets(chunk, sizeof chunk, pipe)) text += chunk;
+    while (pipe && std::fgets(chunk, sizeof chunk, pipe))
+      text += chunk;
     const int status = pipe ? pclose(pipe) : -1;
     if (out) *out = text;
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
@@ -60,8 +62,8 @@ TEST_F(SettingsTest, ValuesKeepTheirTypeAndHiveAndIgnoreCase) {
   ASSERT_TRUE(Preferences::WriteStringValue(true, Service, u"HttpPort", File, u"Zoë\n"));
   // Case folded in full Unicode, empty names of the path skipped.
   EXPECT_EQ(Preferences::ReadIntegerValue(
-                false, u"\\software\\CALVOR TECHNOLOGIES\\\\tallyo\\softwareservice\\",
-                u"HTTPPORT", File, 0),
+                false, u"\\software\\CALVOR TECHNOLOGIES\\\\tallyo\\softwareservice\\", u"HTTPPORT",
+                File, 0),
             -2);
   EXPECT_EQ(Preferences::ReadStringValue(true, Service, u"httpport", File, nullptr),
             StringBuffer(u"Zoë\n"));
@@ -88,8 +90,8 @@ TEST_F(SettingsTest, KeysAreListedExportedDeletedAndImportedWhole) {
   dword.type = SettingsStore::Type::Dword;
   dword.dword = 0xffffffffu;
   ASSERT_TRUE(store.Write("A\\B\\C", "n", dword));
-  ASSERT_TRUE(store.Write("a\\b", "Text", SettingsStore::Value{"", SettingsStore::Type::String, 0,
-                                                               "say \"hi\"\\\n"}));
+  ASSERT_TRUE(store.Write(
+      "a\\b", "Text", SettingsStore::Value{"", SettingsStore::Type::String, 0, "say \"hi\"\\\n"}));
   ASSERT_TRUE(store.Write("A\\BC", "n", dword));
   std::vector<std::string> names;
   ASSERT_TRUE(store.ListSubkeys("a", names));
@@ -161,9 +163,8 @@ TEST_F(SettingsTest, BadDatabasesGiveDefaultsAndOneLogLine) {
   ASSERT_GT(whole.size(), 8192u);
 
   std::vector<std::string> lines;
-  Logger::SetSink([&](Logger::Severity::Enumeration, const char* message, int) {
-    lines.push_back(message);
-  });
+  Logger::SetSink(
+      [&](Logger::Severity::Enumeration, const char* message, int) { lines.push_back(message); });
   const std::vector<std::string> damaged{std::string(4096, 'x'), whole.substr(0, 4096),
                                          std::string()};
   for (std::size_t i = 0; i < damaged.size(); ++i) {
@@ -171,8 +172,7 @@ TEST_F(SettingsTest, BadDatabasesGiveDefaultsAndOneLogLine) {
     std::ofstream(path, std::ios::binary) << damaged[i];
     setenv("VESKAN_MACHINE_REGISTRY", path.c_str(), 1);
     lines.clear();
-    EXPECT_EQ(Preferences::ReadStringValue(false, Service, u"Uri", File, u"d"),
-              StringBuffer(u"d"));
+    EXPECT_EQ(Preferences::ReadStringValue(false, Service, u"Uri", File, u"d"), StringBuffer(u"d"));
     EXPECT_EQ(Preferences::ReadIntegerValue(false, Service, u"7", File, -1), -1);
     EXPECT_EQ(lines.size(), 1u) << "damage " << i;
     if (i == 2) continue;  // an empty file is an empty database: a write would fill it
@@ -240,10 +240,10 @@ TEST_F(SettingsTest, FourProcessesWriteAtOnceAndNothingIsLostOrTorn) {
   std::vector<std::unique_ptr<ChildProcess>> workers;
   for (int id = 0; id < 4; ++id)
     workers.push_back(std::make_unique<ChildProcess>(
-        std::vector<std::string>{VESKAN_SETTINGS_WORKER, std::to_string(id),
-                                 std::to_string(Count)},
+        std::vector<std::string>{VESKAN_SETTINGS_WORKER, std::to_string(id), std::to_string(Count)},
         2));
-  for (auto& worker : workers) EXPECT_EQ(worker->Wait(), 0) << worker->LineWith("", 1);
+  for (auto& worker : workers)
+    EXPECT_EQ(worker->Wait(), 0) << worker->LineWith("", 1);
   const SettingsStore store(SettingsStore::Hive::Machine);
   std::vector<SettingsStore::Key> keys;
   ASSERT_TRUE(store.Export("Shared", keys));

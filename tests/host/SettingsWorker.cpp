@@ -42,10 +42,10 @@ int main(int argc, char** argv) {
       return 1;
     }
     const int other = (id + 1) % 4;
-    const std::string read = Preferences::ReadStringValue(false, Key(i).c_str(),
-                                                          Name(other, i).c_str(),
-                                                          Preferences::File, u"")
-                                 .ToUTF8();
+    const std::string read =
+        Preferences::ReadStringValue(false, Key(i).c_str(), Name(other, i).c_str(),
+                                     Preferences::File, u"")
+            .ToUTF8();
     if (!read.empty() && read != Expected(other, i)) {
       std::cerr << "torn value of worker " << other << " at " << i << ": " << read << "\n";
       return 1;

@@ -198,7 +198,8 @@ int List(const SettingsStore& store, const std::string& key) {
   std::vector<SettingsStore::Key> keys;
   if (!store.ListSubkeys(key, subkeys) || !store.Export(key, keys))
     return FailFinding("no key \"" + key + "\" in " + store.DatabasePath());
-  for (const std::string& subkey : subkeys) std::cout << subkey << "\\\n";
+  for (const std::string& subkey : subkeys)
+    std::cout << subkey << "\\\n";
   for (const SettingsStore::Value& value : keys.front().values)
     std::cout << ValueLine(value) << "\n";
   return 0;
@@ -212,7 +213,8 @@ int Export(const SettingsStore& store, const std::string& key) {
   for (const SettingsStore::Key& found : keys) {
     if (found.path.empty() && found.values.empty()) continue;
     std::cout << "\n[" << found.path << "]\n";
-    for (const SettingsStore::Value& value : found.values) std::cout << ValueLine(value) << "\n";
+    for (const SettingsStore::Value& value : found.values)
+      std::cout << ValueLine(value) << "\n";
   }
   return 0;
 }
@@ -252,7 +254,8 @@ int main(int argc, char** argv) {
   if (command == "set") return Set(store, args);
   if (command == "delete" && (args.size() == 2 || args.size() == 3)) return Delete(store, args);
   if (command == "list" && args.size() == 2) return List(store, args[1]);
-  if (command == "export" && args.size() <= 2) return Export(store, args.size() == 2 ? args[1] : "");
+  if (command == "export" && args.size() <= 2)
+    return Export(store, args.size() == 2 ? args[1] : "");
   if (command == "import" && args.size() == 2) return Import(store, args[1]);
   return Usage();
 }
