@@ -287,8 +287,7 @@ int AddKeys(Connection& connection, const std::string& folded, const std::string
     if (!add) return sqlite3_extended_errcode(connection.Database());
     const std::string foldedPart = folded.substr(0, foldedEnd);
     const std::string pathPart = path.substr(0, pathEnd);
-    add.Bind(1, foldedPart);
-    add.Bind(2, pathPart);
+    add.BindTexts(foldedPart, pathPart);
     const int code = add.Step();
     if (code != SQLITE_DONE) return code;
     if (foldedEnd == std::string::npos || pathEnd == std::string::npos) return SQLITE_OK;
@@ -333,9 +332,7 @@ void BindSubtree(StatementUse& use, const std::string& folded, std::string& low,
                  std::string& high) {
   low = folded.empty() ? std::string() : folded + "\\";
   high = folded.empty() ? std::string("\xff") : folded + "]";
-  use.Bind(1, folded);
-  use.Bind(2, low);
-  use.Bind(3, high);
+  use.BindTexts(folded, low, high);
 }
 
 SettingsStore::Value ValueFrom(StatementUse& use, int typeColumn, int dataColumn) {
@@ -358,9 +355,7 @@ using Detail::Sql;
 using Detail::StatementUse;
 
 std::string SettingsStore::HivePath(Hive hive) {
-  const char* variable = hive == Hive::Machine ? "VESKAN_MACHINE_REGISTRY" : "VESKAN_USER_REGISTRY";
-  if (const char* path = std::getenv(variable); path && *path) return path;
-  return DefaultHivePath(hive);
+  return SettingsStore(hive).DatabasePath();
 }
 
 std::string SettingsStore::DefaultHivePath(Hive hive) {
@@ -422,10 +417,7 @@ bool SettingsStore::Read(const std::string& key, const std::string& name, Value&
   bool found = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse read(connection.Statement(Sql::ReadValue));
-    if (read) {
-      read.Bind(1, folded);
-      read.Bind(2, foldedName);
-    }
+    read.BindTexts(folded, foldedName);
     const int code = Detail::StepCode(connection, read);
     if (code == SQLITE_ROW) {
       value = Detail::ValueFrom(read, 0, 1);
@@ -460,10 +452,7 @@ bool SettingsStore::DeleteValue(const std::string& key, const std::string& name)
   bool removed = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse remove(connection.Statement(Sql::DeleteValue));
-    if (remove) {
-      remove.Bind(1, folded);
-      remove.Bind(2, foldedName);
-    }
+    remove.BindTexts(folded, foldedName);
     const int code = Detail::StepCode(connection, remove);
     removed = code == SQLITE_DONE && sqlite3_changes(connection.Database()) > 0;
     return code;
@@ -484,7 +473,7 @@ bool SettingsStore::DeleteKey(const std::string& key) const {
     for (Sql which : {Sql::DeleteKeyValues, Sql::DeleteKeys}) {
       if (code != SQLITE_OK) break;
       StatementUse remove(connection.Statement(which));
-      if (remove) Detail::BindSubtree(remove, folded, low, high);
+      Detail::BindSubtree(remove, folded, low, high);
       code = Detail::StepCode(connection, remove);
       if (which == Sql::DeleteKeys) removed = sqlite3_changes(connection.Database()) > 0;
       if (code == SQLITE_DONE) code = SQLITE_OK;
@@ -501,7 +490,7 @@ bool SettingsStore::HasKey(const std::string& key) const {
   bool found = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse has(connection.Statement(Sql::HasKey));
-    if (has) has.Bind(1, folded);
+    has.BindTexts(folded);
     const int code = Detail::StepCode(connection, has);
     found = code == SQLITE_ROW;
     return code;
@@ -541,7 +530,7 @@ bool SettingsStore::Export(const std::string& key, std::vector<Key>& keys) const
     }
     if (code == SQLITE_OK) {
       StatementUse list(connection.Statement(Sql::KeysUnder));
-      if (list) Detail::BindSubtree(list, folded, low, high);
+      Detail::BindSubtree(list, folded, low, high);
       while ((code = Detail::StepCode(connection, list)) == SQLITE_ROW) {
         index[list.Text(0)] = keys.size();
         keys.push_back(Key{list.Text(1), {}});
@@ -549,7 +538,7 @@ bool SettingsStore::Export(const std::string& key, std::vector<Key>& keys) const
     }
     if (code == SQLITE_DONE) {
       StatementUse values(connection.Statement(Sql::ValuesUnder));
-      if (values) Detail::BindSubtree(values, folded, low, high);
+      Detail::BindSubtree(values, folded, low, high);
       while ((code = Detail::StepCode(connection, values)) == SQLITE_ROW) {
         auto owner = index.find(values.Text(0));
         if (owner == index.end()) continue;

@@ -5,7 +5,6 @@
 #include <sqlite3.h>
 
 #include <array>
-#include <chrono>
 #include <memory>
 #include <string>
 
@@ -53,6 +52,13 @@ class StatementUse {
     sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
   }
   void Bind(int index, sqlite3_int64 number) { sqlite3_bind_int64(statement_, index, number); }
+  // Binds ?1, ?2, ... to `texts` in order; nothing when the statement did not prepare.
+  template <typename... Texts>
+  void BindTexts(const Texts&... texts) {
+    if (!statement_) return;
+    int index = 0;
+    (Bind(++index, texts), ...);
+  }
   // SQLITE_ROW, SQLITE_DONE or an error code.
   int Step() { return sqlite3_step(statement_); }
   std::string Text(int column) const {
