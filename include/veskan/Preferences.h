@@ -207,6 +207,11 @@ class VESKAN_API Preferences {
     static constexpr const char16_t* LanguagesFolderKey = u"LanguagesFolder";
     static constexpr const char16_t* TeacherToolsName = u"Teacher Tools";
     static constexpr const char16_t* DesktopMenuName = u"Desktop Menu";
+    // The language the lesson-authoring product was installed in: a DWORD in the machine hive
+    // holding a 16-bit language identifier (1033 English, 1036 French, 1049 Russian, ...).
+    static constexpr const char16_t* FolivoLanguageKey =
+        u"Software\\Calvor Technologies\\Language Setup\\Folivo";
+    static constexpr const char16_t* LanguageId = u"LanguageId";
   };
 
   class VESKAN_API VeskanTeacher {
