@@ -58,7 +58,7 @@ class Raw {
         "?5) ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = "
         "excluded.data",
         &value_);
-    Write("httpport", 8080);
+    Write("httpport", nullptr, 8080);
   }
   ~Raw() {
     sqlite3_finalize(read_);
@@ -77,7 +77,8 @@ class Raw {
     return value;
   }
 
-  bool Write(const std::string& name, sqlite3_int64 data) {
+  // A string value when `text` is given, else the DWORD `dword`.
+  bool Write(const std::string& name, const std::string* text, sqlite3_int64 dword = 0) {
     if (sqlite3_exec(db_, "BEGIN IMMEDIATE", nullptr, nullptr, nullptr) != SQLITE_OK) return false;
     // The key and each of its parents, as the library adds them.
     for (std::size_t end = Service.find('\\');; end = Service.find('\\', end + 1)) {
@@ -91,8 +92,11 @@ class Raw {
     sqlite3_bind_text(value_, 1, Service.data(), static_cast<int>(Service.size()), SQLITE_STATIC);
     sqlite3_bind_text(value_, 2, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
     sqlite3_bind_text(value_, 3, name.data(), static_cast<int>(name.size()), SQLITE_STATIC);
-    sqlite3_bind_int(value_, 4, 4);
-    sqlite3_bind_int64(value_, 5, data);
+    sqlite3_bind_int(value_, 4, text ? 1 : 4);
+    if (text)
+      sqlite3_bind_text(value_, 5, text->data(), static_cast<int>(text->size()), SQLITE_STATIC);
+    else
+      sqlite3_bind_int64(value_, 5, dword);
     const bool written = sqlite3_step(value_) == SQLITE_DONE;
     sqlite3_reset(value_);
     return sqlite3_exec(db_, "COMMIT", nullptr, nullptr, nullptr) == SQLITE_OK && written;
@@ -150,9 +154,10 @@ void Write_Veskan(benchmark::State& state) {
 void Write_SqliteRaw(benchmark::State& state) {
   Raw& raw = RawStore();
   const std::string name = "w" + std::to_string(getpid());
+  std::string text;
   int i = 0;
   for (auto _ : state)
-    benchmark::DoNotOptimize(raw.Write(name, ++i));
+    benchmark::DoNotOptimize(raw.Write(name, &(text = std::to_string(++i))));
   state.SetItemsProcessed(state.iterations());
 }
 

@@ -53,6 +53,9 @@ class VESKAN_API SettingsStore {
 
   // The value, or false when the key or value is missing or the database cannot be read.
   bool Read(const std::string& key, const std::string& name, Value& value) const;
+  // Read with the key and name already passed through FoldedPath and Folded, for a caller that
+  // folds once and reads often; the value's name is left as given.
+  bool ReadFolded(const std::string& foldedKey, const std::string& foldedName, Value& value) const;
   // Writes the value (its name is `name`), creating the database, its folder (for the user
   // hive), the key and its parents as needed.
   bool Write(const std::string& key, const std::string& name, const Value& value) const;
@@ -81,6 +84,9 @@ class VESKAN_API SettingsStore {
   // The key path as it is compared: empty names skipped, case folded.
   static std::string FoldedPath(const std::string& key);
   static std::string Folded(const std::string& text);
+  // The same from UTF-16 (null: empty), in UTF-8.
+  static std::string FoldedPath(const char16_t* key);
+  static std::string Folded(const char16_t* text);
 
  private:
   // Where the hive is when the environment does not say.

@@ -15,7 +15,11 @@ namespace {
 
 // Whether `store` names the settings databases; no other store is reached.
 bool Reaches(const char16_t* store) {
-  return store && std::u16string_view(store) == Preferences::File;
+  if (store == Preferences::File) return true;
+  const char16_t* expected = Preferences::File;
+  for (; store && *store == *expected; ++store, ++expected)
+    if (!*expected) return true;
+  return false;
 }
 
 std::string Utf8(const char16_t* text) {
@@ -29,13 +33,20 @@ SettingsStore Hive(bool perUser) {
   return SettingsStore(perUser ? SettingsStore::Hive::User : SettingsStore::Hive::Machine);
 }
 
+// Settings are read far more often than written: the key and name are folded straight from
+// UTF-16, without passing through UTF-8 first.
+bool Read(bool perUser, const char16_t* keyPath, const char16_t* valueName, const char16_t* store,
+          SettingsStore::Value& value) {
+  return Reaches(store) && Hive(perUser).ReadFolded(SettingsStore::FoldedPath(keyPath),
+                                                    SettingsStore::Folded(valueName), value);
+}
+
 }  // namespace
 
 int Preferences::ReadIntegerValue(bool perUser, const char16_t* keyPath, const char16_t* valueName,
                                   const char16_t* store, int defaultValue) {
   SettingsStore::Value value;
-  if (!Reaches(store) || !Hive(perUser).Read(Utf8(keyPath), Utf8(valueName), value) ||
-      value.type != SettingsStore::Type::Dword)
+  if (!Read(perUser, keyPath, valueName, store, value) || value.type != SettingsStore::Type::Dword)
     return defaultValue;
   return static_cast<int>(value.dword);
 }
@@ -53,8 +64,7 @@ StringBuffer Preferences::ReadStringValue(bool perUser, const char16_t* keyPath,
                                           const char16_t* valueName, const char16_t* store,
                                           const char16_t* defaultValue) {
   SettingsStore::Value value;
-  if (!Reaches(store) || !Hive(perUser).Read(Utf8(keyPath), Utf8(valueName), value) ||
-      value.type != SettingsStore::Type::String)
+  if (!Read(perUser, keyPath, valueName, store, value) || value.type != SettingsStore::Type::String)
     return StringBuffer(defaultValue ? defaultValue : u"");
   return UTF8to16(value.text.c_str(), 0, static_cast<int>(value.text.size()));
 }

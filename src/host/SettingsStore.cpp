@@ -22,77 +22,9 @@ namespace Veskan {
 
 namespace Detail {
 
-namespace {
-
-// Keys hold their folded path (compared) and their first spelling (shown); values are keyed by
-// their key's folded path and their folded name.
-constexpr const char* Schema =
-    "CREATE TABLE IF NOT EXISTS settings_keys("
-    "folded TEXT PRIMARY KEY, path TEXT NOT NULL) WITHOUT ROWID;"
-    "CREATE TABLE IF NOT EXISTS settings_values("
-    "key TEXT NOT NULL, folded TEXT NOT NULL, name TEXT NOT NULL, type INTEGER NOT NULL, "
-    "data NOT NULL, PRIMARY KEY(key, folded)) WITHOUT ROWID;";
-
-// In Sql's order. Ranges ?2 to ?3 are a key's descendants: the folded path followed by "\" up to
-// the same path followed by "]", the character after the backslash.
-constexpr const char* Statements[] = {
-    "SELECT type, data FROM settings_values WHERE key = ?1 AND folded = ?2",
-    "SELECT 1 FROM settings_keys WHERE folded = ?1",
-    "INSERT INTO settings_keys(folded, path) VALUES(?1, ?2) ON CONFLICT(folded) DO NOTHING",
-    "INSERT INTO settings_values(key, folded, name, type, data) VALUES(?1, ?2, ?3, ?4, ?5) "
-    "ON CONFLICT(key, folded) DO UPDATE SET type = excluded.type, data = excluded.data",
-    "DELETE FROM settings_values WHERE key = ?1 AND folded = ?2",
-    "DELETE FROM settings_keys WHERE folded = ?1 OR (folded > ?2 AND folded < ?3)",
-    "DELETE FROM settings_values WHERE key = ?1 OR (key > ?2 AND key < ?3)",
-    "SELECT folded, path FROM settings_keys WHERE folded = ?1 OR (folded > ?2 AND folded < ?3) "
-    "ORDER BY folded",
-    "SELECT key, name, type, data FROM settings_values WHERE key = ?1 OR (key > ?2 AND key < ?3) "
-    "ORDER BY key, folded",
-};
-static_assert(sizeof(Statements) / sizeof(Statements[0]) == static_cast<std::size_t>(Sql::Count),
-              "one text per statement");
-
-}  // namespace
-
-std::unique_ptr<Connection> Connection::Open(const std::string& path, bool create, int& code) {
-  sqlite3* opened = nullptr;
-  const int flags = SQLITE_OPEN_READWRITE | (create ? SQLITE_OPEN_CREATE : 0) |
-                    SQLITE_OPEN_NOMUTEX | SQLITE_OPEN_EXRESCODE;
-  code = sqlite3_open_v2(path.c_str(), &opened, flags, nullptr);
-  DatabasePtr database(opened);  // a handle comes even when the open fails
-  if (code != SQLITE_OK) return nullptr;
-  std::unique_ptr<Connection> connection(new Connection(std::move(database)));
-  if (!connection->ReadOnly()) {
-    // Readers never wait for writers.
-    connection->Execute("PRAGMA journal_mode=WAL");
-    // Safe against a crash of the process; a power cut may lose the last writes, never half of
-    // one.
-    connection->Execute("PRAGMA synchronous=NORMAL");
-  }
-  return connection;
-}
-
-sqlite3_stmt* Connection::Statement(Sql which) {
-  StatementPtr& slot = statements_[static_cast<std::size_t>(which)];
-  if (!slot) {
-    sqlite3_stmt* prepared = nullptr;
-    sqlite3_prepare_v3(database_.get(), Statements[static_cast<std::size_t>(which)], -1,
-                       SQLITE_PREPARE_PERSISTENT, &prepared, nullptr);
-    slot.reset(prepared);
-  }
-  return slot.get();
-}
-
-int Connection::Execute(const char* sql) {
-  return sqlite3_exec(database_.get(), sql, nullptr, nullptr, nullptr);
-}
-
-int Connection::EnsureSchema() {
-  if (schemaReady_) return SQLITE_OK;
-  const int code = Execute(Schema);
-  schemaReady_ = code == SQLITE_OK;
-  return code;
-}
+using Sqlite::Connection;
+using Sqlite::Sql;
+using Sqlite::StatementUse;
 
 namespace {
 
@@ -109,6 +41,10 @@ class Pool {
   explicit Pool(std::string path) : path_(std::move(path)) {}
 
   std::unique_ptr<Connection> Take(bool create, int& code) {
+    if (held.pool == this && held.connection) {
+      code = SQLITE_OK;
+      return std::move(held.connection);
+    }
     {
       std::lock_guard<std::mutex> lock(mutex_);
       if (!idle_.empty()) {
@@ -139,6 +75,11 @@ class Pool {
   static constexpr int NotThere = SQLITE_NOTFOUND;
 
   void Give(std::unique_ptr<Connection> connection) {
+    if (!held.connection) {
+      held.pool = this;
+      held.connection = std::move(connection);
+      return;
+    }
     std::lock_guard<std::mutex> lock(mutex_);
     if (idle_.size() < MaxIdle) idle_.push_back(std::move(connection));
   }
@@ -167,6 +108,14 @@ class Pool {
   const std::string& Path() const { return path_; }
 
  private:
+  // Each thread keeps the connection it used last out of the pool: the next operation of the
+  // thread, nearly always on the same database, takes it without a lock.
+  struct Held {
+    Pool* pool = nullptr;
+    std::unique_ptr<Connection> connection;
+  };
+  static thread_local Held held;
+
   static constexpr std::size_t MaxIdle = 8;
   const std::string path_;
   std::mutex mutex_;
@@ -174,6 +123,8 @@ class Pool {
   std::set<int> logged_;
   std::atomic<bool> anyLogged_{false};
 };
+
+thread_local Pool::Held Pool::held;
 
 Pool& PoolOf(const std::string& path) {
   // Each thread remembers the pool it used last: a process nearly always uses one hive.
@@ -350,9 +301,9 @@ SettingsStore::Value ValueFrom(StatementUse& use, int typeColumn, int dataColumn
 }  // namespace
 }  // namespace Detail
 
-using Detail::Connection;
-using Detail::Sql;
-using Detail::StatementUse;
+using Sqlite::Connection;
+using Sqlite::Sql;
+using Sqlite::StatementUse;
 
 std::string SettingsStore::HivePath(Hive hive) {
   return SettingsStore(hive).DatabasePath();
@@ -396,6 +347,53 @@ std::string SettingsStore::FoldedPath(const std::string& key) {
   return Folded(Detail::CleanPath(key));
 }
 
+namespace {
+
+// The length of `text` when it is plain ASCII, as nearly every key and name is; -1 otherwise.
+std::ptrdiff_t AsciiLength(const char16_t* text) {
+  const char16_t* at = text;
+  for (; at && *at; ++at)
+    if (*at >= 0x80) return -1;
+  return at - text;
+}
+
+char FoldedAscii(char16_t c) {
+  return static_cast<char>(c >= u'A' && c <= u'Z' ? c - u'A' + u'a' : c);
+}
+
+std::string Utf8(const char16_t* text) {
+  std::string utf8;
+  if (text) icu::UnicodeString(true, text, -1).toUTF8String(utf8);  // an alias, not a copy
+  return utf8;
+}
+
+}  // namespace
+
+std::string SettingsStore::FoldedPath(const char16_t* key) {
+  // Plain ASCII, as nearly every key is, in one pass: names joined by single backslashes.
+  char folded[256];
+  std::size_t used = 0;
+  for (const char16_t* at = key; at && *at; ++at) {
+    const char16_t c = *at;
+    if (c >= 0x80 || used == sizeof folded) return FoldedPath(Utf8(key));
+    if (c != u'\\')
+      folded[used++] = FoldedAscii(c);
+    else if (used > 0 && folded[used - 1] != '\\')
+      folded[used++] = '\\';
+  }
+  if (used > 0 && folded[used - 1] == '\\') --used;
+  return std::string(folded, used);
+}
+
+std::string SettingsStore::Folded(const char16_t* text) {
+  const std::ptrdiff_t length = AsciiLength(text);
+  if (length < 0) return Folded(Utf8(text));
+  std::string folded(static_cast<std::size_t>(length), '\0');
+  for (std::ptrdiff_t i = 0; i < length; ++i)
+    folded[static_cast<std::size_t>(i)] = FoldedAscii(text[i]);
+  return folded;
+}
+
 SettingsStore::SettingsStore(Hive hive) {
   // The environment is read on every call (a test or a tool may change it), the default paths
   // are worked out once per thread.
@@ -411,17 +409,21 @@ SettingsStore::SettingsStore(Hive hive) {
 }
 
 bool SettingsStore::Read(const std::string& key, const std::string& name, Value& value) const {
-  const std::string folded = FoldedPath(key);
-  const std::string foldedName = Folded(name);
+  if (!ReadFolded(FoldedPath(key), Folded(name), value)) return false;
+  value.name = name;
+  return true;
+}
+
+bool SettingsStore::ReadFolded(const std::string& foldedKey, const std::string& foldedName,
+                               Value& value) const {
   Detail::Operation operation(path_, "Veskan::SettingsStore::Read");
   bool found = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse read(connection.Statement(Sql::ReadValue));
-    read.BindTexts(folded, foldedName);
+    read.BindTexts(foldedKey, foldedName);
     const int code = Detail::StepCode(connection, read);
     if (code == SQLITE_ROW) {
       value = Detail::ValueFrom(read, 0, 1);
-      value.name = name;
       found = true;
     }
     return code;

@@ -9,7 +9,8 @@
 #include <string>
 
 namespace Veskan {
-namespace Detail {
+// Apart from the library's other Detail classes: one of them is a Connection too.
+namespace Sqlite {
 
 struct DatabaseCloser {
   void operator()(sqlite3* database) const { sqlite3_close_v2(database); }
@@ -106,7 +107,7 @@ class Connection {
   int busyTimeoutMs_ = -1;
 };
 
-}  // namespace Detail
+}  // namespace Sqlite
 }  // namespace Veskan
 
 #endif
