@@ -24,6 +24,17 @@ std::string Database(const char* side) {
   return std::string(folder && *folder ? folder : "/tmp") + "/settings-bench-" + side + ".db";
 }
 
+// Copies what the write-ahead log holds into the database, so that reads on both sides find
+// their pages there whatever was written before (without waiting for other processes' readers).
+void Checkpoint(const std::string& path) {
+  sqlite3* db = nullptr;
+  if (sqlite3_open(path.c_str(), &db) == SQLITE_OK) {
+    sqlite3_busy_timeout(db, 5000);
+    sqlite3_exec(db, "PRAGMA wal_checkpoint(PASSIVE)", nullptr, nullptr, nullptr);
+  }
+  sqlite3_close(db);
+}
+
 // The library's hive, with the value read already there.
 void UseLibraryHive() {
   static const bool ready = [] {
@@ -125,6 +136,7 @@ void Read_Veskan(benchmark::State& state) {
   if (Preferences::ReadIntegerValue(false, Preferences::SoftwareServicePath, u"HttpPort",
                                     Preferences::File, 0) != 8080)
     return state.SkipWithError("the library does not read the value written");
+  Checkpoint(Database("library"));
   for (auto _ : state)
     benchmark::DoNotOptimize(Preferences::ReadIntegerValue(false, Preferences::SoftwareServicePath,
                                                            u"HttpPort", Preferences::File, 0));
@@ -134,6 +146,7 @@ void Read_Veskan(benchmark::State& state) {
 void Read_SqliteRaw(benchmark::State& state) {
   Raw& raw = RawStore();
   if (raw.Read("httpport") != 8080) return state.SkipWithError("sqlite3 does not read the value");
+  Checkpoint(Database("raw"));
   for (auto _ : state)
     benchmark::DoNotOptimize(raw.Read("httpport"));
   state.SetItemsProcessed(state.iterations());
@@ -163,8 +176,9 @@ void Write_SqliteRaw(benchmark::State& state) {
 
 }  // namespace
 
-BENCHMARK(Read_Veskan)->Arg(0);
-BENCHMARK(Read_SqliteRaw)->Arg(0);
-BENCHMARK(Write_Veskan)->Arg(0);
-BENCHMARK(Write_SqliteRaw)->Arg(0);
+// Real time: with several processes on two cores, a process's CPU time is not its rate.
+BENCHMARK(Read_Veskan)->Arg(0)->UseRealTime();
+BENCHMARK(Read_SqliteRaw)->Arg(0)->UseRealTime();
+BENCHMARK(Write_Veskan)->Arg(0)->UseRealTime();
+BENCHMARK(Write_SqliteRaw)->Arg(0)->UseRealTime();
 BENCHMARK_MAIN();

@@ -8,9 +8,14 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Veskan {
+
+namespace Detail {
+class SettingsPool;
+}
 
 // A hive's database. Key paths are names separated by backslashes (empty names are skipped, so
 // "\A\\B\" is "A\B"; "" is the hive's root); paths and value names compare without regard to
@@ -49,13 +54,12 @@ class VESKAN_API SettingsStore {
   explicit SettingsStore(Hive hive);
   explicit SettingsStore(std::string databasePath);
 
-  const std::string& DatabasePath() const { return path_; }
+  const std::string& DatabasePath() const;
 
   // The value, or false when the key or value is missing or the database cannot be read.
   bool Read(const std::string& key, const std::string& name, Value& value) const;
-  // Read with the key and name already passed through FoldedPath and Folded, for a caller that
-  // folds once and reads often; the value's name is left as given.
-  bool ReadFolded(const std::string& foldedKey, const std::string& foldedName, Value& value) const;
+  // Read with the key and name in UTF-16 (null: empty), as the settings' names are kept.
+  bool Read(const char16_t* key, const char16_t* name, Value& value) const;
   // Writes the value (its name is `name`), creating the database, its folder (for the user
   // hive), the key and its parents as needed.
   bool Write(const std::string& key, const std::string& name, const Value& value) const;
@@ -84,15 +88,14 @@ class VESKAN_API SettingsStore {
   // The key path as it is compared: empty names skipped, case folded.
   static std::string FoldedPath(const std::string& key);
   static std::string Folded(const std::string& text);
-  // The same from UTF-16 (null: empty), in UTF-8.
-  static std::string FoldedPath(const char16_t* key);
-  static std::string Folded(const char16_t* text);
 
  private:
   // Where the hive is when the environment does not say.
   static std::string DefaultHivePath(Hive hive);
+  bool ReadFolded(std::string_view foldedKey, std::string_view foldedName, Value& value) const;
 
-  std::string path_;
+  // The database's connections; lives as long as the process.
+  Detail::SettingsPool* pool_;
 };
 
 }  // namespace Veskan

@@ -33,12 +33,9 @@ SettingsStore Hive(bool perUser) {
   return SettingsStore(perUser ? SettingsStore::Hive::User : SettingsStore::Hive::Machine);
 }
 
-// Settings are read far more often than written: the key and name are folded straight from
-// UTF-16, without passing through UTF-8 first.
 bool Read(bool perUser, const char16_t* keyPath, const char16_t* valueName, const char16_t* store,
           SettingsStore::Value& value) {
-  return Reaches(store) && Hive(perUser).ReadFolded(SettingsStore::FoldedPath(keyPath),
-                                                    SettingsStore::Folded(valueName), value);
+  return Reaches(store) && Hive(perUser).Read(keyPath, valueName, value);
 }
 
 }  // namespace

@@ -28,6 +28,30 @@ using Sqlite::StatementUse;
 
 namespace {
 
+// Folds plain ASCII, as nearly every key and name is, without ICU, in one pass: the length
+// written to `folded`, or -1 for text that is not ASCII or longer than the buffer. `emptyName`
+// tells whether, read as a path, the text has an empty name (a leading, trailing or doubled
+// backslash).
+template <std::size_t Capacity>
+std::ptrdiff_t FoldAscii(const char16_t* text, char (&folded)[Capacity], bool& emptyName) {
+  std::size_t length = 0;
+  char16_t previous = u'\\';
+  for (char16_t c; text && (c = text[length]) != 0; ++length) {
+    if (c >= 0x80 || length == Capacity) return -1;
+    emptyName |= c == u'\\' && previous == u'\\';
+    folded[length] = static_cast<char>(c >= u'A' && c <= u'Z' ? c - u'A' + u'a' : c);
+    previous = c;
+  }
+  emptyName |= previous == u'\\' && length > 0;
+  return static_cast<std::ptrdiff_t>(length);
+}
+
+std::string Utf8(const char16_t* text) {
+  std::string utf8;
+  if (text) icu::UnicodeString(true, text, -1).toUTF8String(utf8);  // an alias, not a copy
+  return utf8;
+}
+
 std::atomic<int> busyTimeoutMs{5000};
 thread_local std::string lastError;
 
@@ -35,10 +59,12 @@ bool IsBusy(int code) {
   return (code & 0xff) == SQLITE_BUSY || (code & 0xff) == SQLITE_LOCKED;
 }
 
+}  // namespace
+
 // The idle connections of one database, and the failures already logged for it.
-class Pool {
+class SettingsPool {
  public:
-  explicit Pool(std::string path) : path_(std::move(path)) {}
+  explicit SettingsPool(std::string path) : path_(std::move(path)) {}
 
   std::unique_ptr<Connection> Take(bool create, int& code) {
     if (held.pool == this && held.connection) {
@@ -111,7 +137,7 @@ class Pool {
   // Each thread keeps the connection it used last out of the pool: the next operation of the
   // thread, nearly always on the same database, takes it without a lock.
   struct Held {
-    Pool* pool = nullptr;
+    SettingsPool* pool = nullptr;
     std::unique_ptr<Connection> connection;
   };
   static thread_local Held held;
@@ -124,28 +150,33 @@ class Pool {
   std::atomic<bool> anyLogged_{false};
 };
 
-thread_local Pool::Held Pool::held;
+thread_local SettingsPool::Held SettingsPool::held;
 
-Pool& PoolOf(const std::string& path) {
+namespace {
+
+// The pool of the database at `path`. Pools are never destroyed: settings may be read while the
+// process's statics are destroyed, and a store refers to its pool.
+SettingsPool& PoolOf(std::string_view path) {
   // Each thread remembers the pool it used last: a process nearly always uses one hive.
-  thread_local Pool* last = nullptr;
+  thread_local SettingsPool* last = nullptr;
   if (last && last->Path() == path) return *last;
-  // Never destroyed: settings may be read while the process's statics are destroyed.
   static std::mutex* const mutex = new std::mutex;
-  static auto* const pools = new std::map<std::string, std::unique_ptr<Pool>>;
+  static auto* const pools = new std::map<std::string, std::unique_ptr<SettingsPool>, std::less<>>;
   std::lock_guard<std::mutex> lock(*mutex);
-  std::unique_ptr<Pool>& pool = (*pools)[path];
-  if (!pool) pool = std::make_unique<Pool>(path);
-  last = pool.get();
-  return *pool;
+  auto found = pools->find(path);
+  if (found == pools->end())
+    found =
+        pools->emplace(std::string(path), std::make_unique<SettingsPool>(std::string(path))).first;
+  last = found->second.get();
+  return *last;
 }
 
 // A connection taken from a pool for one operation, retried while the database is busy until
 // the time-out: SQLite waits for locks itself, but a few of its busy answers come at once.
 class Operation {
  public:
-  Operation(const std::string& path, const char* name)
-      : pool_(PoolOf(path)),
+  Operation(SettingsPool& pool, const char* name)
+      : pool_(pool),
         name_(name),
         deadline_(std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(busyTimeoutMs.load())) {
@@ -175,7 +206,7 @@ class Operation {
       if (!IsBusy(code) || RemainingMs() == 0) break;
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
-    if (code != Pool::NotThere)
+    if (code != SettingsPool::NotThere)
       pool_.Failed(name_, code, connection_ ? connection_->Database() : nullptr);
     // A connection that failed is not kept: its file may be gone or replaced.
     connection_.reset();
@@ -189,7 +220,7 @@ class Operation {
     return left.count() > 0 ? static_cast<int>(left.count()) : 0;
   }
 
-  Pool& pool_;
+  SettingsPool& pool_;
   const char* name_;
   const std::chrono::steady_clock::time_point deadline_;
   std::unique_ptr<Connection> connection_;
@@ -316,7 +347,11 @@ std::string SettingsStore::DefaultHivePath(Hive hive) {
   return Sys::HomeFolder() + "/.config/veskan/registry.db";
 }
 
-SettingsStore::SettingsStore(std::string databasePath) : path_(std::move(databasePath)) {}
+SettingsStore::SettingsStore(std::string databasePath) : pool_(&Detail::PoolOf(databasePath)) {}
+
+const std::string& SettingsStore::DatabasePath() const {
+  return pool_->Path();
+}
 
 std::string SettingsStore::LastError() {
   return Detail::lastError;
@@ -347,65 +382,18 @@ std::string SettingsStore::FoldedPath(const std::string& key) {
   return Folded(Detail::CleanPath(key));
 }
 
-namespace {
-
-// The length of `text` when it is plain ASCII, as nearly every key and name is; -1 otherwise.
-std::ptrdiff_t AsciiLength(const char16_t* text) {
-  const char16_t* at = text;
-  for (; at && *at; ++at)
-    if (*at >= 0x80) return -1;
-  return at - text;
-}
-
-char FoldedAscii(char16_t c) {
-  return static_cast<char>(c >= u'A' && c <= u'Z' ? c - u'A' + u'a' : c);
-}
-
-std::string Utf8(const char16_t* text) {
-  std::string utf8;
-  if (text) icu::UnicodeString(true, text, -1).toUTF8String(utf8);  // an alias, not a copy
-  return utf8;
-}
-
-}  // namespace
-
-std::string SettingsStore::FoldedPath(const char16_t* key) {
-  // Plain ASCII, as nearly every key is, in one pass: names joined by single backslashes.
-  char folded[256];
-  std::size_t used = 0;
-  for (const char16_t* at = key; at && *at; ++at) {
-    const char16_t c = *at;
-    if (c >= 0x80 || used == sizeof folded) return FoldedPath(Utf8(key));
-    if (c != u'\\')
-      folded[used++] = FoldedAscii(c);
-    else if (used > 0 && folded[used - 1] != '\\')
-      folded[used++] = '\\';
-  }
-  if (used > 0 && folded[used - 1] == '\\') --used;
-  return std::string(folded, used);
-}
-
-std::string SettingsStore::Folded(const char16_t* text) {
-  const std::ptrdiff_t length = AsciiLength(text);
-  if (length < 0) return Folded(Utf8(text));
-  std::string folded(static_cast<std::size_t>(length), '\0');
-  for (std::ptrdiff_t i = 0; i < length; ++i)
-    folded[static_cast<std::size_t>(i)] = FoldedAscii(text[i]);
-  return folded;
-}
-
 SettingsStore::SettingsStore(Hive hive) {
   // The environment is read on every call (a test or a tool may change it), the default paths
   // are worked out once per thread.
   const char* variable = hive == Hive::Machine ? "VESKAN_MACHINE_REGISTRY" : "VESKAN_USER_REGISTRY";
   if (const char* path = std::getenv(variable); path && *path) {
-    path_ = path;
+    pool_ = &Detail::PoolOf(path);
     return;
   }
   thread_local std::string defaults[2];
   std::string& known = defaults[hive == Hive::Machine ? 0 : 1];
   if (known.empty()) known = DefaultHivePath(hive);
-  path_ = known;
+  pool_ = &Detail::PoolOf(known);
 }
 
 bool SettingsStore::Read(const std::string& key, const std::string& name, Value& value) const {
@@ -414,9 +402,27 @@ bool SettingsStore::Read(const std::string& key, const std::string& name, Value&
   return true;
 }
 
-bool SettingsStore::ReadFolded(const std::string& foldedKey, const std::string& foldedName,
+bool SettingsStore::Read(const char16_t* key, const char16_t* name, Value& value) const {
+  // Settings are read far more often than written, by names in plain ASCII: folded on the
+  // stack, without converting them to UTF-8 first.
+  char foldedKey[256];
+  char foldedName[128];
+  bool emptyName = false;
+  bool unused = false;
+  const std::ptrdiff_t keyLength = Detail::FoldAscii(key, foldedKey, emptyName);
+  const std::ptrdiff_t nameLength = Detail::FoldAscii(name, foldedName, unused);
+  if (keyLength < 0 || emptyName || nameLength < 0)
+    return Read(Detail::Utf8(key), Detail::Utf8(name), value);
+  if (!ReadFolded(std::string_view(foldedKey, static_cast<std::size_t>(keyLength)),
+                  std::string_view(foldedName, static_cast<std::size_t>(nameLength)), value))
+    return false;
+  value.name.assign(name, name + nameLength);  // plain ASCII
+  return true;
+}
+
+bool SettingsStore::ReadFolded(std::string_view foldedKey, std::string_view foldedName,
                                Value& value) const {
-  Detail::Operation operation(path_, "Veskan::SettingsStore::Read");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::Read");
   bool found = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse read(connection.Statement(Sql::ReadValue));
@@ -437,7 +443,7 @@ bool SettingsStore::Write(const std::string& key, const std::string& name,
   const std::string folded = Folded(clean);
   Value named = value;
   named.name = name;
-  Detail::Operation operation(path_, "Veskan::SettingsStore::Write");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::Write");
   return operation.Run(true, [&](Connection& connection) {
     Detail::WriteTransaction transaction(connection);
     int code = transaction.Code();
@@ -450,7 +456,7 @@ bool SettingsStore::Write(const std::string& key, const std::string& name,
 bool SettingsStore::DeleteValue(const std::string& key, const std::string& name) const {
   const std::string folded = FoldedPath(key);
   const std::string foldedName = Folded(name);
-  Detail::Operation operation(path_, "Veskan::SettingsStore::DeleteValue");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::DeleteValue");
   bool removed = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse remove(connection.Statement(Sql::DeleteValue));
@@ -465,7 +471,7 @@ bool SettingsStore::DeleteValue(const std::string& key, const std::string& name)
 bool SettingsStore::DeleteKey(const std::string& key) const {
   const std::string folded = FoldedPath(key);
   if (folded.empty()) return false;  // the hive's root stays
-  Detail::Operation operation(path_, "Veskan::SettingsStore::DeleteKey");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::DeleteKey");
   bool removed = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     Detail::WriteTransaction transaction(connection);
@@ -488,7 +494,7 @@ bool SettingsStore::DeleteKey(const std::string& key) const {
 bool SettingsStore::HasKey(const std::string& key) const {
   const std::string folded = FoldedPath(key);
   if (folded.empty()) return true;
-  Detail::Operation operation(path_, "Veskan::SettingsStore::HasKey");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::HasKey");
   bool found = false;
   const bool ran = operation.Run(false, [&](Connection& connection) {
     StatementUse has(connection.Statement(Sql::HasKey));
@@ -518,7 +524,7 @@ bool SettingsStore::ListSubkeys(const std::string& key, std::vector<std::string>
 bool SettingsStore::Export(const std::string& key, std::vector<Key>& keys) const {
   keys.clear();
   const std::string folded = FoldedPath(key);
-  Detail::Operation operation(path_, "Veskan::SettingsStore::Export");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::Export");
   const bool ran = operation.Run(false, [&](Connection& connection) {
     keys.clear();
     // One read transaction: the keys and values of one moment.
@@ -560,7 +566,7 @@ bool SettingsStore::Export(const std::string& key, std::vector<Key>& keys) const
 }
 
 bool SettingsStore::Import(const std::vector<Key>& keys) const {
-  Detail::Operation operation(path_, "Veskan::SettingsStore::Import");
+  Detail::Operation operation(*pool_, "Veskan::SettingsStore::Import");
   return operation.Run(true, [&](Connection& connection) {
     Detail::WriteTransaction transaction(connection);
     int code = transaction.Code();

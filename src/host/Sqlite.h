@@ -7,6 +7,7 @@
 #include <array>
 #include <memory>
 #include <string>
+#include <string_view>
 
 namespace Veskan {
 // Apart from the library's other Detail classes: one of them is a Connection too.
@@ -49,7 +50,7 @@ class StatementUse {
   }
   explicit operator bool() const { return statement_ != nullptr; }
   sqlite3_stmt* get() const { return statement_; }
-  void Bind(int index, const std::string& text) {
+  void Bind(int index, std::string_view text) {
     sqlite3_bind_text(statement_, index, text.data(), static_cast<int>(text.size()), SQLITE_STATIC);
   }
   void Bind(int index, sqlite3_int64 number) { sqlite3_bind_int64(statement_, index, number); }
