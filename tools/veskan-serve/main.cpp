@@ -16,7 +16,8 @@
 // WebSocket (either handshake) that sends every text message back, and POST /broadcast sends its
 // body as one text message to every /ws connection and answers how many took it; anything else
 // is 404. With --user, /private/ answers "Hello, world!" to that user only (Basic or Digest
-// authentication; anyone else gets 401 and the challenges). Stops on SIGINT or SIGTERM.
+// authentication; anyone else gets 401 and the challenges). Stops on SIGINT or SIGTERM, and
+// when a shutdown is requested (veskan-shutdown).
 #include <veskan/Body.h>
 #include <veskan/ByteBuffer.h>
 #include <veskan/Content.h>
@@ -27,6 +28,7 @@
 #include <veskan/Message.h>
 #include <veskan/Preferences.h>
 #include <veskan/Server.h>
+#include <veskan/Shutdowner.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/WSData.h>
 #include <veskan/XmlSchema.h>
@@ -468,10 +470,19 @@ int main(int argc, char** argv) {
   std::cout << "listening on " << (server->IsSecure() ? "https" : "http")
             << "://127.0.0.1:" << server->Port() << "/" << std::endl;
 
+  // Any process of any user may ask every program of the system to close (veskan-shutdown).
+  auto shutdowner = Shutdowner::Create();
+  shutdowner->ShutdownRequested.connect([] {
+    stopRequested = true;
+    DaemonMarshaller::PostQuit();
+  });
+  shutdowner->Start();
+
   while (!stopRequested) {
     // In window mode the handlers run here; in direct mode this only watches for the stop.
     DaemonMarshaller::RunEventLoopOnce();
   }
+  shutdowner->Stop();
   server->Stop(1000);
   Daemon::WaitForAllThreads(5);
   return 0;
