@@ -12,4 +12,5 @@ pkg_check_modules(Redland REQUIRED IMPORTED_TARGET redland rasqal raptor2)
 find_package(CURL 7.86 REQUIRED)
 # The settings store: one database per hive.
 find_package(SQLite3 3.31 REQUIRED)
+find_package(ZLIB 1.2 REQUIRED)
 find_package(Threads REQUIRED)

@@ -24,6 +24,20 @@ bool MakeFolders(const std::string& path, int& error);
 // The user's home folder: $HOME, else the account's; "" when neither is known.
 std::string HomeFolder();
 
+// True for an existing regular file (links followed).
+bool IsRegularFile(const std::string& path);
+// True for a regular file the process may execute.
+bool IsExecutableFile(const std::string& path);
+// Replaces `to` by `from` in one step (both in one file system).
+bool RenamePath(const std::string& from, const std::string& to, int& error);
+// Removes a file; false when it could not be removed.
+bool RemoveFile(const std::string& path);
+// The path of the running program's executable, or "".
+std::string ExecutablePath();
+// A new empty file named `prefix` and a unique suffix, open for writing (permissions 0666 less
+// the umask); its path in `path`. -1 on failure.
+int MakeUniqueFile(const std::string& prefix, std::string& path, int& error);
+
 // The separator between the segments of a path.
 constexpr char PathSeparator = '/';
 

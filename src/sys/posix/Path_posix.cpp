@@ -1,11 +1,14 @@
 // File-system paths on POSIX: getcwd, realpath, lstat, mkdir and the password database.
 #include "sys/Path.h"
 
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
+#include <atomic>
 #include <cerrno>
 #include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <vector>
@@ -66,6 +69,53 @@ std::string HomeFolder() {
       found->pw_dir)
     return found->pw_dir;
   return std::string();
+}
+
+bool IsRegularFile(const std::string& path) {
+  struct stat status {};
+  return ::stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
+}
+
+bool IsExecutableFile(const std::string& path) {
+  return IsRegularFile(path) && ::access(path.c_str(), X_OK) == 0;
+}
+
+bool RenamePath(const std::string& from, const std::string& to, int& error) {
+  error = 0;
+  if (::rename(from.c_str(), to.c_str()) == 0) return true;
+  error = errno;
+  return false;
+}
+
+bool RemoveFile(const std::string& path) {
+  return ::unlink(path.c_str()) == 0;
+}
+
+std::string ExecutablePath() {
+  char buffer[PATH_MAX];
+  const ssize_t length = ::readlink("/proc/self/exe", buffer, sizeof buffer - 1);
+  return length > 0 ? std::string(buffer, static_cast<std::size_t>(length)) : std::string();
+}
+
+int MakeUniqueFile(const std::string& prefix, std::string& path, int& error) {
+  // Not mkstemp: its files are the owner's alone, and a file made here replaces another whose
+  // readers expect the usual permissions (0666 less the umask).
+  static std::atomic<unsigned> counter{0};
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    char suffix[32];
+    std::snprintf(suffix, sizeof suffix, "%d-%u", static_cast<int>(::getpid()), counter++);
+    const std::string candidate = prefix + suffix;
+    const int descriptor =
+        ::open(candidate.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOFOLLOW, 0666);
+    if (descriptor >= 0) {
+      path = candidate;
+      error = 0;
+      return descriptor;
+    }
+    if (errno != EEXIST) break;
+  }
+  error = errno;
+  return -1;
 }
 
 }  // namespace Sys
