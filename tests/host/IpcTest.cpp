@@ -224,7 +224,13 @@ TEST(IpcTest, AShutdownRequestReachesEveryProcessAndDiesWithTheLastOfThem) {
   holder->RequestShutdown();
   EXPECT_TRUE(Shutdowner::Create()->HasRequestedShutdown());
   holder.reset();
-  // Everyone gone (as after a crash or a reboot): the next start sees no request.
+  // Everyone gone: the next start sees no request; nor after the last holder was killed.
+  EXPECT_FALSE(Shutdowner::Create()->HasRequestedShutdown());
+  auto crashing = Worker({"request"});
+  ASSERT_FALSE(crashing->LineWith("requested", 30).empty());
+  EXPECT_TRUE(Shutdowner::Create()->HasRequestedShutdown());
+  crashing->Kill(SIGKILL);
+  crashing->Wait();
   EXPECT_FALSE(Shutdowner::Create()->HasRequestedShutdown());
 }
 

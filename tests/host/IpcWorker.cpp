@@ -9,6 +9,7 @@
 //   hold-cli-lock NAME     takes NAME's command-line lock and its spin lock, as a copy writing
 //                          its command line does, prints "held", waits to be killed
 //   wait-event NAME        prints "waiting", then waits on the named event and prints "woken"
+//   request                sets the shutdown request, prints "requested", waits to be killed
 //   watch                  a Shutdowner: prints "watching", then "callback" from its callback
 //                          and "requested" once HasRequestedShutdown holds; exits 0
 #include <veskan/IPC.h>
@@ -24,6 +25,7 @@
 #include <cstring>
 #include <iostream>
 #include <string>
+#include <thread>
 
 using namespace Veskan;
 
@@ -41,9 +43,11 @@ int Cli(const StringBuffer& name, int count, const char* text) {
     return 0;
   }
   int received = 0;
+  const std::thread::id host = std::this_thread::get_id();
   cli.CommandLineArrived.connect([&](void* from) {
-    std::cout << "got " << static_cast<SingleInstanceCLI*>(from)->CommandLine().ToUTF8()
-              << std::endl;
+    // Only on the host's thread: a line from anywhere else does not count.
+    std::cout << (std::this_thread::get_id() == host ? "got " : "elsewhere ")
+              << static_cast<SingleInstanceCLI*>(from)->CommandLine().ToUTF8() << std::endl;
     ++received;
   });
   std::cout << "first" << std::endl;
@@ -90,6 +94,12 @@ int main(int argc, char** argv) {
     if (!event.Wait()) return 1;
     std::cout << "woken" << std::endl;
     return 0;
+  }
+  if (mode == "request") {
+    auto shutdowner = Shutdowner::Create();
+    if (!shutdowner->RequestShutdown()) return 1;
+    std::cout << "requested" << std::endl;
+    WaitToBeKilled();
   }
   if (mode == "watch") {
     auto shutdowner = Shutdowner::Create();
