@@ -205,9 +205,13 @@ bool StringBuffer::IsTerminated() const {
 }
 
 // A buffer shared with the StringBuffer it was copied from already ends in NUL; terminating it
-// again would unshare it, copying the whole text.
+// again would unshare it, copying the whole text. A short text lives inside the object, never
+// shared: it is terminated without reading the slot after it, which may never have been written.
 void StringBuffer::KeepTerminated() {
-  if (!IsTerminated()) getTerminatedBuffer();
+  const auto buffer = reinterpret_cast<std::uintptr_t>(getBuffer());
+  const auto self = reinterpret_cast<std::uintptr_t>(this);
+  const bool inObject = buffer >= self && buffer < self + sizeof(*this);
+  if (inObject || !IsTerminated()) getTerminatedBuffer();
 }
 
 void StringBuffer::EmptyAfterMove() noexcept {
