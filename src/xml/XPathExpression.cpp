@@ -103,6 +103,26 @@ StringBuffer XPathExpression::Literal(const char16_t* value) {
   return StringBuffer(literal.c_str(), static_cast<int>(literal.size()));
 }
 
+namespace {
+
+// The prefixes the document element declares, then the table's bindings, which win on equal
+// prefixes: prefixes of the document resolve in expressions over it.
+XPathVariables InScopeNamespaces(const xercesc::DOMDocument* document,
+                                 const XPathVariables& namespaces) {
+  XPathVariables declared;
+  const xercesc::DOMElement* root = document->getDocumentElement();
+  const xercesc::DOMNamedNodeMap* attributes = root ? root->getAttributes() : nullptr;
+  for (XMLSize_t i = 0; attributes && i < attributes->getLength(); ++i) {
+    const xercesc::DOMNode* attribute = attributes->item(i);
+    const char16_t* prefix = attribute->getPrefix();
+    if (prefix && std::u16string_view(prefix) == u"xmlns")
+      declared.SetValue(attribute->getLocalName(), attribute->getNodeValue());
+  }
+  return declared.Count() == 0 ? namespaces : declared + namespaces;
+}
+
+}  // namespace
+
 void XPathExpression::Initialize(xercesc::DOMNode* node, const char16_t* expression,
                                  const XPathVariables& variables,
                                  const XPathVariables& namespaces) {
@@ -135,7 +155,8 @@ void XPathExpression::Initialize(xercesc::DOMNode* node, const char16_t* express
           Detail::XPath::MessageText(std::to_string(limits.MaxExpressionLength())) +
           u" characters.");
     }
-    const Detail::XPath::CompiledExpression compiled(text, namespaces, limits.MaxNestingDepth());
+    const Detail::XPath::CompiledExpression compiled(text, InScopeNamespaces(document, namespaces),
+                                                     limits.MaxNestingDepth());
     for (const Detail::XPath::Item& item : compiled.Evaluate(node)) {
       if (item.IsNode()) nodes_.push_back(item.node);
     }

@@ -101,13 +101,19 @@ TEST(XPathExpressionTest, ResultsNamespacesAndCopies) {
   EXPECT_EQ(count.Count(), 0);
   EXPECT_EQ(Utf8(count.ErrorCode()), "");
 
-  // The default table knows the product prefixes; a given table replaces it.
+  // Prefixes resolve through the document element's declarations, then the table, which wins;
+  // the table's empty prefix is the default namespace of element names, not of attributes.
   EXPECT_EQ(XPathExpression(doc, u"//veskan:note").Count(), 1);
-  EXPECT_EQ(Utf8(XPathExpression(doc, u"//x:extra").ErrorCode()), "51 (DOMXPathException)");
-  EXPECT_EQ(XPathExpression(doc, u"//y:extra", XPathVariables::Empty,
-                            XPathVariables(u"y", u"urn:x", nullptr))
-                .Count(),
-            1);
+  EXPECT_EQ(XPathExpression(doc, u"//x:extra").Count(), 1);
+  EXPECT_EQ(Utf8(XPathExpression(doc, u"//z:extra").ErrorCode()), "51 (DOMXPathException)");
+  const XPathVariables other(u"y", u"urn:x", u"x", u"urn:other", nullptr);
+  EXPECT_EQ(XPathExpression(doc, u"//y:extra", XPathVariables::Empty, other).Count(), 1);
+  EXPECT_EQ(XPathExpression(doc, u"//x:extra", XPathVariables::Empty, other).Count(), 0);
+  const XPathVariables byDefault(u"", u"urn:x", nullptr);
+  EXPECT_EQ(XPathExpression(doc, u"//extra", XPathVariables::Empty, byDefault).Count(), 1);
+  EXPECT_EQ(XPathExpression(doc, u"//question", XPathVariables::Empty, byDefault).Count(), 0);
+  EXPECT_EQ(XPathExpression(doc, u"//*:question/@kind", XPathVariables::Empty, byDefault).Count(),
+            2);
   EXPECT_EQ(Utf8(XPathExpression(doc, u"fn:upper-case('a')").ErrorCode()), "");
 
   // From an element, relative paths start there.

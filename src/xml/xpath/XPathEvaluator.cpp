@@ -260,6 +260,10 @@ class Binder {
     if ((test.kind == TestKind::Name || test.kind == TestKind::AnyLocalName) &&
         !test.name.prefix.empty()) {
       op.uri = Resolve(test.name.prefix, node.offset);
+    } else if (test.kind == TestKind::Name && node.axis != Axis::Attribute &&
+               node.axis != Axis::Namespace && namespaces_.Contains(u"")) {
+      // The table's empty prefix names the default element namespace; attributes keep none.
+      op.uri = std::u16string(namespaces_[u""]);
     }
   }
 
