@@ -2,6 +2,7 @@
 // first in PATH, a mail relay on a port of the test's choosing, real gzip files.
 #include <veskan/ByteBuffer.h>
 #include <veskan/Helpers.h>
+#include <veskan/IPC.h>
 #include <veskan/Logger.h>
 #include <veskan/Preferences.h>
 
@@ -18,6 +19,7 @@
 #include <regex>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "TestSupport.h"
 
@@ -141,6 +143,19 @@ TEST_F(HelpersTest, CommandLinesSplitOnQuotesAndProgramsStartWithoutAShell) {
   EXPECT_EQ(args[2], StringBuffer(u"d 'e"));
   EXPECT_EQ(args[3], StringBuffer(u"f\"g"));
   EXPECT_EQ(args[4], StringBuffer(u"h"));  // an unclosed quote runs to the end
+  // What SingleInstanceCLI joins, CommandLineToArgv splits back into the same arguments.
+  const std::vector<std::vector<const char16_t*>> vectors = {
+      {u"quiz", u"my quiz.rdf", u"\t tab", u"say \"hi\"", u"it's", u"'lead", u"\"lead"},
+      {u"a", u"b\tc", u"d  e", u"\u00E9t\u00E9 \U0001F600"}};
+  for (const auto& arguments : vectors) {
+    StringList split;
+    Helpers::CommandLineToArgv(
+        SingleInstanceCLI::JoinArguments(static_cast<int>(arguments.size()), arguments.data()),
+        split);
+    ASSERT_EQ(split.Count(), static_cast<int>(arguments.size()));
+    for (int i = 0; i < split.Count(); ++i)
+      EXPECT_EQ(split[i], StringBuffer(arguments[static_cast<std::size_t>(i)]));
+  }
   const StringBuffer same(u"A");
   EXPECT_TRUE(Helpers::IsEqualAnswer(same.c_str(), same.c_str()));
   EXPECT_FALSE(Helpers::IsEqualAnswer(same.c_str(), StringBuffer(u"A").c_str()));
