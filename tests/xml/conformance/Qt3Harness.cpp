@@ -1,0 +1,441 @@
+// Runs the W3C QT3 tests that apply to an XPath 2.0 processor against the library's engine and
+// prints pass, fail and not-applicable counts per test set.
+//
+//   veskan_qt3 QT3_FOLDER [--set NAME] [--failures] [--minimum PASSES]
+//
+// A test applies when its own and its test set's spec dependencies (when present) name XP20 or
+// XP20+, and it needs none of schema awareness, static typing, schema import or validation, or
+// the XPath 1.0 compatibility mode. Each test set runs in a child process, each test under a
+// time limit: a test that crashes or hangs fails, and the next one goes on in a new child. A test
+// that expects an error passes only when the error's code appears in the engine's message.
+// With --minimum, the exit status is 1 when fewer tests pass.
+#include <veskan/ByteBuffer.h>
+#include <veskan/Globals.h>
+#include <veskan/XmlSchema.h>
+
+#include "xml/xpath/XPathEvaluator.h"
+#include "xml/xpath/XPathValue.h"
+
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace Veskan {
+namespace {
+
+using xercesc::DOMElement;
+using xercesc::DOMNode;
+namespace XP = Detail::XPath;
+
+constexpr unsigned TestSeconds = 10;
+
+std::string Utf8(const std::u16string& text) {
+  return StringBuffer(text.c_str(), static_cast<int>(text.size())).ToUTF8();
+}
+std::u16string Text(const StringBuffer& text) {
+  return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
+}
+std::u16string Attribute(const DOMElement* element, const char16_t* name) {
+  const char16_t* value = element->getAttribute(name);
+  return value ? value : u"";
+}
+std::u16string Local(const DOMNode* node) {
+  return node->getLocalName() ? node->getLocalName() : u"";
+}
+std::vector<DOMElement*> Children(const DOMNode* node, const char16_t* name = nullptr) {
+  std::vector<DOMElement*> children;
+  for (DOMNode* child = node->getFirstChild(); child; child = child->getNextSibling())
+    if (child->getNodeType() == DOMNode::ELEMENT_NODE && (!name || Local(child) == name))
+      children.push_back(static_cast<DOMElement*>(child));
+  return children;
+}
+std::string Folder(const std::string& file) {
+  const std::size_t slash = file.rfind('/');
+  return slash == std::string::npos ? "." : file.substr(0, slash);
+}
+
+std::shared_ptr<XmlDocument> Load(const std::string& path) {
+  const ByteBuffer bytes = BytesFromFile(StringBuffer(path.c_str()).c_str());
+  return bytes.Size() ? XmlSchema::NewDoc(bytes) : nullptr;
+}
+
+std::vector<std::u16string> Tokens(const std::u16string& text) {
+  std::vector<std::u16string> tokens;
+  std::size_t start = 0;
+  while (start < text.size()) {
+    std::size_t end = text.find(u' ', start);
+    if (end == std::u16string::npos) end = text.size();
+    if (end > start) tokens.push_back(text.substr(start, end - start));
+    start = end + 1;
+  }
+  return tokens;
+}
+
+// Whether the dependencies of a test set or test case let it apply.
+bool Applies(const DOMElement* owner) {
+  static const std::set<std::u16string> unsupported = {u"schemaImport", u"schemaValidation",
+                                                       u"schemaAware",  u"staticTyping",
+                                                       u"typedData",    u"xpath-1.0-compatibility"};
+  for (const DOMElement* dependency : Children(owner, u"dependency")) {
+    const std::u16string type = Attribute(dependency, u"type");
+    const std::u16string value = Attribute(dependency, u"value");
+    const bool satisfied = Attribute(dependency, u"satisfied") != u"false";
+    if (type == u"spec") {
+      bool named = false;
+      for (const std::u16string& token : Tokens(value))
+        named |= token == u"XP20" || token == u"XP20+";
+      if (!named) return false;
+    } else if (type == u"feature" && satisfied) {
+      for (const std::u16string& token : Tokens(value))
+        if (unsupported.count(token)) return false;
+    }
+  }
+  return true;
+}
+
+// What a test runs against: the context document and the prefixes; false when the environment
+// needs what the harness cannot give the engine (variables bound to documents, parameters,
+// collations, resources).
+struct Environment {
+  std::shared_ptr<XmlDocument> context;
+  std::vector<std::pair<std::u16string, std::u16string>> namespaces;
+  bool usable = true;
+};
+
+Environment Read(const DOMElement* definition, const std::string& folder) {
+  Environment environment;
+  for (const DOMElement* part : Children(definition)) {
+    const std::u16string kind = Local(part);
+    if (kind == u"source" && Attribute(part, u"role") == u".") {
+      environment.context = Load(folder + "/" + Utf8(Attribute(part, u"file")));
+      environment.usable &= environment.context != nullptr;
+    } else if (kind == u"namespace") {
+      environment.namespaces.emplace_back(Attribute(part, u"prefix"), Attribute(part, u"uri"));
+    } else if (kind != u"description" && kind != u"created" && kind != u"modified" &&
+               kind != u"schema") {
+      environment.usable = false;  // source with a variable role, param, collation, resource...
+    }
+    if (kind == u"source" && Attribute(part, u"validation") == u"strict")
+      environment.usable = false;
+  }
+  return environment;
+}
+
+struct Outcome {
+  XP::Sequence result;
+  std::u16string error;  // the engine's message when it failed
+  bool failed = false;
+};
+
+XPathVariables Prefixes(const Environment& environment) {
+  XPathVariables table = Namespaces::Defaults;
+  table.SetValue(u"xs", u"http://www.w3.org/2001/XMLSchema");
+  table.SetValue(u"err", u"http://www.w3.org/2005/xqt-errors");
+  for (const auto& [prefix, uri] : environment.namespaces)
+    table.SetValue(prefix.c_str(), uri.c_str());
+  return table;
+}
+
+Outcome Evaluate(const std::u16string& expression, const Environment& environment,
+                 DOMNode* fallbackContext) {
+  Outcome outcome;
+  try {
+    const XP::CompiledExpression compiled(expression, Prefixes(environment));
+    outcome.result = compiled.Evaluate(environment.context ? environment.context->DocumentNode()
+                                                           : fallbackContext);
+  } catch (const xercesc::DOMXPathException& error) {
+    outcome.failed = true;
+    outcome.error = error.getMessage() ? error.getMessage() : u"";
+  } catch (const std::exception& error) {
+    outcome.failed = true;
+    outcome.error = Text(StringBuffer(error.what()));
+  }
+  return outcome;
+}
+
+std::u16string StringValue(const XP::Sequence& sequence) {
+  std::u16string text;
+  for (std::size_t i = 0; i < sequence.size(); ++i) {
+    if (i) text += u' ';
+    text += XP::ToString(sequence[i]);
+  }
+  return text;
+}
+
+std::u16string Normalized(const std::u16string& text) {
+  std::u16string out;
+  bool space = false;
+  for (const char16_t c : text) {
+    if (c == u' ' || c == u'\t' || c == u'\n' || c == u'\r') {
+      space = !out.empty();
+      continue;
+    }
+    if (space) out += u' ';
+    space = false;
+    out += c;
+  }
+  return out;
+}
+
+bool SameItem(const XP::Item& a, const XP::Item& b) {
+  if (a.type != b.type) return false;
+  switch (a.type) {
+    case XP::ItemType::Number:
+      return a.number == b.number || (std::isnan(a.number) && std::isnan(b.number));
+    case XP::ItemType::String:
+      return a.string == b.string;
+    case XP::ItemType::Boolean:
+      return a.boolean == b.boolean;
+    case XP::ItemType::Node:
+      return a.node == b.node;
+  }
+  return false;
+}
+
+// Judges one assertion of a result (see the suite's guide/running.html).
+class Judge {
+ public:
+  Judge(const Outcome& outcome, DOMNode* empty) : outcome_(outcome), empty_(empty) {}
+
+  bool operator()(const DOMElement* assertion) const {
+    const std::u16string kind = Local(assertion);
+    const std::u16string text = Text(XmlSchema::GetTextContent(assertion));
+    if (kind == u"any-of") {
+      for (const DOMElement* part : Children(assertion))
+        if ((*this)(part)) return true;
+      return false;
+    }
+    if (kind == u"all-of") {
+      for (const DOMElement* part : Children(assertion))
+        if (!(*this)(part)) return false;
+      return true;
+    }
+    if (kind == u"not") return !(*this)(Children(assertion).at(0));
+    if (kind == u"error") {
+      const std::u16string code = Attribute(assertion, u"code");
+      return outcome_.failed && (code == u"*" || outcome_.error.find(code) != std::u16string::npos);
+    }
+    if (outcome_.failed) return false;
+    const XP::Sequence& result = outcome_.result;
+    if (kind == u"assert-true" || kind == u"assert-false") {
+      return result.size() == 1 && result[0].type == XP::ItemType::Boolean &&
+             result[0].boolean == (kind == u"assert-true");
+    }
+    if (kind == u"assert-empty") return result.empty();
+    if (kind == u"assert-count") return result.size() == std::stoul(Utf8(text));
+    if (kind == u"assert-string-value") {
+      const bool normalize = Attribute(assertion, u"normalize-space") == u"true";
+      return normalize ? Normalized(StringValue(result)) == Normalized(text)
+                       : StringValue(result) == text;
+    }
+    if (kind == u"assert-eq" || kind == u"assert-deep-eq" || kind == u"assert-permutation") {
+      const Outcome expected = Evaluate(text, Environment{}, empty_);
+      if (expected.failed) return false;
+      if (kind == u"assert-eq" && result.size() != 1) return false;
+      if (result.size() != expected.result.size()) return false;
+      if (kind != u"assert-permutation") {
+        for (std::size_t i = 0; i < result.size(); ++i)
+          if (!SameItem(result[i], expected.result[i])) return false;
+        return true;
+      }
+      std::vector<bool> used(expected.result.size(), false);
+      for (const XP::Item& item : result) {
+        bool matched = false;
+        for (std::size_t j = 0; j < used.size() && !matched; ++j)
+          if (!used[j] && SameItem(item, expected.result[j])) used[j] = matched = true;
+        if (!matched) return false;
+      }
+      return true;
+    }
+    return false;  // assert-type, assert-xml, assert and others: not judged yet, so not passed
+  }
+
+ private:
+  const Outcome& outcome_;
+  DOMNode* empty_;
+};
+
+enum class Verdict : char { Pass = 'P', Fail = 'F', NotApplicable = 'N' };
+
+// One test case of a set.
+struct Case {
+  const DOMElement* element;
+  std::string name;
+};
+
+// Runs the cases from `first` on, writing "<P|F|N> name" lines to `out`; "S name" before each.
+void RunCases(const std::vector<Case>& cases, std::size_t first, const DOMElement* set,
+              const std::map<std::u16string, Environment>& environments, const std::string& folder,
+              FILE* out) {
+  const auto empty = XmlSchema::NewDoc(u"<empty/>");
+  for (std::size_t i = first; i < cases.size(); ++i) {
+    const DOMElement* testCase = cases[i].element;
+    std::fprintf(out, "S %s\n", cases[i].name.c_str());
+    std::fflush(out);
+    alarm(TestSeconds);
+    Verdict verdict = Verdict::Fail;
+    if (!Applies(set) || !Applies(testCase)) {
+      verdict = Verdict::NotApplicable;
+    } else {
+      Environment environment;
+      for (const DOMElement* reference : Children(testCase, u"environment")) {
+        const std::u16string ref = Attribute(reference, u"ref");
+        if (ref.empty()) {
+          environment = Read(reference, folder);
+        } else if (const auto found = environments.find(ref); found != environments.end()) {
+          environment = found->second;
+        } else {
+          environment.usable = false;
+        }
+      }
+      const auto tests = Children(testCase, u"test");
+      const auto results = Children(testCase, u"result");
+      if (environment.usable && tests.size() == 1 && results.size() == 1) {
+        std::u16string expression = Text(XmlSchema::GetTextContent(tests[0]));
+        if (const std::u16string file = Attribute(tests[0], u"file"); !file.empty()) {
+          const ByteBuffer bytes =
+              BytesFromFile(StringBuffer((folder + "/" + Utf8(file)).c_str()).c_str());
+          expression = Text(UTF8to16(bytes));
+        }
+        const Outcome outcome = Evaluate(expression, environment, empty->DocumentNode());
+        const auto assertions = Children(results[0]);
+        if (!assertions.empty() && Judge(outcome, empty->DocumentNode())(assertions[0]))
+          verdict = Verdict::Pass;
+      }
+    }
+    alarm(0);
+    std::fprintf(out, "%c %s\n", static_cast<char>(verdict), cases[i].name.c_str());
+    std::fflush(out);
+  }
+}
+
+struct Counts {
+  int pass = 0, fail = 0, notApplicable = 0;
+};
+
+// Runs a test set in child processes; a child that dies fails the test it was on.
+Counts RunSet(const std::string& file, const std::map<std::u16string, Environment>& shared,
+              bool showFailures) {
+  Counts counts;
+  const auto document = Load(file);
+  if (!document) return counts;
+  const DOMElement* set = document->DocumentNode()->getDocumentElement();
+  const std::string folder = Folder(file);
+  std::map<std::u16string, Environment> environments = shared;
+  for (const DOMElement* environment : Children(set, u"environment"))
+    environments[Attribute(environment, u"name")] = Read(environment, folder);
+  std::vector<Case> cases;
+  for (const DOMElement* testCase : Children(set, u"test-case"))
+    cases.push_back({testCase, Utf8(Attribute(testCase, u"name"))});
+
+  std::size_t next = 0;
+  while (next < cases.size()) {
+    int channel[2];
+    if (pipe(channel) != 0) break;
+    const pid_t child = fork();
+    if (child == 0) {
+      close(channel[0]);
+      FILE* out = fdopen(channel[1], "w");
+      RunCases(cases, next, set, environments, folder, out);
+      std::fclose(out);
+      _exit(0);
+    }
+    close(channel[1]);
+    FILE* in = fdopen(channel[0], "r");
+    std::string started;
+    char line[4096];
+    while (std::fgets(line, sizeof line, in)) {
+      std::string text(line);
+      if (!text.empty() && text.back() == '\n') text.pop_back();
+      if (text.size() < 2) continue;
+      const std::string name = text.substr(2);
+      if (text[0] == 'S') {
+        started = name;
+        continue;
+      }
+      started.clear();
+      ++next;
+      if (text[0] == 'P') ++counts.pass;
+      if (text[0] == 'N') ++counts.notApplicable;
+      if (text[0] == 'F') {
+        ++counts.fail;
+        if (showFailures) std::cout << "  fail " << name << "\n";
+      }
+    }
+    std::fclose(in);
+    int status = 0;
+    waitpid(child, &status, 0);
+    if (!started.empty()) {
+      // The child died on this test (a crash, or the time limit): it fails, the rest go on.
+      ++counts.fail;
+      ++next;
+      if (showFailures) std::cout << "  fail " << started << " (crashed or timed out)\n";
+    } else if (!(WIFEXITED(status) && WEXITSTATUS(status) == 0)) {
+      break;
+    }
+  }
+  return counts;
+}
+
+}  // namespace
+}  // namespace Veskan
+
+int main(int argc, char** argv) {
+  using namespace Veskan;
+  if (argc < 2) {
+    std::cerr << "usage: veskan_qt3 QT3_FOLDER [--set NAME] [--failures] [--minimum PASSES]\n";
+    return 2;
+  }
+  const std::string root = argv[1];
+  std::string only;
+  bool failures = false;
+  long minimum = -1;
+  for (int i = 2; i < argc; ++i) {
+    const std::string option = argv[i];
+    if (option == "--set" && i + 1 < argc)
+      only = argv[++i];
+    else if (option == "--failures")
+      failures = true;
+    else if (option == "--minimum" && i + 1 < argc)
+      minimum = std::atol(argv[++i]);
+  }
+  Globals globals;
+  const auto catalog = Load(root + "/catalog.xml");
+  if (!catalog) {
+    std::cerr << "veskan_qt3: cannot read " << root << "/catalog.xml\n";
+    return 2;
+  }
+  std::map<std::u16string, Environment> environments;
+  for (const DOMElement* environment :
+       Children(catalog->DocumentNode()->getDocumentElement(), u"environment"))
+    environments[Attribute(environment, u"name")] = Read(environment, root);
+  Counts total;
+  for (const DOMElement* set :
+       Children(catalog->DocumentNode()->getDocumentElement(), u"test-set")) {
+    const std::string name = Utf8(Attribute(set, u"name"));
+    if (!only.empty() && name != only) continue;
+    const Counts counts =
+        RunSet(root + "/" + Utf8(Attribute(set, u"file")), environments, failures);
+    total.pass += counts.pass;
+    total.fail += counts.fail;
+    total.notApplicable += counts.notApplicable;
+    std::cout << name << " pass " << counts.pass << " fail " << counts.fail << " n/a "
+              << counts.notApplicable << "\n";
+  }
+  const int applicable = total.pass + total.fail;
+  std::cout << "total pass " << total.pass << " fail " << total.fail << " n/a "
+            << total.notApplicable << " (" << (applicable ? 100.0 * total.pass / applicable : 0)
+            << "% of " << applicable << " applicable)\n";
+  return minimum >= 0 && total.pass < minimum ? 1 : 0;
+}
