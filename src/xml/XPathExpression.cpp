@@ -151,9 +151,10 @@ void XPathExpression::Initialize(xercesc::DOMNode* node, const char16_t* express
     const Detail::XPathConfiguration& limits = *Detail::GlobalsAccess::Configuration();
     if (text.size() > static_cast<std::size_t>(limits.MaxExpressionLength())) {
       Detail::XPath::ThrowInvalidExpression(
+          u"FOER0000",
           u"The expression is longer than " +
-          Detail::XPath::MessageText(std::to_string(limits.MaxExpressionLength())) +
-          u" characters.");
+              Detail::XPath::MessageText(std::to_string(limits.MaxExpressionLength())) +
+              u" characters.");
     }
     const Detail::XPath::CompiledExpression compiled(text, InScopeNamespaces(document, namespaces),
                                                      limits.MaxNestingDepth());

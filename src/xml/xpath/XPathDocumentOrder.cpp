@@ -146,7 +146,8 @@ void DocumentOrder::Sort(Sequence& items) {
 
 DOMNode* FunctionContext::ContextNode() const {
   if (!item_ || !item_->IsNode()) {
-    ThrowTypeError(item_ ? u"The context item is not a node." : u"There is no context item.");
+    if (item_) ThrowTypeError(u"XPTY0004", u"The context item is not a node.");
+    ThrowTypeError(u"XPDY0002", u"There is no context item.");
   }
   return item_->node;
 }

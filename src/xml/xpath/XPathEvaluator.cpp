@@ -150,7 +150,7 @@ class Binder {
 
   Op Bind(const Node& node, int depth) {
     if (depth > MaxEvaluationDepth) {
-      ThrowInvalidExpression(u"The expression is nested too deeply to evaluate.");
+      ThrowInvalidExpression(u"FOER0000", u"The expression is nested too deeply to evaluate.");
     }
     Op op;
     op.kind = node.kind;
@@ -248,9 +248,9 @@ class Binder {
   std::u16string Resolve(const std::u16string& prefix, std::size_t offset) {
     if (prefix == u"xml") return std::u16string(XmlNamespace);
     if (!namespaces_.Contains(prefix.c_str())) {
-      ThrowInvalidExpression(u"The prefix \"" + prefix + u"\" at offset " +
-                             MessageText(std::to_string(offset)) +
-                             u" is not bound to a namespace.");
+      ThrowInvalidExpression(u"XPST0081", u"The prefix \"" + prefix + u"\" at offset " +
+                                              MessageText(std::to_string(offset)) +
+                                              u" is not bound to a namespace.");
     }
     return std::u16string(namespaces_[prefix.c_str()]);
   }
@@ -275,7 +275,7 @@ class Binder {
     }
     std::u16string name =
         node.name.prefix.empty() ? node.name.local : node.name.prefix + u":" + node.name.local;
-    ThrowInvalidExpression(u"The variable $" + name + u" is not defined.");
+    ThrowInvalidExpression(u"XPST0008", u"The variable $" + name + u" is not defined.");
   }
 
   const FunctionDefinition* BindFunction(const Node& node) {
@@ -284,12 +284,13 @@ class Binder {
     std::u16string name =
         node.name.prefix.empty() ? node.name.local : node.name.prefix + u":" + node.name.local;
     const FunctionDefinition* function = FindFunction(uri, node.name.local);
-    if (!function) ThrowInvalidExpression(u"The function " + name + u"() is not known.");
+    if (!function)
+      ThrowInvalidExpression(u"XPST0017", u"The function " + name + u"() is not known.");
     const int count = static_cast<int>(node.children.size());
     if (count < function->minArguments ||
         (function->maxArguments >= 0 && count > function->maxArguments)) {
-      ThrowInvalidExpression(u"The function " + name + u"() does not take " +
-                             MessageText(std::to_string(count)) + u" arguments.");
+      ThrowInvalidExpression(u"XPST0017", u"The function " + name + u"() does not take " +
+                                              MessageText(std::to_string(count)) + u" arguments.");
     }
     return function;
   }
@@ -655,9 +656,9 @@ bool GeneralCompare(Operator op, const Sequence& left, const Sequence& right) {
 // One atomic value of a value comparison: a node's value is untyped text.
 Item Atomize(const Sequence& sequence, const char16_t* what) {
   if (sequence.size() != 1) {
-    ThrowTypeError(std::u16string(u"The operand of ") + what +
-                   u" must be a single item, not a sequence of " +
-                   MessageText(std::to_string(sequence.size())) + u".");
+    ThrowTypeError(u"XPTY0004", std::u16string(u"The operand of ") + what +
+                                    u" must be a single item, not a sequence of " +
+                                    MessageText(std::to_string(sequence.size())) + u".");
   }
   if (sequence[0].IsNode()) return Item::OfString(StringValue(sequence[0].node));
   return sequence[0];
@@ -673,12 +674,13 @@ Sequence ValueCompare(Operator op, const Sequence& left, const Sequence& right) 
   if (IsNumeric(a) || IsNumeric(b)) {
     const bool aFits = IsNumeric(a) || leftUntyped;
     const bool bFits = IsNumeric(b) || rightUntyped;
-    if (!aFits || !bFits) ThrowTypeError(u"A value comparison of a number with a string.");
+    if (!aFits || !bFits)
+      ThrowTypeError(u"XPTY0004", u"A value comparison of a number with a string.");
     return {Item::OfBoolean(Relate(op, ToNumber(a), ToNumber(b)))};
   }
   if (a.type == ItemType::Boolean || b.type == ItemType::Boolean) {
     if (a.type != b.type && !leftUntyped && !rightUntyped) {
-      ThrowTypeError(u"A value comparison of a boolean with a string.");
+      ThrowTypeError(u"XPTY0004", u"A value comparison of a boolean with a string.");
     }
     return {Item::OfBoolean(Relate(op, ToBoolean(a), ToBoolean(b)))};
   }
@@ -699,8 +701,8 @@ double Arithmetic(Operator op, double a, double b) {
       return std::fmod(a, b);
     case Operator::IntegerDivide: {
       if (b == 0 || std::isnan(a) || std::isnan(b) || std::isinf(a)) {
-        ThrowTypeError(u"Integer division of " + NumberToString(a) + u" by " + NumberToString(b) +
-                       u" has no integer result.");
+        ThrowTypeError(u"FOAR0001", u"Integer division of " + NumberToString(a) + u" by " +
+                                        NumberToString(b) + u" has no integer result.");
       }
       return std::trunc(a / b);
     }
@@ -711,8 +713,8 @@ double Arithmetic(Operator op, double a, double b) {
 
 void CheckLength(std::size_t length) {
   if (length > MaxSequenceLength) {
-    ThrowTypeError(u"The expression builds a sequence of more than " +
-                   MessageText(std::to_string(MaxSequenceLength)) + u" items.");
+    ThrowTypeError(u"FOER0000", u"The expression builds a sequence of more than " +
+                                    MessageText(std::to_string(MaxSequenceLength)) + u" items.");
   }
 }
 
@@ -737,7 +739,7 @@ class Evaluation {
       case NodeKind::Variable:
         return variables_[static_cast<std::size_t>(op.slot)];
       case NodeKind::Context:
-        if (!focus.item) ThrowTypeError(u"There is no context item for '.'.");
+        if (!focus.item) ThrowTypeError(u"XPDY0002", u"There is no context item for '.'.");
         return {*focus.item};
       case NodeKind::Call:
         return Call(op, focus);
@@ -789,8 +791,9 @@ class Evaluation {
   }
 
   static DOMNode* ContextNodeOf(const Focus& focus) {
-    if (!focus.item) ThrowTypeError(u"A path needs a context node and there is none.");
-    if (!focus.item->IsNode()) ThrowTypeError(u"A path step's context item is not a node.");
+    if (!focus.item) ThrowTypeError(u"XPDY0002", u"A path needs a context node and there is none.");
+    if (!focus.item->IsNode())
+      ThrowTypeError(u"XPTY0020", u"A path step's context item is not a node.");
     return focus.item->node;
   }
 
@@ -909,7 +912,7 @@ class Evaluation {
           order_.Sort(next);
         } else if (!last || std::any_of(next.begin(), next.end(),
                                         [](const Item& item) { return item.IsNode(); })) {
-          ThrowTypeError(u"A path step gave values that are not nodes.");
+          ThrowTypeError(u"XPTY0018", u"A path step gave values that are not nodes.");
         }
         ordered = true;
         flat = false;
@@ -921,7 +924,8 @@ class Evaluation {
   }
 
   static void RequireNodes(const Sequence& sequence) {
-    if (!AllNodes(sequence)) ThrowTypeError(u"A path starts from values that are not nodes.");
+    if (!AllNodes(sequence))
+      ThrowTypeError(u"XPTY0019", u"A path starts from values that are not nodes.");
   }
 
   Sequence Binary(const Op& op, const Focus& focus) {
@@ -987,7 +991,7 @@ class Evaluation {
   Sequence NodeCompare(Operator op, const Sequence& left, const Sequence& right) {
     if (left.empty() || right.empty()) return {};
     if (left.size() != 1 || right.size() != 1 || !left[0].IsNode() || !right[0].IsNode()) {
-      ThrowTypeError(u"A node comparison needs a single node on each side.");
+      ThrowTypeError(u"XPTY0004", u"A node comparison needs a single node on each side.");
     }
     const DOMNode* a = left[0].node;
     const DOMNode* b = right[0].node;
@@ -999,11 +1003,12 @@ class Evaluation {
     if (left.empty() || right.empty()) return {};
     const double from = std::round(ToNumber(left));
     const double to = std::round(ToNumber(right));
-    if (std::isnan(from) || std::isnan(to)) ThrowTypeError(u"A range bound is not a number.");
+    if (std::isnan(from) || std::isnan(to))
+      ThrowTypeError(u"XPTY0004", u"A range bound is not a number.");
     // Beyond 2^53 doubles skip integers: such a range cannot be counted out one by one.
     constexpr double Exact = 9007199254740992.0;
     if (std::fabs(from) > Exact || std::fabs(to) > Exact) {
-      ThrowTypeError(u"A range bound is beyond the integers a number holds exactly.");
+      ThrowTypeError(u"FOAR0002", u"A range bound is beyond the integers a number holds exactly.");
     }
     if (from > to) return {};
     const double count = to - from + 1;
@@ -1018,7 +1023,7 @@ class Evaluation {
 
   Sequence Combine(Operator op, Sequence left, Sequence right) {
     if (!AllNodes(left) || !AllNodes(right)) {
-      ThrowTypeError(u"union, intersect and except take nodes only.");
+      ThrowTypeError(u"XPTY0004", u"union, intersect and except take nodes only.");
     }
     if (op == Operator::Union) {
       Append(left, std::move(right));
@@ -1096,7 +1101,7 @@ CompiledExpression::CompiledExpression(std::u16string_view text, const XPathVari
   try {
     tree_ = Parse(text, maxNestingDepth);
   } catch (const XPathSyntaxError& error) {
-    ThrowInvalidExpression(SyntaxMessage(error));
+    ThrowInvalidExpression(u"XPST0003", SyntaxMessage(error));
   }
   Binder binder(namespaces);
   bound_ = std::make_unique<Bound>();

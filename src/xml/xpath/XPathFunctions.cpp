@@ -81,7 +81,8 @@ DOMNode* NodeOrContext(FunctionContext& context, const Arguments& arguments,
   if (arguments[0].empty()) return nullptr;
   const Item& item = arguments[0].front();
   if (!item.IsNode()) {
-    ThrowTypeError(u"The argument of " + std::u16string(function) + u"() must be a node.");
+    ThrowTypeError(u"XPTY0004",
+                   u"The argument of " + std::u16string(function) + u"() must be a node.");
   }
   return item.node;
 }
@@ -257,8 +258,9 @@ uint32_t RegexFlags(std::u16string_view flags) {
         result |= UREGEX_COMMENTS;
         break;
       default:
-        ThrowInvalidExpression(u"Invalid regular expression flags \"" + std::u16string(flags) +
-                               u"\": only s, m, i and x are allowed.");
+        ThrowInvalidExpression(u"FORX0001", u"Invalid regular expression flags \"" +
+                                                std::u16string(flags) +
+                                                u"\": only s, m, i and x are allowed.");
     }
   }
   return result;
@@ -273,8 +275,8 @@ std::unique_ptr<icu::RegexPattern> CompilePattern(const std::u16string& pattern,
       icu::UnicodeString(pattern.data(), static_cast<int32_t>(pattern.size())), flagBits, where,
       status));
   if (U_FAILURE(status) || !compiled) {
-    ThrowInvalidExpression(u"Invalid regular expression \"" + pattern + u"\": " +
-                           MessageText(u_errorName(status)) + u".");
+    ThrowInvalidExpression(u"FORX0002", u"Invalid regular expression \"" + pattern + u"\": " +
+                                            MessageText(u_errorName(status)) + u".");
   }
   return compiled;
 }
@@ -289,8 +291,8 @@ void MakeRegex(Regex& regex, const std::u16string& pattern, std::u16string_view 
   // steps of ICU's match engine (on the order of a second) the match fails.
   if (regex.matcher) regex.matcher->setTimeLimit(RegexStepLimit, status);
   if (U_FAILURE(status) || !regex.matcher) {
-    ThrowInvalidExpression(u"Cannot match the regular expression \"" + pattern + u"\": " +
-                           MessageText(u_errorName(status)) + u".");
+    ThrowInvalidExpression(u"FORX0002", u"Cannot match the regular expression \"" + pattern +
+                                            u"\": " + MessageText(u_errorName(status)) + u".");
   }
 }
 
@@ -300,8 +302,9 @@ bool FindNext(Regex& regex, const std::u16string& pattern) {
   UErrorCode status = U_ZERO_ERROR;
   const bool found = regex.matcher->find(status);
   if (U_FAILURE(status)) {
-    ThrowInvalidExpression(u"The regular expression \"" + pattern + u"\" could not be matched: " +
-                           MessageText(u_errorName(status)) + u".");
+    ThrowInvalidExpression(u"FORX0002", u"The regular expression \"" + pattern +
+                                            u"\" could not be matched: " +
+                                            MessageText(u_errorName(status)) + u".");
   }
   return found;
 }
@@ -312,8 +315,9 @@ void RejectEmptyMatch(const Regex& regex, const std::u16string& pattern,
   const icu::UnicodeString empty;
   std::unique_ptr<icu::RegexMatcher> probe(regex.pattern->matcher(empty, status));
   if (U_SUCCESS(status) && probe && probe->matches(status) && U_SUCCESS(status)) {
-    ThrowInvalidExpression(u"The regular expression \"" + pattern + u"\" of " +
-                           std::u16string(function) + u"() matches the empty string.");
+    ThrowInvalidExpression(u"FORX0003", u"The regular expression \"" + pattern + u"\" of " +
+                                            std::u16string(function) +
+                                            u"() matches the empty string.");
   }
 }
 
@@ -692,8 +696,8 @@ Sequence CodepointsToString(FunctionContext&, Arguments& arguments) {
         (value == 0x9 || value == 0xA || value == 0xD || (value >= 0x20 && value <= 0xD7FF) ||
          (value >= 0xE000 && value <= 0xFFFD) || (value >= 0x10000 && value <= 0x10FFFF));
     if (!valid) {
-      ThrowInvalidExpression(u"codepoints-to-string(): " + ToString(item) +
-                             u" is not the code point of an XML character.");
+      ThrowInvalidExpression(u"FOCH0001", u"codepoints-to-string(): " + ToString(item) +
+                                              u" is not the code point of an XML character.");
     }
     AppendCodePoint(static_cast<char32_t>(value), out);
   }
@@ -730,8 +734,8 @@ Sequence NormalizeUnicode(FunctionContext&, Arguments& arguments) {
   } else if (form == u"NFKD") {
     normalizer = icu::Normalizer2::getNFKDInstance(status);
   } else {
-    ThrowInvalidExpression(u"normalize-unicode(): unsupported normalization form \"" + form +
-                           u"\".");
+    ThrowInvalidExpression(
+        u"FOCH0003", u"normalize-unicode(): unsupported normalization form \"" + form + u"\".");
   }
   icu::UnicodeString normalized;
   if (U_SUCCESS(status)) {
@@ -739,8 +743,8 @@ Sequence NormalizeUnicode(FunctionContext&, Arguments& arguments) {
         icu::UnicodeString(text.data(), static_cast<int32_t>(text.size())), status);
   }
   if (U_FAILURE(status)) {
-    ThrowInvalidExpression(u"normalize-unicode() failed: " + MessageText(u_errorName(status)) +
-                           u".");
+    ThrowInvalidExpression(
+        u"FOCH0003", u"normalize-unicode() failed: " + MessageText(u_errorName(status)) + u".");
   }
   return OneString(ToU16(normalized));
 }
@@ -819,8 +823,9 @@ void CheckReplacement(const std::u16string& replacement) {
     const char16_t next = i + 1 < replacement.size() ? replacement[i + 1] : u'\0';
     if ((c == u'\\' && next != u'\\' && next != u'$') ||
         (c == u'$' && (next < u'0' || next > u'9'))) {
-      ThrowInvalidExpression(u"Invalid replacement string \"" + replacement +
-                             u"\" in replace(): write \\$ for '$' and \\\\ for '\\'.");
+      ThrowInvalidExpression(u"FORX0004",
+                             u"Invalid replacement string \"" + replacement +
+                                 u"\" in replace(): write \\$ for '$' and \\\\ for '\\'.");
     }
     if (c == u'\\') ++i;
   }
@@ -979,21 +984,22 @@ Sequence Unordered(FunctionContext&, Arguments& arguments) {
 
 Sequence ZeroOrOne(FunctionContext&, Arguments& arguments) {
   if (arguments[0].size() > 1) {
-    ThrowTypeError(u"zero-or-one() was given a sequence of more than one item.");
+    ThrowTypeError(u"FORG0003", u"zero-or-one() was given a sequence of more than one item.");
   }
   return std::move(arguments[0]);
 }
 
 Sequence OneOrMore(FunctionContext&, Arguments& arguments) {
-  if (arguments[0].empty()) ThrowTypeError(u"one-or-more() was given an empty sequence.");
+  if (arguments[0].empty())
+    ThrowTypeError(u"FORG0004", u"one-or-more() was given an empty sequence.");
   return std::move(arguments[0]);
 }
 
 Sequence ExactlyOne(FunctionContext&, Arguments& arguments) {
   if (arguments[0].size() != 1) {
-    ThrowTypeError(u"exactly-one() was given a sequence of " +
-                   NumberToString(static_cast<double>(arguments[0].size())) +
-                   u" items instead of one.");
+    ThrowTypeError(u"FORG0005", u"exactly-one() was given a sequence of " +
+                                    NumberToString(static_cast<double>(arguments[0].size())) +
+                                    u" items instead of one.");
   }
   return std::move(arguments[0]);
 }
@@ -1026,7 +1032,11 @@ Sequence Error(FunctionContext&, Arguments& arguments) {
     message = u"Error " + ToString(arguments[0]) + u" raised by error().";
   }
   if (message.empty()) message = u"error() was called.";
-  ThrowInvalidExpression(std::move(message));
+  // The code is the first argument's local name (err:FOER0000 when none is given).
+  std::u16string code =
+      arguments.empty() || arguments[0].empty() ? u"FOER0000" : ToString(arguments[0]);
+  code = code.substr(code.find(u':') == std::u16string::npos ? 0 : code.find(u':') + 1);
+  ThrowInvalidExpression(code.empty() ? u"FOER0000" : code, std::move(message));
 }
 
 constexpr int Any = -1;
@@ -1099,8 +1109,8 @@ const FunctionDefinition Library[] = {
 constexpr std::u16string_view SchemaNamespace = u"http://www.w3.org/2001/XMLSchema";
 
 [[noreturn]] void ThrowCast(const Item& item, std::u16string_view type) {
-  ThrowTypeError(u"\"" + ToString(item) + u"\" cannot be cast to xs:" + std::u16string(type) +
-                 u".");
+  ThrowTypeError(u"FORG0001", u"\"" + ToString(item) + u"\" cannot be cast to xs:" +
+                                  std::u16string(type) + u".");
 }
 
 std::u16string Trimmed(const std::u16string& text) {
@@ -1113,7 +1123,8 @@ std::u16string Trimmed(const std::u16string& text) {
 const Item* CastSource(const Arguments& arguments, std::u16string_view type) {
   if (arguments[0].empty()) return nullptr;
   if (arguments[0].size() > 1) {
-    ThrowTypeError(u"xs:" + std::u16string(type) + u"() casts one item, not a sequence.");
+    ThrowTypeError(u"XPTY0004",
+                   u"xs:" + std::u16string(type) + u"() casts one item, not a sequence.");
   }
   return &arguments[0].front();
 }

@@ -39,12 +39,13 @@ XPathError::~XPathError() {
   msg = nullptr;
 }
 
-void ThrowInvalidExpression(std::u16string message) {
-  throw XPathError(xercesc::DOMXPathException::INVALID_EXPRESSION_ERR, std::move(message));
+void ThrowInvalidExpression(std::u16string_view code, std::u16string message) {
+  throw XPathError(xercesc::DOMXPathException::INVALID_EXPRESSION_ERR,
+                   std::u16string(code) + u": " + message);
 }
 
-void ThrowTypeError(std::u16string message) {
-  throw XPathError(xercesc::DOMXPathException::TYPE_ERR, std::move(message));
+void ThrowTypeError(std::u16string_view code, std::u16string message) {
+  throw XPathError(xercesc::DOMXPathException::TYPE_ERR, std::u16string(code) + u": " + message);
 }
 
 std::u16string MessageText(std::string_view utf8) {
@@ -281,9 +282,9 @@ bool EffectiveBoolean(const Sequence& sequence) {
   if (sequence.empty()) return false;
   if (sequence.front().IsNode()) return true;
   if (sequence.size() > 1) {
-    ThrowTypeError(
-        u"The effective boolean value of a sequence of several atomic values is not "
-        u"defined.");
+    ThrowTypeError(u"FORG0006",
+                   u"The effective boolean value of a sequence of several atomic values is not "
+                   u"defined.");
   }
   return ToBoolean(sequence.front());
 }

@@ -75,8 +75,10 @@ class XPathError : public xercesc::DOMXPathException {
   std::u16string message_;
 };
 
-[[noreturn]] void ThrowInvalidExpression(std::u16string message);
-[[noreturn]] void ThrowTypeError(std::u16string message);
+// The standard error code (XPST0003, XPTY0004, FORG0001, ...) leads the message, followed by
+// ": ", so that a host reads it from the recorded error message.
+[[noreturn]] void ThrowInvalidExpression(std::u16string_view code, std::u16string message);
+[[noreturn]] void ThrowTypeError(std::u16string_view code, std::u16string message);
 
 // ASCII or UTF-8 text for messages.
 std::u16string MessageText(std::string_view utf8);
