@@ -10,17 +10,6 @@ namespace Veskan {
 
 namespace Detail {
 
-std::string KernelName(const StringBuffer& name, bool allUsers) {
-  const std::string utf8 = name.ToUTF8();
-  return Sys::KernelObjectName(utf8,
-                               allUsers ? Sys::NameScope::AllUsers : Sys::NameScope::CurrentUser);
-}
-
-Sys::NameScope ScopeOf(const StringBuffer& name, bool allUsers) {
-  return Sys::ScopeOf(name.ToUTF8(),
-                      allUsers ? Sys::NameScope::AllUsers : Sys::NameScope::CurrentUser);
-}
-
 bool WaitForEvent(EventState& state, int timeoutMs, const std::atomic<bool>* stop) {
   using Clock = std::chrono::steady_clock;
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeoutMs < 0 ? 0 : timeoutMs);
@@ -74,8 +63,9 @@ void IPC::Open(bool mustCreate, bool signalled, bool manualReset, bool allUsers)
   int error = 0;
   bool made = true;
   region_ =
-      Sys::NamedRegion::Open(Detail::KernelName(name_, allUsers), sizeof(ObjectState), true, false,
-                             Detail::ScopeOf(name_, allUsers), error, [&](void* address) {
+      Sys::NamedRegion::Open(name_.ToUTF8(), sizeof(ObjectState), true, false,
+                             (allUsers ? Sys::NameScope::AllUsers : Sys::NameScope::CurrentUser),
+                             error, [&](void* address) {
                                auto* state = new (address) ObjectState();
                                state->kind = kind;
                                if (kind == ObjectState::MutexKind) {
@@ -178,8 +168,8 @@ int IPC::AtomicCompareExchange(int* value, int exchange, int comparand) {
 SharedMemory::SharedMemory(const StringBuffer& name, std::uint32_t size, bool readOnly, bool create)
     : name_(name), size_(size) {
   int error = 0;
-  region_ = Sys::NamedRegion::Open(Detail::KernelName(name, false), size, create, readOnly,
-                                   Detail::ScopeOf(name, false), error);
+  region_ = Sys::NamedRegion::Open(name.ToUTF8(), size, create, readOnly,
+                                   Sys::NameScope::CurrentUser, error);
 }
 
 SharedMemory::~SharedMemory() = default;

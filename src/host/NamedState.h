@@ -30,9 +30,6 @@ struct ObjectState {
   Sys::SharedMutex mutex;
 };
 
-// The system's name of the object `name`, in the user's or every user's scope.
-std::string KernelName(const StringBuffer& name, bool allUsers);
-Sys::NameScope ScopeOf(const StringBuffer& name, bool allUsers);
 // Waits up to `timeoutMs` (negative: no limit) for the event, resetting it when auto-reset; gives
 // up, false, once `stop` (when given) is set and the waiter is woken.
 bool WaitForEvent(EventState& state, int timeoutMs, const std::atomic<bool>* stop);

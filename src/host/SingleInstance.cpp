@@ -109,21 +109,14 @@ SingleInstanceCLI::SingleInstanceCLI(const StringBuffer& name, const StringBuffe
 }
 
 SingleInstanceCLI::SingleInstanceCLI(const StringBuffer& name, int argc, const wchar_t** argv) {
-  std::vector<std::u16string> arguments;
+  // wchar_t holds UTF-32 here.
+  static_assert(sizeof(wchar_t) == sizeof(UChar32), "wide characters are code points");
+  std::vector<StringBuffer> arguments;
   std::vector<const char16_t*> pointers;
-  for (int i = 0; i < argc; ++i) {
-    std::u16string argument;
-    for (const wchar_t* at = argv[i]; at && *at; ++at) {
-      const auto code = static_cast<char32_t>(*at);
-      if (code >= 0x10000) {
-        argument += static_cast<char16_t>(0xD800 + ((code - 0x10000) >> 10));
-        argument += static_cast<char16_t>(0xDC00 + ((code - 0x10000) & 0x3FF));
-      } else {
-        argument += static_cast<char16_t>(code);
-      }
-    }
-    arguments.push_back(std::move(argument));
-  }
+  for (int i = 0; i < argc; ++i)
+    arguments.emplace_back(
+        argv[i] ? icu::UnicodeString::fromUTF32(reinterpret_cast<const UChar32*>(argv[i]), -1)
+                : icu::UnicodeString());
   for (const auto& argument : arguments)
     pointers.push_back(argument.c_str());
   Initialize(name, JoinArguments(argc, pointers.data()));
@@ -152,12 +145,12 @@ void SingleInstanceCLI::Initialize(const StringBuffer& name, const StringBuffer&
                                            false, true);
   int error = 0;
   shared_ = std::make_unique<Shared>();
-  shared_->delivery = Sys::NamedRegion::Open(
-      Detail::KernelName(name + StringBuffer(u"#clilock"), false), sizeof(DeliveryState), true,
-      false, Detail::ScopeOf(name, false), error, [](void* address) {
-        auto* state = new (address) DeliveryState();
-        state->ready.store(Sys::InitializeSharedMutex(state->mutex) ? 1 : 0);
-      });
+  shared_->delivery =
+      Sys::NamedRegion::Open((name + StringBuffer(u"#clilock")).ToUTF8(), sizeof(DeliveryState),
+                             true, false, Sys::NameScope::CurrentUser, error, [](void* address) {
+                               auto* state = new (address) DeliveryState();
+                               state->ready.store(Sys::InitializeSharedMutex(state->mutex) ? 1 : 0);
+                             });
   if (!region_->IsValid() || !shared_->delivery || shared_->State().ready.load() != 1) {
     region_.reset();
     return;
@@ -279,9 +272,8 @@ LimitSingleInstance::~LimitSingleInstance() = default;
 
 bool LimitSingleInstance::BringToFront(std::intptr_t wParam, std::intptr_t lParam) {
   int error = 0;
-  auto region =
-      Sys::NamedRegion::Open(Detail::KernelName(FrontName(name_), false), sizeof(Front::State),
-                             false, false, Detail::ScopeOf(name_, false), error);
+  auto region = Sys::NamedRegion::Open(FrontName(name_).ToUTF8(), sizeof(Front::State), false,
+                                       false, Sys::NameScope::CurrentUser, error);
   if (!region) return false;
   auto& values = *static_cast<Front::State*>(region->Address());
   if (values.listening.load() == 0) return false;
@@ -297,9 +289,9 @@ void LimitSingleInstance::OnBringToFront(
   front_.reset();
   auto front = std::make_unique<Front>();
   int error = 0;
-  front->region = Sys::NamedRegion::Open(
-      Detail::KernelName(FrontName(name_), false), sizeof(Front::State), true, false,
-      Detail::ScopeOf(name_, false), error, [](void* address) { new (address) Front::State(); });
+  front->region = Sys::NamedRegion::Open(FrontName(name_).ToUTF8(), sizeof(Front::State), true,
+                                         false, Sys::NameScope::CurrentUser, error,
+                                         [](void* address) { new (address) Front::State(); });
   front->event =
       std::make_unique<IPC>(FrontName(name_) + StringBuffer(u"event"), IPC::Event, false, false);
   if (!front->region || !front->event->IsValid()) return;

@@ -161,14 +161,13 @@ struct SuiteFeatures::State {
   // The matrix and the mode `mode` stands for (CurrentMode: the current one), seen together.
   View See(int mode) {
     std::lock_guard<std::mutex> lock(mutex);
-    if (mode == CurrentMode) {
-      if (readFromSettings) {
-        currentMode = ReadMode();
-        Rebuild();
-      }
-      mode = currentMode;
+    if (mode == CurrentMode && readFromSettings) {
+      currentMode = ReadMode();
+      Rebuild();
+    } else if (!matrix) {
+      Rebuild();  // built on first use, once
     }
-    return {matrix, mode};
+    return {matrix, mode == CurrentMode ? currentMode : mode};
   }
 
   std::shared_ptr<const icu::RegexPattern> OutsideClass(const StringBuffer& characterClass) {
@@ -268,10 +267,7 @@ SuiteFeatures& SuiteFeatures::GetInstance() {
   return instance;
 }
 
-SuiteFeatures::SuiteFeatures() : state_(std::make_unique<State>()) {
-  std::lock_guard<std::mutex> lock(state_->mutex);
-  state_->Rebuild();
-}
+SuiteFeatures::SuiteFeatures() : state_(std::make_unique<State>()) {}
 
 SuiteFeatures::~SuiteFeatures() = default;
 

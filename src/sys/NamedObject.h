@@ -33,15 +33,16 @@ NameScope ScopeOf(const std::string& utf8Name, NameScope scope);
 // (zeroed) even when a crashed process left its file behind.
 class NamedRegion {
  public:
-  // Opens the region `posixName` (from KernelObjectName) of `size` bytes. With `create` it is
-  // made when no process has it, else only a live region is opened. Null with the system's error
+  // Opens the region of the kernel-object name `objectName` (UTF-8: its system name and scope as
+  // KernelObjectName and ScopeOf give them) of `size` bytes. With `create` it is made when no
+  // process has it, else only a live region is opened. Null with the system's error
   // number in `error` on failure (ENOENT: no live region; EINVAL: a live region smaller than
   // `size`).
-  static std::unique_ptr<NamedRegion> Open(const std::string& posixName, std::size_t size,
+  static std::unique_ptr<NamedRegion> Open(const std::string& objectName, std::size_t size,
                                            bool create, bool readOnly, NameScope scope, int& error);
   // Runs `initialize(address)` on a region this call made, before any other process can open it.
   template <typename Initialize>
-  static std::unique_ptr<NamedRegion> Open(const std::string& posixName, std::size_t size,
+  static std::unique_ptr<NamedRegion> Open(const std::string& objectName, std::size_t size,
                                            bool create, bool readOnly, NameScope scope, int& error,
                                            Initialize&& initialize);
   NamedRegion(const NamedRegion&) = delete;
@@ -56,7 +57,7 @@ class NamedRegion {
  private:
   NamedRegion() = default;
   // The steps of Open; `initialize` runs while the name's guard is held.
-  static std::unique_ptr<NamedRegion> OpenGuarded(const std::string& posixName, std::size_t size,
+  static std::unique_ptr<NamedRegion> OpenGuarded(const std::string& objectName, std::size_t size,
                                                   bool create, bool readOnly, NameScope scope,
                                                   int& error, void (*initialize)(void*, void*),
                                                   void* context);
@@ -69,11 +70,11 @@ class NamedRegion {
 };
 
 template <typename Initialize>
-std::unique_ptr<NamedRegion> NamedRegion::Open(const std::string& posixName, std::size_t size,
+std::unique_ptr<NamedRegion> NamedRegion::Open(const std::string& objectName, std::size_t size,
                                                bool create, bool readOnly, NameScope scope,
                                                int& error, Initialize&& initialize) {
   return OpenGuarded(
-      posixName, size, create, readOnly, scope, error,
+      objectName, size, create, readOnly, scope, error,
       [](void* address, void* context) { (*static_cast<Initialize*>(context))(address); },
       &initialize);
 }

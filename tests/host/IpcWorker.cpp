@@ -78,7 +78,7 @@ int main(int argc, char** argv) {
     // The lock is the first thing in the delivery region, the spin lock the first word of the
     // command-line region.
     int error = 0;
-    auto lock = Sys::NamedRegion::Open(Detail::KernelName(name + StringBuffer(u"#clilock"), false),
+    auto lock = Sys::NamedRegion::Open((name + StringBuffer(u"#clilock")).ToUTF8(),
                                        sizeof(Sys::SharedMutex), false, false,
                                        Sys::NameScope::CurrentUser, error);
     SharedMemory region(name + StringBuffer(u"#clidata"), 2016, false, false);

@@ -115,12 +115,14 @@ std::string KernelObjectName(const std::string& utf8Name, NameScope scope) {
   return path;
 }
 
-std::unique_ptr<NamedRegion> NamedRegion::OpenGuarded(const std::string& posixName,
+std::unique_ptr<NamedRegion> NamedRegion::OpenGuarded(const std::string& objectName,
                                                       std::size_t size, bool create, bool readOnly,
-                                                      NameScope scope, int& error,
+                                                      NameScope requested, int& error,
                                                       void (*initialize)(void*, void*),
                                                       void* context) {
   error = 0;
+  const std::string posixName = KernelObjectName(objectName, requested);
+  const NameScope scope = ScopeOf(objectName, requested);
   // The guard orders openers of one name: whether the region is live, and making it anew, are
   // decided by one process at a time. Its lock goes with the process, like every lock here.
   // A reader that may not write the guard still opens live regions.
@@ -180,10 +182,10 @@ std::unique_ptr<NamedRegion> NamedRegion::OpenGuarded(const std::string& posixNa
   return opened;
 }
 
-std::unique_ptr<NamedRegion> NamedRegion::Open(const std::string& posixName, std::size_t size,
+std::unique_ptr<NamedRegion> NamedRegion::Open(const std::string& objectName, std::size_t size,
                                                bool create, bool readOnly, NameScope scope,
                                                int& error) {
-  return OpenGuarded(posixName, size, create, readOnly, scope, error, nullptr, nullptr);
+  return OpenGuarded(objectName, size, create, readOnly, scope, error, nullptr, nullptr);
 }
 
 NamedRegion::~NamedRegion() {
