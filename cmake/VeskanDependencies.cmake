@@ -9,6 +9,8 @@ pkg_check_modules(XercesC REQUIRED IMPORTED_TARGET xerces-c)
 # librdf, and the two libraries under it that the RDF classes call directly (rasqal's messages
 # go to the library's log; raptor's terms are librdf's nodes).
 pkg_check_modules(Redland REQUIRED IMPORTED_TARGET redland rasqal raptor2)
+# The XPath engine's exact xs:decimal and xs:integer arithmetic (C++ bindings and the C library).
+pkg_check_modules(GMP REQUIRED IMPORTED_TARGET gmpxx gmp)
 find_package(CURL 7.86 REQUIRED)
 # The settings store: one database per hive.
 find_package(SQLite3 3.31 REQUIRED)

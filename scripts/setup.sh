@@ -10,7 +10,7 @@ packages=(
   # library dependencies
   libicu-dev libxerces-c-dev librdf0-dev libraptor2-dev librasqal3-dev libssl-dev zlib1g-dev
   libboost-dev libboost-thread-dev libboost-filesystem-dev libboost-date-time-dev
-  libcrypto++-dev libtinyxml-dev libcurl4-gnutls-dev libsqlite3-dev
+  libcrypto++-dev libtinyxml-dev libcurl4-gnutls-dev libsqlite3-dev libgmp-dev
   # tests, benchmarks, fuzzing, sanitizers, formatting
   libgtest-dev libgmock-dev libbenchmark-dev clang libclang-rt-14-dev libfuzzer-14-dev clang-format
   # load tests and browser tests; the TLS tests' peer (openssl s_client)

@@ -94,24 +94,13 @@ Fixture& Documents() {
 std::u16string Render(const Sequence& sequence) {
   std::u16string out;
   for (const Item& item : sequence) {
-    switch (item.type) {
-      case ItemType::Node:
-        out += u'N';
-        out += MessageText(std::to_string(reinterpret_cast<std::uintptr_t>(item.node)));
-        break;
-      case ItemType::String:
-        out += u'S';
-        out += MessageText(std::to_string(item.string.size()));
-        out += u':';
-        out += item.string;
-        break;
-      case ItemType::Number:
-        out += u'D';
-        out += NumberToString(item.number);
-        break;
-      case ItemType::Boolean:
-        out += item.boolean ? u"T" : u"F";
-        break;
+    if (item.IsNode()) {
+      out += u'N';
+      out += MessageText(std::to_string(reinterpret_cast<std::uintptr_t>(item.node)));
+    } else {
+      out += TypeLabel(item);
+      out += u':';
+      out += ToString(item);
     }
     out += u';';
   }

@@ -160,7 +160,7 @@ TEST_F(XPathEvaluatorTest, SequencesComparisonsAndBindings) {
       {u"//q[1] >> //q[2]", "false"},
       {u"//q[1]/@id << //q[1]/t", "true"},
       {u"//q[1] is ()", ""},
-      {u"//q[1]/@points eq 3", "true"},
+      {u"//q[1]/@points eq '3'", "true"},
       {u"'abc' lt 'abd'", "true"},
       {u"() eq 1", ""},
       {u"(//a | //t) except //a[@ok]", "t(Paris), a(B), t(Lyon), a(C)"},
@@ -176,8 +176,8 @@ TEST_F(XPathEvaluatorTest, SequencesComparisonsAndBindings) {
       {u"(1, 2) != (1, 2)", "true"},
       {u"//q/@points = 5", "true"},
       {u"//q/@points < //q/@id", "false"},
-      {u"true() = 'x'", "true"},
-      {u"//nothing = false()", "true"},
+      {u"true() = xs:untypedAtomic('1')", "true"},
+      {u"//nothing = false()", "false"},
       {u"fn:count(//q)", "2"},
   };
   for (const auto& [expression, expected] : cases) {
@@ -188,14 +188,14 @@ TEST_F(XPathEvaluatorTest, SequencesComparisonsAndBindings) {
 TEST_F(XPathEvaluatorTest, FunctionsAndCastsInExpressions) {
   const std::pair<const char16_t*, const char*> cases[] = {
       {u"string-join(for $a in //a return string($a), '-')", "A-B-C-D"},
-      {u"upper-case(//t[1])", "PARIS"},
+      {u"upper-case((//t)[1])", "PARIS"},
       {u"tokenize('a,b,,c', ',')", "a, b, , c"},
       {u"replace('2026-11-22', '(\\d+)-(\\d+)-(\\d+)', '$3.$2.$1')", "22.11.2026"},
       {u"index-of((1, 2, 1), 1)", "1, 3"},
       {u"reverse(1 to 3)", "3, 2, 1"},
       {u"subsequence(//a, 2, 2)", "a(B), a(C)"},
       {u"exists(//z), empty(//z)", "false, true"},
-      {u"ends-with((//t)[2], 'on'), matches(//t[1], '^p', 'i')", "true, true"},
+      {u"ends-with((//t)[2], 'on'), matches((//t)[1], '^p', 'i')", "true, true"},
       {u"count(distinct-values(//q/@points)), avg(//q/@points), max(//q/@points)", "2, 4, 5"},
       {u"fn:sum(//q/@points) div count(//q)", "4"},
       {u"xs:integer('42') + 1, xs:integer(3.7), xs:double(' 1e3 '), xs:string(1.5)",
@@ -205,10 +205,9 @@ TEST_F(XPathEvaluatorTest, FunctionsAndCastsInExpressions) {
   for (const auto& [expression, expected] : cases) {
     EXPECT_EQ(Eval(expression), expected) << Utf8(expression);
   }
-  EXPECT_EQ(Error(u"xs:integer('4.2')"), "52: FORG0001: \"4.2\" cannot be cast to xs:integer.");
-  EXPECT_EQ(Error(u"xs:decimal('1e3')"), "52: FORG0001: \"1e3\" cannot be cast to xs:decimal.");
-  EXPECT_EQ(Error(u"xs:boolean('yes')"), "52: FORG0001: \"yes\" cannot be cast to xs:boolean.");
-  EXPECT_EQ(Error(u"xs:date('2026-11-22')"), "51: XPST0017: The function xs:date() is not known.");
+  EXPECT_EQ(Error(u"xs:integer('4.2')"), "52: FORG0001: \"4.2\" is not a valid xs:integer.");
+  EXPECT_EQ(Error(u"xs:boolean('yes')"), "52: FORG0001: \"yes\" is not a valid xs:boolean.");
+  EXPECT_EQ(Error(u"xs:nosuch('1')"), "51: XPST0017: The function xs:nosuch() is not known.");
 }
 
 TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
@@ -220,8 +219,8 @@ TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
       {u"count()", "51: XPST0017: The function count() does not take 0 arguments."},
       {u"$undefined", "51: XPST0008: The variable $undefined is not defined."},
       {u"//q eq 1", "52: XPTY0004: The operand of a value comparison must be a single item"},
-      {u"'a' eq 1", "52: XPTY0004: A value comparison of a number with a string."},
-      {u"1 idiv 0", "52: FOAR0001: Integer division of 1 by 0"},
+      {u"'a' eq 1", "52: XPTY0004: Comparison is not defined for xs:string and xs:integer."},
+      {u"1 idiv 0", "52: FOAR0001: Division of 1 by zero."},
       {u"(1, 2)/a", "52: XPTY0019: A path starts from values that are not nodes."},
       {u"//q/(1)/a", "52: XPTY0018: A path step gave values that are not nodes."},
       {u"1 | 2", "52: XPTY0004: union, intersect and except take nodes only."},
@@ -229,11 +228,12 @@ TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
       {u"if ((1, 2)) then 1 else 0", "52: FORG0006: "},
       {u"1 to 5000000",
        "52: FOER0000: The expression builds a sequence of more than 4194304 items."},
-      {u"count(9007199254740993 to 9007199254740994)", "52: FOAR0002: A range bound is beyond"},
-      {u"count(9007199254740992 to 9007199254740992)", "no error"},
+      {u"count(9223372036854775807 to 9223372036854775808)",
+       "52: FOAR0002: A range bound is beyond"},
+      {u"count(9007199254740993 to 9007199254740994)", "no error"},
       // Catastrophic backtracking ends at the match engine's step limit.
       {u"matches('aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa!', '^(a+)+$')",
-       "51: FORX0002: The regular expression \"^(a+)+$\" could not be matched: U_REGEX_TIME_OUT."},
+       "52: FORX0002: The regular expression \"^(a+)+$\" could not be matched: U_REGEX_TIME_OUT."},
   };
   for (const auto& [expression, expected] : cases) {
     const std::string error = Error(expression);
@@ -262,7 +262,9 @@ TEST_F(XPathEvaluatorTest, HostileExpressionsEndInErrorsNotCrashes) {
 
   const std::u16string huge = u"1" + std::u16string(400, u'0');
   EXPECT_EQ(Eval((huge + u" > 1").c_str()), "true");
-  EXPECT_EQ(Eval((u"-" + huge + u" * " + huge).c_str()), "-Infinity");
+  // Integers are exact however long: the product has 801 digits.
+  EXPECT_EQ(Eval((u"-" + huge + u" * " + huge).c_str()), "-1" + std::string(800, '0'));
+  EXPECT_EQ(Eval((u"-" + huge + u"e0 * " + huge).c_str()), "-INF");
   EXPECT_EQ(Eval(u"0.0000000000000000000000000000000000000000000001 > 0"), "true");
 }
 

@@ -144,14 +144,6 @@ void DocumentOrder::Sort(Sequence& items) {
     items[i] = Item::OfNode(keyed[i].second);
 }
 
-DOMNode* FunctionContext::ContextNode() const {
-  if (!item_ || !item_->IsNode()) {
-    if (item_) ThrowTypeError(u"XPTY0004", u"The context item is not a node.");
-    ThrowTypeError(u"XPDY0002", u"There is no context item.");
-  }
-  return item_->node;
-}
-
 }  // namespace XPath
 }  // namespace Detail
 }  // namespace Veskan

@@ -2,6 +2,7 @@
 // rewrites that keep common paths cheap) and evaluation over the Xerces DOM.
 #include "xml/xpath/XPathEvaluator.h"
 
+#include "xml/xpath/XPathCalendar.h"
 #include "xml/xpath/XPathNodes.h"
 
 #include <xercesc/dom/DOMAttr.hpp>
@@ -10,7 +11,9 @@
 #include <xercesc/dom/DOMNamedNodeMap.hpp>
 
 #include <algorithm>
+#include <chrono>
 #include <cmath>
+#include <ctime>
 #include <limits>
 #include <string>
 #include <unordered_set>
@@ -46,6 +49,10 @@ struct Op {
   std::u16string uri;  // of a name test, resolved
   const Node* source = nullptr;
   const FunctionDefinition* function = nullptr;
+  Item constant;                          // a literal's value
+  Type atomicType = Type::AnyAtomicType;  // of a cast, a constructor call or an atomic test
+  const SequenceType* sequenceType = nullptr;
+  std::shared_ptr<Op> elementTest;  // of document-node(element(...))
   int slot = -1;  // of a variable reference or of the variable a binding expression binds
   bool absolute = false;
   PredicateKind predicateKind = PredicateKind::General;
@@ -122,7 +129,8 @@ bool UsesFocusSize(const Op& op) {
 }
 
 PredicateKind Classify(const Op& predicate) {
-  if (predicate.kind == NodeKind::Number) return PredicateKind::Constant;
+  if (predicate.kind == NodeKind::Number && predicate.source->numberForm == NumberForm::Integer)
+    return PredicateKind::Constant;
   if (UsesFocusSize(predicate)) return PredicateKind::General;
   switch (predicate.kind) {
     case NodeKind::Path:
@@ -144,9 +152,33 @@ PredicateKind Classify(const Op& predicate) {
   }
 }
 
+// The sequence type of a constructor function's result: one atomic value or none.
+const SequenceType OptionalAtomic = [] {
+  SequenceType type;
+  type.item = SequenceType::Item::Atomic;
+  type.occurrence = Occurrence::ZeroOrOne;
+  return type;
+}();
+
 class Binder {
  public:
-  explicit Binder(const XPathVariables& namespaces) : namespaces_(namespaces) {}
+  // The external variables take the first slots, in order.
+  Binder(const XPathVariables& namespaces, const std::vector<std::u16string>& externals)
+      : namespaces_(namespaces) {
+    for (const std::u16string& name : externals) {
+      const std::size_t colon = name.find(u':');
+      QName qname;
+      if (colon == std::u16string::npos) {
+        qname.local = name;
+      } else {
+        qname.prefix = name.substr(0, colon);
+        qname.local = name.substr(colon + 1);
+      }
+      externals_.push_back(std::move(qname));
+    }
+    for (const QName& name : externals_)
+      scope_.push_back({&name, slots_++});
+  }
 
   Op Bind(const Node& node, int depth) {
     if (depth > MaxEvaluationDepth) {
@@ -160,14 +192,31 @@ class Binder {
     op.source = &node;
     op.absolute = node.absolute;
     switch (node.kind) {
+      case NodeKind::Literal:
+        op.constant = Item::OfString(node.text);
+        break;
+      case NodeKind::Number:
+        op.constant = NumberConstant(node);
+        break;
       case NodeKind::Step:
-        BindTest(node, op);
+        BindTest(node.test, node.axis, node.offset, op);
         break;
       case NodeKind::Variable:
         op.slot = Lookup(node);
         break;
       case NodeKind::Call:
+        if (BindConstructor(node, op)) break;
         op.function = BindFunction(node);
+        break;
+      case NodeKind::CastAs:
+      case NodeKind::CastableAs:
+        op.sequenceType = &node.type;
+        op.atomicType = CastTarget(node.type.atomicType, node.offset);
+        break;
+      case NodeKind::InstanceOf:
+      case NodeKind::TreatAs:
+        op.sequenceType = &node.type;
+        BindSequenceType(node.type, node.offset, op);
         break;
       case NodeKind::For:
       case NodeKind::Some:
@@ -255,16 +304,107 @@ class Binder {
     return std::u16string(namespaces_[prefix.c_str()]);
   }
 
-  void BindTest(const Node& node, Op& op) {
-    const NodeTest& test = node.test;
-    if ((test.kind == TestKind::Name || test.kind == TestKind::AnyLocalName) &&
-        !test.name.prefix.empty()) {
-      op.uri = Resolve(test.name.prefix, node.offset);
-    } else if (test.kind == TestKind::Name && node.axis != Axis::Attribute &&
-               node.axis != Axis::Namespace && namespaces_.Contains(u"")) {
+  // Resolves the names of a node test: `op.uri` for the element or attribute name, and checks
+  // the type name of element(N, T) and attribute(N, T).
+  void BindTest(const NodeTest& test, Axis axis, std::size_t offset, Op& op) {
+    const bool attributeName = axis == Axis::Attribute || axis == Axis::Namespace ||
+                               test.kind == TestKind::Attribute ||
+                               test.kind == TestKind::SchemaAttribute;
+    const bool named =
+        test.kind == TestKind::Name || test.kind == TestKind::AnyLocalName ||
+        ((test.kind == TestKind::Element || test.kind == TestKind::Attribute) && test.hasName) ||
+        test.kind == TestKind::SchemaElement || test.kind == TestKind::SchemaAttribute;
+    if (named && !test.name.prefix.empty()) {
+      op.uri = Resolve(test.name.prefix, offset);
+    } else if (named && test.kind != TestKind::AnyLocalName && !attributeName &&
+               namespaces_.Contains(u"")) {
       // The table's empty prefix names the default element namespace; attributes keep none.
       op.uri = std::u16string(namespaces_[u""]);
     }
+    if (test.kind == TestKind::SchemaElement || test.kind == TestKind::SchemaAttribute) {
+      // No schema is imported: no declaration of that name exists.
+      ThrowInvalidExpression(u"XPST0008", u"No schema declares " + test.name.local + u".");
+    }
+    if (test.hasType) op.atomicType = SchemaType(test.typeName, offset, false);
+    if (test.kind == TestKind::DocumentNode && test.element) {
+      op.elementTest = std::make_shared<Op>();
+      op.elementTest->test = test.element.get();
+      BindTest(*test.element, Axis::Child, offset, *op.elementTest);
+    }
+  }
+
+  // A type name of the schema namespace; XPST0051 for any other name (no schema is imported).
+  Type SchemaType(const QName& name, std::size_t offset, bool atomicOnly) {
+    std::u16string uri;
+    if (!name.prefix.empty()) {
+      uri = Resolve(name.prefix, offset);
+    } else if (namespaces_.Contains(u"")) {
+      uri = std::u16string(namespaces_[u""]);
+    }
+    const std::optional<Type> type =
+        uri == SchemaNamespace ? TypeNamed(name.local) : std::optional<Type>();
+    if (!type || (atomicOnly && !IsAtomic(*type) && *type != Type::AnyAtomicType)) {
+      ThrowInvalidExpression(u"XPST0051", u"The type " + Spelled(name) + u" is not known.");
+    }
+    return *type;
+  }
+
+  Type CastTarget(const QName& name, std::size_t offset) {
+    const Type type = SchemaType(name, offset, false);
+    if (type == Type::Notation || type == Type::AnyAtomicType) {
+      ThrowInvalidExpression(u"XPST0080", u"Nothing can be cast to " + Spelled(name) + u".");
+    }
+    if (!IsAtomic(type)) {
+      ThrowInvalidExpression(u"XPST0051", u"The type " + Spelled(name) + u" is not atomic.");
+    }
+    return type;
+  }
+
+  void BindSequenceType(const SequenceType& type, std::size_t offset, Op& op) {
+    if (type.item == SequenceType::Item::Atomic) {
+      op.atomicType = SchemaType(type.atomicType, offset, true);
+    } else if (type.item == SequenceType::Item::Kind) {
+      op.test = &type.test;
+      BindTest(type.test, Axis::Child, offset, op);
+    }
+  }
+
+  // xs:T(value) is `value cast as xs:T?`.
+  bool BindConstructor(const Node& node, Op& op) {
+    if (node.name.prefix.empty()) return false;
+    if (Resolve(node.name.prefix, node.offset) != SchemaNamespace) return false;
+    if (node.children.size() != 1) {
+      ThrowInvalidExpression(u"XPST0017", u"The constructor function " + Spelled(node.name) +
+                                              u"() takes one argument.");
+    }
+    const std::optional<Type> type = TypeNamed(node.name.local);
+    if (!type || !IsAtomic(*type) || *type == Type::Notation) {
+      ThrowInvalidExpression(u"XPST0017",
+                             u"The function " + Spelled(node.name) + u"() is not known.");
+    }
+    op.kind = NodeKind::CastAs;
+    op.atomicType = *type;
+    op.sequenceType = &OptionalAtomic;
+    return true;
+  }
+
+  static Item NumberConstant(const Node& node) {
+    std::u16string_view text = node.text;
+    switch (node.numberForm) {
+      case NumberForm::Integer:
+        if (auto value = Decimal::ParseInteger(text)) return Item::OfDecimal(*value, Type::Integer);
+        break;
+      case NumberForm::Decimal:
+        if (auto value = Decimal::ParseDecimal(text)) return Item::OfDecimal(*value);
+        break;
+      case NumberForm::Double:
+        break;
+    }
+    return Item::OfDouble(node.number);
+  }
+
+  static std::u16string Spelled(const QName& name) {
+    return name.prefix.empty() ? name.local : name.prefix + u":" + name.local;
   }
 
   int Lookup(const Node& node) {
@@ -296,6 +436,7 @@ class Binder {
   }
 
   const XPathVariables& namespaces_;
+  std::vector<QName> externals_;
   std::vector<Binding> scope_;
   int slots_ = 0;
 };
@@ -307,16 +448,33 @@ std::u16string_view LocalNameOf(const DOMNode* node) {
   return View(local ? local : node->getNodeName());
 }
 
-// The node test of a step, for nodes of the axis's principal kind or any kind.
+bool IsElement(const DOMNode* node) {
+  return node->getNodeType() == DOMNode::ELEMENT_NODE;
+}
+
+bool IsAttribute(const DOMNode* node) {
+  return node->getNodeType() == DOMNode::ATTRIBUTE_NODE && !IsNamespaceDeclaration(node);
+}
+
+// Whether an untyped node satisfies the type name of element(N, T) or attribute(N, T): elements
+// are annotated xs:untyped, attributes xs:untypedAtomic.
+bool TypeAnnotationMatches(const NodeTest& test, Type expected, bool element) {
+  if (!test.hasType) return true;
+  return DerivesFrom(element ? Type::Untyped : Type::UntypedAtomic, expected);
+}
+
+// The node test of a step (or of a sequence type's kind test), for nodes of the axis's
+// principal kind or any kind.
 class Matcher {
  public:
-  Matcher(const Op& step)
+  explicit Matcher(const Op& step)
       : test_(*step.test),
         principal_(step.axis == Axis::Attribute || step.axis == Axis::Namespace
                        ? DOMNode::ATTRIBUTE_NODE
                        : DOMNode::ELEMENT_NODE),
         namespaceAxis_(step.axis == Axis::Namespace),
-        uri_(step.uri) {}
+        uri_(step.uri),
+        step_(step) {}
 
   bool operator()(const DOMNode* node) const {
     const DOMNode::NodeType type = node->getNodeType();
@@ -330,6 +488,16 @@ class Matcher {
       case TestKind::ProcessingInstruction:
         return type == DOMNode::PROCESSING_INSTRUCTION_NODE &&
                (!test_.hasTarget || View(node->getNodeName()) == test_.target);
+      case TestKind::Element:
+      case TestKind::SchemaElement:
+        return IsElement(node) && NameMatches(node) &&
+               TypeAnnotationMatches(test_, step_.atomicType, true);
+      case TestKind::Attribute:
+      case TestKind::SchemaAttribute:
+        return IsAttribute(node) && NameMatches(node) &&
+               TypeAnnotationMatches(test_, step_.atomicType, false);
+      case TestKind::DocumentNode:
+        return type == DOMNode::DOCUMENT_NODE && DocumentElementMatches(node);
       default:
         break;
     }
@@ -357,10 +525,31 @@ class Matcher {
   }
 
  private:
+  bool NameMatches(const DOMNode* node) const {
+    if (!test_.hasName && test_.kind != TestKind::SchemaElement &&
+        test_.kind != TestKind::SchemaAttribute) {
+      return true;
+    }
+    return LocalNameOf(node) == test_.name.local && View(node->getNamespaceURI()) == uri_;
+  }
+
+  // document-node(element(...)): exactly one element child, which the inner test accepts.
+  bool DocumentElementMatches(const DOMNode* document) const {
+    if (!step_.elementTest) return true;
+    const DOMNode* element = nullptr;
+    for (const DOMNode* child = document->getFirstChild(); child; child = child->getNextSibling()) {
+      if (!IsElement(child)) continue;
+      if (element) return false;
+      element = child;
+    }
+    return element && Matcher(*step_.elementTest)(element);
+  }
+
   const NodeTest& test_;
   DOMNode::NodeType principal_;
   bool namespaceAxis_;
   const std::u16string& uri_;
+  const Op& step_;
 };
 
 bool IsReverse(Axis axis) {
@@ -513,202 +702,104 @@ DOMNode* RootOf(DOMNode* node) {
   return node;
 }
 
-// ---- Comparisons
+// ---- Comparisons and arithmetic
 
 bool AllNodes(const Sequence& sequence) {
   return std::all_of(sequence.begin(), sequence.end(), [](const Item& i) { return i.IsNode(); });
 }
 
-bool IsNumeric(const Item& item) {
-  return item.type == ItemType::Number;
+bool IsStringLike(Type type) {
+  return IsStringType(type) || type == Type::AnyUri || type == Type::UntypedAtomic;
 }
 
-template <typename T>
-bool Relate(Operator op, const T& a, const T& b) {
+bool RelateOrder(Operator op, int order) {
   switch (op) {
     case Operator::GeneralEqual:
-    case Operator::ValueEqual:
-      return a == b;
+      return order == 0;
     case Operator::GeneralNotEqual:
-    case Operator::ValueNotEqual:
-      return a != b;
+      return order != 0;
     case Operator::GeneralLess:
-    case Operator::ValueLess:
-      return a < b;
+      return order < 0;
     case Operator::GeneralLessEqual:
-    case Operator::ValueLessEqual:
-      return a <= b;
+      return order <= 0;
     case Operator::GeneralGreater:
-    case Operator::ValueGreater:
-      return a > b;
-    case Operator::GeneralGreaterEqual:
-    case Operator::ValueGreaterEqual:
-      return a >= b;
+      return order > 0;
     default:
-      return false;
+      return order >= 0;
   }
 }
 
-bool IsEquality(Operator op) {
-  return op == Operator::GeneralEqual || op == Operator::GeneralNotEqual;
-}
-
-// The text of an item for comparing: a node's string-value into `buffer`, or the item's text.
-const std::u16string& TextOf(const Item& item, std::u16string& buffer) {
-  if (item.type == ItemType::String) return item.string;
-  buffer.clear();
-  if (item.IsNode()) {
-    AppendStringValue(item.node, buffer);
-  } else {
-    buffer = ToString(item);
-  }
-  return buffer;
-}
-
-// Two items of general comparison, by the XPath 1.0 rules: booleans compare as booleans, else
-// a number makes both numbers, else both compare as strings; <, <=, >, >= always compare
-// numbers.
-bool CompareItems(Operator op, const Item& a, const Item& b, std::u16string& bufferA,
-                  std::u16string& bufferB) {
-  if (IsEquality(op)) {
-    if (a.type == ItemType::Boolean || b.type == ItemType::Boolean) {
-      return Relate(op, ToBoolean(a), ToBoolean(b));
-    }
-    if (IsNumeric(a) || IsNumeric(b)) return Relate(op, ToNumber(a), ToNumber(b));
-    return Relate(op, TextOf(a, bufferA), TextOf(b, bufferB));
-  }
-  const double x = a.IsNode() ? StringToNumber(TextOf(a, bufferA)) : ToNumber(a);
-  const double y = b.IsNode() ? StringToNumber(TextOf(b, bufferB)) : ToNumber(b);
-  return Relate(op, x, y);
-}
-
-bool GeneralCompare(Operator op, const Sequence& left, const Sequence& right) {
-  // A single boolean: = and != compare booleans; <, <=, >, >= compare numbers, where nodes
-  // count by their boolean value (1 or 0) and a value by its number.
-  const bool leftBoolean = left.size() == 1 && left[0].type == ItemType::Boolean;
-  const bool rightBoolean = right.size() == 1 && right[0].type == ItemType::Boolean;
-  if (leftBoolean || rightBoolean) {
-    if (IsEquality(op)) return Relate(op, EffectiveBoolean(left), EffectiveBoolean(right));
-    auto number = [](const Sequence& side) {
-      if (AllNodes(side)) return side.empty() ? 0.0 : 1.0;
-      return ToNumber(side);
-    };
-    return Relate(op, number(left), number(right));
-  }
-  std::u16string bufferA;
-  std::u16string bufferB;
-  // Node against constant, the common case: the constant's conversion is done once.
-  if (right.size() == 1 && !right[0].IsNode()) {
-    const Item& constant = right[0];
-    const bool numeric = !IsEquality(op) || IsNumeric(constant);
-    const double number = numeric ? ToNumber(constant) : 0;
+// `=`, `!=`, `<`, ... : true when some pair of atomized items compares true.
+bool GeneralCompare(Operator op, const Sequence& left, const Sequence& right,
+                    const ComparisonContext& context) {
+  if (left.empty() || right.empty()) return false;
+  // Nodes against one string, the common case: compare string-values in a reused buffer.
+  if (right.size() == 1 && IsStringLike(right[0].type)) {
+    const std::u16string& constant = right[0].string;
+    std::u16string buffer;
     for (const Item& item : left) {
-      if (item.IsNode() && numeric) {
-        bufferA.clear();
-        AppendStringValue(item.node, bufferA);
-        if (Relate(op, StringToNumber(bufferA), number)) return true;
-      } else if (item.IsNode() && constant.type == ItemType::String) {
-        bufferA.clear();
-        AppendStringValue(item.node, bufferA);
-        if (Relate(op, bufferA, constant.string)) return true;
-      } else if (CompareItems(op, item, constant, bufferA, bufferB)) {
+      if (item.IsNode()) {
+        buffer.clear();
+        AppendStringValue(item.node, buffer);
+        const int order = op == Operator::GeneralEqual || op == Operator::GeneralNotEqual
+                              ? (buffer == constant ? 0 : 1)
+                              : CompareCodePoints(buffer, constant);
+        if (RelateOrder(op, order)) return true;
+      } else if (GeneralCompareItems(op, Atomize(item), right[0], context)) {
         return true;
       }
     }
     return false;
   }
-  if (left.size() * right.size() > 64) {
-    // Many against many: convert each side once.
-    std::vector<std::u16string> texts;
-    std::vector<double> numbers;
-    const bool numeric = !IsEquality(op) || std::any_of(left.begin(), left.end(), IsNumeric) ||
-                         std::any_of(right.begin(), right.end(), IsNumeric);
-    if (numeric) {
-      for (const Item& b : right) {
-        numbers.push_back(b.IsNode() ? StringToNumber(StringValue(b.node)) : ToNumber(b));
-      }
-      for (const Item& a : left) {
-        const double x = a.IsNode() ? StringToNumber(StringValue(a.node)) : ToNumber(a);
-        for (double y : numbers) {
-          if (Relate(op, x, y)) return true;
-        }
-      }
-      return false;
-    }
-    if (op == Operator::GeneralEqual) {
-      std::unordered_set<std::u16string> set;
-      for (const Item& b : right)
-        set.insert(TextOf(b, bufferB));
-      for (const Item& a : left) {
-        if (set.count(TextOf(a, bufferA))) return true;
-      }
-      return false;
-    }
+  const Sequence a = Atomize(left);
+  const Sequence b = Atomize(right);
+  if (op == Operator::GeneralEqual && a.size() * b.size() > 64 &&
+      std::all_of(a.begin(), a.end(), [](const Item& i) { return IsStringLike(i.type); }) &&
+      std::all_of(b.begin(), b.end(), [](const Item& i) { return IsStringLike(i.type); })) {
+    std::unordered_set<std::u16string> set;
+    for (const Item& item : b)
+      set.insert(item.string);
+    return std::any_of(a.begin(), a.end(),
+                       [&](const Item& item) { return set.count(item.string) != 0; });
   }
-  for (const Item& a : left) {
-    for (const Item& b : right) {
-      if (CompareItems(op, a, b, bufferA, bufferB)) return true;
+  for (const Item& x : a) {
+    for (const Item& y : b) {
+      if (GeneralCompareItems(op, x, y, context)) return true;
     }
   }
   return false;
 }
 
-// One atomic value of a value comparison: a node's value is untyped text.
-Item Atomize(const Sequence& sequence, const char16_t* what) {
+// The single atomic operand of a value comparison or arithmetic; nothing for an empty operand.
+const Item* SingleAtomic(const Sequence& sequence, Item& storage, const char16_t* what) {
+  if (sequence.empty()) return nullptr;
   if (sequence.size() != 1) {
     ThrowTypeError(u"XPTY0004", std::u16string(u"The operand of ") + what +
                                     u" must be a single item, not a sequence of " +
                                     MessageText(std::to_string(sequence.size())) + u".");
   }
-  if (sequence[0].IsNode()) return Item::OfString(StringValue(sequence[0].node));
-  return sequence[0];
+  storage = Atomize(sequence[0]);
+  return &storage;
 }
 
-Sequence ValueCompare(Operator op, const Sequence& left, const Sequence& right) {
-  if (left.empty() || right.empty()) return {};
-  const bool leftUntyped = left[0].IsNode();
-  const bool rightUntyped = right[0].IsNode();
-  const Item a = Atomize(left, u"a value comparison");
-  const Item b = Atomize(right, u"a value comparison");
-  // Untyped text (from a node) takes the other side's type.
-  if (IsNumeric(a) || IsNumeric(b)) {
-    const bool aFits = IsNumeric(a) || leftUntyped;
-    const bool bFits = IsNumeric(b) || rightUntyped;
-    if (!aFits || !bFits)
-      ThrowTypeError(u"XPTY0004", u"A value comparison of a number with a string.");
-    return {Item::OfBoolean(Relate(op, ToNumber(a), ToNumber(b)))};
-  }
-  if (a.type == ItemType::Boolean || b.type == ItemType::Boolean) {
-    if (a.type != b.type && !leftUntyped && !rightUntyped) {
-      ThrowTypeError(u"XPTY0004", u"A value comparison of a boolean with a string.");
-    }
-    return {Item::OfBoolean(Relate(op, ToBoolean(a), ToBoolean(b)))};
-  }
-  return {Item::OfBoolean(Relate(op, a.string, b.string))};
+Sequence ValueComparison(Operator op, const Sequence& left, const Sequence& right,
+                         const ComparisonContext& context) {
+  Item storageA;
+  Item storageB;
+  const Item* a = SingleAtomic(left, storageA, u"a value comparison");
+  const Item* b = SingleAtomic(right, storageB, u"a value comparison");
+  if (!a || !b) return {};
+  // Untyped values compare as strings.
+  if (a->type == Type::UntypedAtomic) storageA.type = Type::String;
+  if (b->type == Type::UntypedAtomic) storageB.type = Type::String;
+  return {Item::OfBoolean(ValueCompare(op, *a, *b, context))};
 }
 
-double Arithmetic(Operator op, double a, double b) {
-  switch (op) {
-    case Operator::Add:
-      return a + b;
-    case Operator::Subtract:
-      return a - b;
-    case Operator::Multiply:
-      return a * b;
-    case Operator::Divide:
-      return a / b;
-    case Operator::Modulo:
-      return std::fmod(a, b);
-    case Operator::IntegerDivide: {
-      if (b == 0 || std::isnan(a) || std::isnan(b) || std::isinf(a)) {
-        ThrowTypeError(u"FOAR0001", u"Integer division of " + NumberToString(a) + u" by " +
-                                        NumberToString(b) + u" has no integer result.");
-      }
-      return std::trunc(a / b);
-    }
-    default:
-      return std::numeric_limits<double>::quiet_NaN();
-  }
+// An arithmetic operand: atomized, untyped values read as xs:double.
+const Item* ArithmeticOperand(const Sequence& sequence, Item& storage) {
+  const Item* item = SingleAtomic(sequence, storage, u"an arithmetic operator");
+  if (item && item->type == Type::UntypedAtomic) storage = Cast(storage, Type::Double);
+  return item;
 }
 
 void CheckLength(std::size_t length) {
@@ -728,14 +819,16 @@ struct Focus {
 
 class Evaluation {
  public:
-  explicit Evaluation(int slots) : variables_(static_cast<std::size_t>(slots)) {}
+  Evaluation(int slots, const DynamicContext& dynamic)
+      : variables_(static_cast<std::size_t>(slots)), dynamic_(dynamic) {}
+
+  std::vector<Sequence>& Variables() { return variables_; }
 
   Sequence Eval(const Op& op, const Focus& focus) {
     switch (op.kind) {
       case NodeKind::Literal:
-        return {Item::OfString(op.source->text)};
       case NodeKind::Number:
-        return {Item::OfNumber(op.source->number)};
+        return {op.constant};
       case NodeKind::Variable:
         return variables_[static_cast<std::size_t>(op.slot)];
       case NodeKind::Context:
@@ -775,6 +868,18 @@ class Evaluation {
       case NodeKind::Some:
       case NodeKind::Every:
         return Binding(op, focus);
+      case NodeKind::InstanceOf:
+        return {Item::OfBoolean(MatchesType(Eval(op.children[0], focus), op))};
+      case NodeKind::TreatAs: {
+        Sequence value = Eval(op.children[0], focus);
+        if (!MatchesType(value, op)) {
+          ThrowTypeError(u"XPDY0050", u"The value does not match the type of treat as.");
+        }
+        return value;
+      }
+      case NodeKind::CastAs:
+      case NodeKind::CastableAs:
+        return CastOrCastable(op, Eval(op.children[0], focus));
     }
     return {};
   }
@@ -802,7 +907,11 @@ class Evaluation {
     arguments.reserve(op.children.size());
     for (const Op& child : op.children)
       arguments.push_back(Eval(child, focus));
-    FunctionContext context(focus.item, focus.position, focus.size, order_);
+    const std::vector<ParameterType>& types = ParameterTypes(*op.function);
+    for (std::size_t i = 0; i < arguments.size(); ++i) {
+      ConvertArgument(arguments[i], types[std::min(i, types.size() - 1)], op.function->localName);
+    }
+    FunctionContext context(focus.item, focus.position, focus.size, order_, dynamic_);
     return op.function->body(context, arguments);
   }
 
@@ -834,8 +943,11 @@ class Evaluation {
 
   bool Holds(const Op& predicate, const Focus& focus) {
     Sequence value = Eval(predicate, focus);
-    if (value.size() == 1 && value[0].type == ItemType::Number) {
-      return value[0].number == static_cast<double>(focus.position);
+    if (value.size() == 1 && value[0].IsNumeric()) {
+      const Item& number = value[0];
+      if (number.type == Type::Double || number.type == Type::Float)
+        return number.number == static_cast<double>(focus.position);
+      return number.decimal.Compare(Decimal::FromUInt64(focus.position)) == 0;
     }
     return EffectiveBoolean(value);
   }
@@ -963,14 +1075,14 @@ class Evaluation {
       case Operator::GeneralLessEqual:
       case Operator::GeneralGreater:
       case Operator::GeneralGreaterEqual:
-        return {Item::OfBoolean(GeneralCompare(node.op, left, right))};
+        return {Item::OfBoolean(GeneralCompare(node.op, left, right, dynamic_.comparison))};
       case Operator::ValueEqual:
       case Operator::ValueNotEqual:
       case Operator::ValueLess:
       case Operator::ValueLessEqual:
       case Operator::ValueGreater:
       case Operator::ValueGreaterEqual:
-        return ValueCompare(node.op, left, right);
+        return ValueComparison(node.op, left, right, dynamic_.comparison);
       case Operator::Is:
       case Operator::Precedes:
       case Operator::Follows:
@@ -982,8 +1094,12 @@ class Evaluation {
       case Operator::Except:
         return Combine(node.op, std::move(left), std::move(right));
       default: {
-        // Arithmetic: in XPath 1.0 compatibility an empty operand is NaN, several take the first.
-        return {Item::OfNumber(Arithmetic(node.op, ToNumber(left), ToNumber(right)))};
+        Item storageA;
+        Item storageB;
+        const Item* a = ArithmeticOperand(left, storageA);
+        const Item* b = ArithmeticOperand(right, storageB);
+        if (!a || !b) return {};
+        return {Arithmetic(node.op, *a, *b, dynamic_.comparison)};
       }
     }
   }
@@ -1000,25 +1116,36 @@ class Evaluation {
   }
 
   static Sequence Range(const Sequence& left, const Sequence& right) {
-    if (left.empty() || right.empty()) return {};
-    const double from = std::round(ToNumber(left));
-    const double to = std::round(ToNumber(right));
-    if (std::isnan(from) || std::isnan(to))
-      ThrowTypeError(u"XPTY0004", u"A range bound is not a number.");
-    // Beyond 2^53 doubles skip integers: such a range cannot be counted out one by one.
-    constexpr double Exact = 9007199254740992.0;
-    if (std::fabs(from) > Exact || std::fabs(to) > Exact) {
-      ThrowTypeError(u"FOAR0002", u"A range bound is beyond the integers a number holds exactly.");
-    }
+    Item storageA;
+    Item storageB;
+    const Item* a = SingleAtomic(left, storageA, u"a range");
+    const Item* b = SingleAtomic(right, storageB, u"a range");
+    if (!a || !b) return {};
+    const std::int64_t from = RangeBound(*a);
+    const std::int64_t to = RangeBound(*b);
     if (from > to) return {};
-    const double count = to - from + 1;
-    CheckLength(static_cast<std::size_t>(count));
+    // The difference of two int64 values may not fit one: count in unsigned arithmetic.
+    const std::uint64_t count =
+        static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from) + 1;
+    if (count == 0 || count > MaxSequenceLength) CheckLength(MaxSequenceLength + 1);
     Sequence result;
     result.reserve(static_cast<std::size_t>(count));
-    for (std::size_t i = 0; i < static_cast<std::size_t>(count); ++i) {
-      result.push_back(Item::OfNumber(from + static_cast<double>(i)));
-    }
+    for (std::uint64_t i = 0; i < count; ++i)
+      result.push_back(Item::OfInteger(from + static_cast<std::int64_t>(i)));
     return result;
+  }
+
+  // A bound of `to`: an integer, or an untyped value that reads as one.
+  static std::int64_t RangeBound(const Item& item) {
+    const Item value = item.type == Type::UntypedAtomic ? Cast(item, Type::Integer) : item;
+    if (!IsIntegerType(value.type)) {
+      ThrowTypeError(u"XPTY0004",
+                     u"A range bound must be an integer, not an " + TypeLabel(value) + u".");
+    }
+    if (!value.decimal.FitsInt64()) {
+      ThrowTypeError(u"FOAR0002", u"A range bound is beyond the integers a range counts.");
+    }
+    return value.decimal.ToInt64();
   }
 
   Sequence Combine(Operator op, Sequence left, Sequence right) {
@@ -1049,8 +1176,75 @@ class Evaluation {
       if (inner->op == Operator::Negate) negate = !negate;
       inner = &inner->children[0];
     }
-    const double value = ToNumber(Eval(*inner, focus));
-    return {Item::OfNumber(negate ? -value : value)};
+    Item storage;
+    const Item* value = ArithmeticOperand(Eval(*inner, focus), storage);
+    if (!value) return {};
+    if (!value->IsNumeric()) {
+      ThrowTypeError(u"XPTY0004", u"A sign is not defined for an " + TypeLabel(*value) + u".");
+    }
+    if (!negate) return {*value};
+    if (value->type == Type::Double || value->type == Type::Float) {
+      Item result = *value;
+      result.number = -result.number;
+      return {result};
+    }
+    return {Item::OfDecimal(value->decimal.Negate(),
+                            IsIntegerType(value->type) ? Type::Integer : Type::Decimal)};
+  }
+
+  // `instance of` and `treat as`: whether the value has the sequence type.
+  bool MatchesType(const Sequence& value, const Op& op) {
+    const SequenceType& type = *op.sequenceType;
+    if (type.item == SequenceType::Item::Empty) return value.empty();
+    switch (type.occurrence) {
+      case Occurrence::One:
+        if (value.size() != 1) return false;
+        break;
+      case Occurrence::ZeroOrOne:
+        if (value.size() > 1) return false;
+        break;
+      case Occurrence::OneOrMore:
+        if (value.empty()) return false;
+        break;
+      case Occurrence::ZeroOrMore:
+        break;
+    }
+    for (const Item& item : value) {
+      switch (type.item) {
+        case SequenceType::Item::AnyItem:
+          break;
+        case SequenceType::Item::Atomic:
+          if (item.IsNode() || !DerivesFrom(item.type, op.atomicType)) return false;
+          break;
+        default:
+          if (!item.IsNode() || !Matcher(op)(item.node)) return false;
+          break;
+      }
+    }
+    return true;
+  }
+
+  Sequence CastOrCastable(const Op& op, const Sequence& value) {
+    const bool castable = op.kind == NodeKind::CastableAs;
+    const bool optional = op.sequenceType->occurrence == Occurrence::ZeroOrOne;
+    const Sequence atomized = Atomize(value);
+    if (atomized.size() != 1) {
+      const bool fits = atomized.empty() && optional;
+      if (castable) return {Item::OfBoolean(fits)};
+      if (fits) return {};
+      ThrowTypeError(u"XPTY0004", u"A cast needs a single atomic value, not a sequence of " +
+                                      MessageText(std::to_string(atomized.size())) + u".");
+    }
+    const Item& item = atomized[0];
+    // A cast to xs:QName takes only a string literal or a QName, since the prefixes it resolves
+    // are the expression's own.
+    if (op.atomicType == Type::QName && item.type != Type::QName &&
+        !(item.type == Type::String && op.children[0].kind == NodeKind::Literal)) {
+      if (castable) return {Item::OfBoolean(false)};
+      ThrowTypeError(u"XPTY0004", u"Only a string literal can be cast to xs:QName.");
+    }
+    if (castable) return {Item::OfBoolean(Castable(item, op.atomicType, dynamic_.resolver))};
+    return {Cast(item, op.atomicType, dynamic_.resolver)};
   }
 
   Sequence Binding(const Op& op, const Focus& focus) {
@@ -1082,6 +1276,7 @@ class Evaluation {
 
   std::vector<Sequence> variables_;
   DocumentOrder order_;
+  const DynamicContext& dynamic_;
 };
 
 std::u16string SyntaxMessage(const XPathSyntaxError& error) {
@@ -1089,30 +1284,82 @@ std::u16string SyntaxMessage(const XPathSyntaxError& error) {
          MessageText(error.what());
 }
 
+// The current date and time in the process's time zone, and that zone in minutes.
+Calendar Now() {
+  const auto now = std::chrono::system_clock::now();
+  const std::time_t seconds = std::chrono::system_clock::to_time_t(now);
+  std::tm local{};
+  localtime_r(&seconds, &local);
+  Calendar value;
+  value.kind = CalendarKind::DateTime;
+  value.year = local.tm_year + 1900;
+  value.month = local.tm_mon + 1;
+  value.day = local.tm_mday;
+  value.hour = local.tm_hour;
+  value.minute = local.tm_min;
+  value.second = std::min(local.tm_sec, 59);
+  value.nanosecond = static_cast<std::int32_t>(
+      std::chrono::duration_cast<std::chrono::nanoseconds>(now.time_since_epoch()).count() %
+      1000000000);
+  value.timezone = static_cast<int>(local.tm_gmtoff / 60);
+  return value;
+}
+
 }  // namespace
 
 struct CompiledExpression::Bound {
   Op root;
   int slots = 0;
+  int externals = 0;
+  // The expression's namespace table, for casts to xs:QName at evaluation.
+  std::unordered_map<std::u16string, std::u16string> prefixes;
 };
 
 CompiledExpression::CompiledExpression(std::u16string_view text, const XPathVariables& namespaces,
-                                       int maxNestingDepth) {
+                                       int maxNestingDepth,
+                                       const std::vector<std::u16string>& externals) {
   try {
     tree_ = Parse(text, maxNestingDepth);
   } catch (const XPathSyntaxError& error) {
     ThrowInvalidExpression(u"XPST0003", SyntaxMessage(error));
   }
-  Binder binder(namespaces);
+  Binder binder(namespaces, externals);
   bound_ = std::make_unique<Bound>();
   bound_->root = binder.Bind(*tree_, 0);
   bound_->slots = binder.Slots();
+  bound_->externals = static_cast<int>(externals.size());
+  for (int i = 0; i < namespaces.Count(); ++i) {
+    const XPathVariables::Entry& entry = namespaces(i);
+    bound_->prefixes.emplace(std::u16string(entry.Key.getBuffer(), entry.Key.length()),
+                             std::u16string(entry.Value.getBuffer(), entry.Value.length()));
+  }
 }
 
 CompiledExpression::~CompiledExpression() = default;
 
-Sequence CompiledExpression::Evaluate(DOMNode* contextNode) const {
-  Evaluation evaluation(bound_->slots);
+Sequence CompiledExpression::Evaluate(DOMNode* contextNode,
+                                      const std::vector<Sequence>& externals) const {
+  const PrefixResolver resolver = [this](std::u16string_view prefix, std::u16string& uri) {
+    if (prefix == u"xml") {
+      uri = std::u16string(XmlNamespace);
+      return true;
+    }
+    const auto found = bound_->prefixes.find(std::u16string(prefix));
+    if (found == bound_->prefixes.end()) {
+      uri.clear();
+      return false;
+    }
+    uri = found->second;
+    return true;
+  };
+  DynamicContext dynamic;
+  const Calendar now = Now();
+  dynamic.comparison.implicitTimezone = *now.timezone;
+  dynamic.currentDateTime = std::make_shared<const Calendar>(now);
+  dynamic.resolver = &resolver;
+  Evaluation evaluation(bound_->slots, dynamic);
+  for (int i = 0; i < bound_->externals && i < static_cast<int>(externals.size()); ++i)
+    evaluation.Variables()[static_cast<std::size_t>(i)] = externals[static_cast<std::size_t>(i)];
   if (!contextNode) return evaluation.Eval(bound_->root, Focus{nullptr, 0, 0});
   const Item context = Item::OfNode(contextNode);
   return evaluation.Eval(bound_->root, Focus{&context, 1, 1});

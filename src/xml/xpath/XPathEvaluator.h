@@ -3,8 +3,13 @@
 #ifndef VESKAN_XML_XPATH_XPATHEVALUATOR_H
 #define VESKAN_XML_XPATH_XPATHEVALUATOR_H
 
+// The parser first: its NodeKind::Sequence would otherwise shadow the Sequence type.
 #include "xml/xpath/XPathParser.h"
+// clang-format off
+#include "xml/xpath/XPathCast.h"
+#include "xml/xpath/XPathOperators.h"
 #include "xml/xpath/XPathValue.h"
+// clang-format on
 
 #include <veskan/XPathVariables.h>
 
@@ -44,42 +49,85 @@ class DocumentOrder {
   std::vector<const xercesc::DOMNode*> numberedRoots_;
 };
 
-// What a library function sees of the evaluation: the focus (context item, position, size) and
-// document order.
+// What the evaluation of one expression depends on besides its context item: the time zone of
+// values without one, and the current date and time, fixed for the whole evaluation.
+struct DynamicContext {
+  ComparisonContext comparison;
+  std::shared_ptr<const void> currentDateTime;  // a Calendar (XPathCalendar.h)
+  // The static namespaces, for casts to xs:QName and fn:QName-like conversions.
+  const PrefixResolver* resolver = nullptr;
+};
+
+// What a library function sees of the evaluation: the focus (context item, position, size),
+// document order and the dynamic context.
 class FunctionContext {
  public:
-  FunctionContext(const Item* item, std::size_t position, std::size_t size, DocumentOrder& order)
-      : item_(item), position_(position), size_(size), order_(order) {}
+  FunctionContext(const Item* item, std::size_t position, std::size_t size, DocumentOrder& order,
+                  const DynamicContext& dynamic)
+      : item_(item), position_(position), size_(size), order_(order), dynamic_(dynamic) {}
 
   // Null when the expression runs without a context item.
   const Item* ContextItem() const { return item_; }
-  // The context item as a node; a type error when it is absent or not a node.
+  // The context item; XPDY0002 when it is absent.
+  const Item& RequireContextItem() const;
+  // The context item as a node; XPDY0002 when it is absent, XPTY0004 when it is not a node.
   xercesc::DOMNode* ContextNode() const;
   std::size_t Position() const { return position_; }
   std::size_t Size() const { return size_; }
   DocumentOrder& Order() const { return order_; }
+  const DynamicContext& Dynamic() const { return dynamic_; }
+  const ComparisonContext& Comparison() const { return dynamic_.comparison; }
 
  private:
   const Item* item_;
   std::size_t position_;
   std::size_t size_;
   DocumentOrder& order_;
+  const DynamicContext& dynamic_;
 };
 
-// A function's body: the arguments are evaluated (each a sequence, node sequences in document
-// order) and may be moved from. Throws XPathError.
+// A function's body: the arguments are evaluated and converted to the types of the function's
+// signature (atomized, untyped values cast, numbers promoted, counts checked), and may be moved
+// from. Throws XPathError.
 using FunctionBody = Sequence (*)(FunctionContext& context, std::vector<Sequence>& arguments);
+
+// The type of one parameter.
+struct ParameterType {
+  enum class Kind : unsigned char { AnyItem, Node, Atomic, Numeric };
+  Kind kind = Kind::AnyItem;
+  Type type = Type::AnyAtomicType;  // Kind::Atomic: the expected type
+  Occurrence occurrence = Occurrence::One;
+};
 
 struct FunctionDefinition {
   std::u16string_view localName;
   int minArguments;
   int maxArguments;  // -1: any number from minArguments on
   FunctionBody body;
+  // The parameter types, comma-separated ("xs:string?, xs:double, xs:double"; item(), node(),
+  // numeric, xs:<type>, each with an occurrence indicator). A variadic function's last type
+  // stands for every further argument.
+  std::u16string_view signature;
 };
 
 // The function named `localName` in `namespaceUri`, or null when the library has none.
 const FunctionDefinition* FindFunction(std::u16string_view namespaceUri,
                                        std::u16string_view localName);
+
+// The parameter types of a definition's signature, one per parameter (read once).
+const std::vector<ParameterType>& ParameterTypes(const FunctionDefinition& function);
+
+// Converts `argument` to `type` by the function conversion rules; `function` names the function
+// in messages. Throws XPTY0004 for a value that does not convert or a wrong number of items.
+void ConvertArgument(Sequence& argument, const ParameterType& type, std::u16string_view function);
+
+// The function tables of the library's parts, each ending with an entry whose name is empty.
+extern const FunctionDefinition CoreFunctions[];
+extern const FunctionDefinition StringFunctions[];
+extern const FunctionDefinition NumericFunctions[];
+extern const FunctionDefinition SequenceFunctions[];
+extern const FunctionDefinition NodeFunctions[];
+extern const FunctionDefinition CalendarFunctions[];
 
 // An expression parsed, with its prefixes resolved, its calls bound and its variables checked, so
 // that evaluation meets no static error.
@@ -89,18 +137,23 @@ const FunctionDefinition* FindFunction(std::u16string_view namespaceUri,
 class CompiledExpression {
  public:
   // Prefixes of names and calls resolve through `namespaces` (prefix to URI; "xml" is always
-  // bound). An unprefixed element or attribute name is in no namespace, an unprefixed function in
-  // FunctionsNamespace. Throws XPathError (INVALID_EXPRESSION_ERR) for a syntax error, an unbound
-  // prefix or variable, an unknown function or a wrong number of arguments.
+  // bound; the empty prefix names the default namespace of element and type names). An
+  // unprefixed attribute name is in no namespace, an unprefixed function in FunctionsNamespace.
+  // `externals` names the variables the caller binds at each evaluation ("name" or
+  // "prefix:name"). Throws XPathError (INVALID_EXPRESSION_ERR) for a syntax error, an unbound
+  // prefix or variable, an unknown function or type or a wrong number of arguments.
   CompiledExpression(std::u16string_view text, const XPathVariables& namespaces,
-                     int maxNestingDepth = 256);
+                     int maxNestingDepth = 256, const std::vector<std::u16string>& externals = {});
   ~CompiledExpression();
   CompiledExpression(const CompiledExpression&) = delete;
   CompiledExpression& operator=(const CompiledExpression&) = delete;
 
-  // The result with `contextNode` as context item (position and size 1). Node results of a path
-  // are in document order. Throws XPathError for type errors and dynamic errors.
-  Sequence Evaluate(xercesc::DOMNode* contextNode) const;
+  // The result with `contextNode` as context item (position and size 1; none when null) and
+  // `externals` as the values of the external variables, in the order they were named. Node
+  // results of a path are in document order. Throws XPathError for type errors and dynamic
+  // errors.
+  Sequence Evaluate(xercesc::DOMNode* contextNode,
+                    const std::vector<Sequence>& externals = {}) const;
 
  private:
   struct Bound;

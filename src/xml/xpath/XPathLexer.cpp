@@ -1,5 +1,6 @@
 #include "xml/xpath/XPathLexer.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cmath>
 #include <limits>
@@ -70,6 +71,23 @@ constexpr NamedKind OperatorNames[] = {{u"and", TokenKind::And},
                                        {u"in", TokenKind::In},
                                        {u"satisfies", TokenKind::Satisfies}};
 
+// Operators of two words; the first word alone is no operator.
+struct TwoWordOperator {
+  std::u16string_view first;
+  std::u16string_view second;
+  TokenKind kind;
+};
+constexpr TwoWordOperator TwoWordOperators[] = {{u"instance", u"of", TokenKind::InstanceOf},
+                                                {u"treat", u"as", TokenKind::TreatAs},
+                                                {u"castable", u"as", TokenKind::CastableAs},
+                                                {u"cast", u"as", TokenKind::CastAs}};
+
+// Unprefixed names that, followed by `(`, open a kind test or a sequence type, never a call.
+constexpr std::u16string_view KindTestNames[] = {
+    u"node",          u"text",          u"comment",        u"processing-instruction", u"element",
+    u"attribute",     u"document-node", u"schema-element", u"schema-attribute",       u"item",
+    u"empty-sequence"};
+
 class Lexer {
  public:
   explicit Lexer(std::u16string_view text) : text_(text) {}
@@ -86,11 +104,45 @@ class Lexer {
       }
       Next(token);
       operandExpected_ = OperandFollows(token.kind);
+      TrackSequenceType(token.kind);
       tokens.push_back(std::move(token));
     }
   }
 
  private:
+  // A `*` or `+` right after the sequence type of `instance of` or `treat as` is an occurrence
+  // indicator, which an operator follows, where the operators `*` and `+` take an operand. The
+  // state follows the type: Start before it, KindTest within a kind test's parentheses, End
+  // right after it (a name or the closing parenthesis).
+  enum class TypeState { None, Start, KindTest, End };
+
+  void TrackSequenceType(TokenKind kind) {
+    switch (typeState_) {
+      case TypeState::None:
+        break;
+      case TypeState::Start:
+        typeState_ = kind == TokenKind::NameTest   ? TypeState::End
+                     : kind == TokenKind::KindTest ? TypeState::KindTest
+                                                   : TypeState::None;
+        typeDepth_ = 0;
+        return;
+      case TypeState::KindTest:
+        if (kind == TokenKind::LeftParen) {
+          ++typeDepth_;
+        } else if (kind == TokenKind::RightParen && --typeDepth_ == 0) {
+          typeState_ = TypeState::End;
+        } else if (kind == TokenKind::End) {
+          typeState_ = TypeState::None;
+        }
+        return;
+      case TypeState::End:
+        typeState_ = TypeState::None;
+        if (kind == TokenKind::Multiply || kind == TokenKind::Plus) operandExpected_ = false;
+        break;
+    }
+    if (kind == TokenKind::InstanceOf || kind == TokenKind::TreatAs) typeState_ = TypeState::Start;
+  }
+
   char16_t At(std::size_t i) const { return i < text_.size() ? text_[i] : char16_t(0); }
 
   // Whitespace and nested (: comments :); an unterminated comment is an error.
@@ -141,6 +193,18 @@ class Lexer {
   bool NameStartsAt(std::size_t i) const {
     return IsNameStart(At(i)) || (IsHighSurrogate(At(i)) && IsLowSurrogate(At(i + 1)));
   }
+  bool NameCharAt(std::size_t i) const {
+    return IsNameChar(At(i)) || (IsHighSurrogate(At(i)) && IsLowSurrogate(At(i + 1)));
+  }
+
+  // Whether `word`, as a whole name, comes next after whitespace and comments; if so, consumes
+  // it.
+  bool AcceptWord(std::u16string_view word) {
+    const std::size_t start = PeekPast(pos_);
+    if (text_.substr(start, word.size()) != word || NameCharAt(start + word.size())) return false;
+    pos_ = start + word.size();
+    return true;
+  }
 
   // An NCName starting at pos_, which NameStartsAt has checked.
   std::u16string ReadNCName() {
@@ -168,6 +232,7 @@ class Lexer {
       case TokenKind::Literal:
       case TokenKind::Variable:
       case TokenKind::NameTest:
+      case TokenKind::QuestionMark:
         return false;
       case TokenKind::LeftParen:
       case TokenKind::LeftBracket:
@@ -204,6 +269,10 @@ class Lexer {
       case TokenKind::Union:
       case TokenKind::Intersect:
       case TokenKind::Except:
+      case TokenKind::InstanceOf:
+      case TokenKind::TreatAs:
+      case TokenKind::CastableAs:
+      case TokenKind::CastAs:
       case TokenKind::For:
       case TokenKind::Some:
       case TokenKind::Every:
@@ -214,7 +283,7 @@ class Lexer {
       case TokenKind::In:
       case TokenKind::Satisfies:
       case TokenKind::FunctionName:
-      case TokenKind::NodeType:
+      case TokenKind::KindTest:
       case TokenKind::AxisName:
       case TokenKind::End:
         return true;
@@ -260,7 +329,8 @@ class Lexer {
         {u".", TokenKind::Dot},         {u"/", TokenKind::Slash},
         {u"|", TokenKind::Pipe},        {u"+", TokenKind::Plus},
         {u"-", TokenKind::Minus},       {u"=", TokenKind::Equals},
-        {u"<", TokenKind::Less},        {u">", TokenKind::Greater}};
+        {u"<", TokenKind::Less},        {u">", TokenKind::Greater},
+        {u"?", TokenKind::QuestionMark}};
     for (const Punctuation& p : punctuation) {
       if (text_.substr(pos_, p.text.size()) == p.text) {
         token.kind = p.kind;
@@ -292,6 +362,8 @@ class Lexer {
       pos_ = p;
       token.numberForm = NumberForm::Double;
     }
+    // A name run into a number would read as an operator or a second operand ("10div 3").
+    if (NameStartsAt(pos_)) throw XPathSyntaxError("a name directly after a number", pos_);
     token.text = std::u16string(text_.substr(start, pos_ - start));
     token.number = NumberValue(token.text);
   }
@@ -367,6 +439,12 @@ class Lexer {
           return;
         }
       }
+      for (const TwoWordOperator& op : TwoWordOperators) {
+        if (op.first == name && AcceptWord(op.second)) {
+          token.kind = op.kind;
+          return;
+        }
+      }
       throw XPathSyntaxError("expected an operator", token.offset);
     }
     if (At(pos_) == u':' && At(pos_ + 1) == u'*') {
@@ -387,12 +465,12 @@ class Lexer {
     if (unprefixed && At(after) == u':' && At(after + 1) == u':') {
       token.kind = TokenKind::AxisName;
     } else if (At(after) == u'(' && At(after + 1) != u':') {
-      const bool nodeType = token.text == u"node" || token.text == u"text" ||
-                            token.text == u"comment" || token.text == u"processing-instruction";
+      const bool kindTest = std::find(std::begin(KindTestNames), std::end(KindTestNames),
+                                      token.text) != std::end(KindTestNames);
       if (unprefixed && token.text == u"if") {
         token.kind = TokenKind::If;
       } else {
-        token.kind = unprefixed && nodeType ? TokenKind::NodeType : TokenKind::FunctionName;
+        token.kind = unprefixed && kindTest ? TokenKind::KindTest : TokenKind::FunctionName;
       }
     } else if (unprefixed && At(after) == u'$' &&
                (token.text == u"for" || token.text == u"some" || token.text == u"every")) {
@@ -407,6 +485,8 @@ class Lexer {
   std::u16string_view text_;
   std::size_t pos_ = 0;
   bool operandExpected_ = true;
+  TypeState typeState_ = TypeState::None;
+  int typeDepth_ = 0;  // open parentheses of the kind test in TypeState::KindTest
 };
 
 }  // namespace
@@ -463,6 +543,8 @@ std::string Describe(TokenKind kind) {
       return "'<<'";
     case TokenKind::Follows:
       return "'>>'";
+    case TokenKind::QuestionMark:
+      return "'?'";
     case TokenKind::And:
       return "'and'";
     case TokenKind::Or:
@@ -495,6 +577,14 @@ std::string Describe(TokenKind kind) {
       return "'intersect'";
     case TokenKind::Except:
       return "'except'";
+    case TokenKind::InstanceOf:
+      return "'instance of'";
+    case TokenKind::TreatAs:
+      return "'treat as'";
+    case TokenKind::CastableAs:
+      return "'castable as'";
+    case TokenKind::CastAs:
+      return "'cast as'";
     case TokenKind::For:
       return "'for'";
     case TokenKind::Some:
@@ -523,8 +613,8 @@ std::string Describe(TokenKind kind) {
       return "name";
     case TokenKind::FunctionName:
       return "function name";
-    case TokenKind::NodeType:
-      return "node type test";
+    case TokenKind::KindTest:
+      return "kind test";
     case TokenKind::AxisName:
       return "axis name";
     case TokenKind::End:

@@ -1,6 +1,6 @@
-// The tokenizer of the library's XPath engine: XPath 1.0 and the XPath 2.0 subset the engine
-// understands, with the lexical disambiguation of XPath 1.0 (section 3.7) extended to the XPath
-// 2.0 operator names and keywords.
+// The tokenizer of the library's XPath engine, for the XPath 2.0 grammar. XPath reserves no
+// names: whether `div` or `cast` is an operator or an element name depends on whether an
+// operator may stand where it is, and the tokenizer decides that from the previous token.
 #ifndef VESKAN_XML_XPATH_XPATHLEXER_H
 #define VESKAN_XML_XPATH_XPATHLEXER_H
 
@@ -50,8 +50,9 @@ enum class TokenKind {
   LessEqual,
   Greater,
   GreaterEqual,
-  Precedes,  // <<
-  Follows,   // >>
+  Precedes,      // <<
+  Follows,       // >>
+  QuestionMark,  // `?`: zero or one, after a type
   And,
   Or,
   Div,
@@ -68,6 +69,10 @@ enum class TokenKind {
   Union,
   Intersect,
   Except,
+  InstanceOf,  // `instance of`, one token: either word alone is a name
+  TreatAs,
+  CastableAs,
+  CastAs,
   // Keywords.
   For,
   Some,
@@ -84,7 +89,8 @@ enum class TokenKind {
   Variable,      // prefix, text: the name after `$`.
   NameTest,      // prefix, text: a name, `*` (text "*"), `p:*` (text "*") or `*:n` (prefix "*").
   FunctionName,  // prefix, text: a name followed by `(`.
-  NodeType,      // text: node, text, comment or processing-instruction, followed by `(`.
+  KindTest,      // text: an unprefixed kind test or sequence type name (node, element, item, ...)
+                 // followed by `(`.
   AxisName,      // text: a name followed by `::`.
   End
 };
@@ -103,9 +109,11 @@ struct Token {
 };
 
 // The expression as tokens, ending with one End token.
+// A `*` or `+` that closes the sequence type after `instance of` or `treat as` is an occurrence
+// indicator, so an operator follows it: `$x instance of item()* and $y` has the operator `and`.
 // Throws XPathSyntaxError on a character that starts no token, an unterminated literal or
-// comment, a `$` without a name, a malformed number, or a name that is no operator where an
-// operator must come.
+// comment, a `$` without a name, a malformed number or one run into a name (`1.5e`, `10div`),
+// or a name that is no operator where an operator must come.
 std::vector<Token> Tokenize(std::u16string_view text);
 
 // The source form of a token kind, for error messages ("'('", "'div'", "name", ...).

@@ -62,10 +62,10 @@ std::unique_ptr<Node> MakeBinary(Operator op, std::unique_ptr<Node> left,
 
 // Recursive descent over the token list; each Parse* function consumes one grammar production
 // and names it after the production. Precedence, loosest first: `,`; for/some/every/if; or;
-// and; = != eq ne is << >>; < <= > >= lt le gt ge; to; + -; * div idiv mod; union |;
-// intersect except; unary - +; / //. Comparisons sit on two levels, equality below relational,
-// and chain from the left, so that XPath 1.0 expressions such as `a < b = c < d` keep their
-// meaning; XPath 2.0 allows no chains, so no XPath 2.0 expression depends on this split.
+// and; comparisons; to; + -; * div idiv mod; union |; intersect except; instance of; treat as;
+// castable as; cast as; unary - +; / //. Comparisons, `to` and the four type operators take at
+// most one operator each: `1 = 1 = 1` is an error, since chaining from the left would compare
+// a boolean with a number.
 class Parser {
  public:
   Parser(std::vector<Token> tokens, int maxDepth)
@@ -202,29 +202,32 @@ class Parser {
   }
   std::unique_ptr<Node> ParseAnd() {
     static constexpr OperatorEntry ops[] = {{TokenKind::And, Operator::And}};
-    return ParseLevel(ops, &Parser::ParseEquality);
+    return ParseLevel(ops, &Parser::ParseComparison);
   }
-  std::unique_ptr<Node> ParseEquality() {
-    static constexpr OperatorEntry ops[] = {{TokenKind::Equals, Operator::GeneralEqual},
-                                            {TokenKind::NotEquals, Operator::GeneralNotEqual},
-                                            {TokenKind::Eq, Operator::ValueEqual},
-                                            {TokenKind::Ne, Operator::ValueNotEqual},
-                                            {TokenKind::Is, Operator::Is},
-                                            {TokenKind::Precedes, Operator::Precedes},
-                                            {TokenKind::Follows, Operator::Follows}};
-    return ParseLevel(ops, &Parser::ParseRelational);
-  }
-  std::unique_ptr<Node> ParseRelational() {
+  // ComparisonExpr := RangeExpr (CompOp RangeExpr)?  -- not associative.
+  std::unique_ptr<Node> ParseComparison() {
     static constexpr OperatorEntry ops[] = {
+        {TokenKind::Equals, Operator::GeneralEqual},
+        {TokenKind::NotEquals, Operator::GeneralNotEqual},
         {TokenKind::Less, Operator::GeneralLess},
         {TokenKind::LessEqual, Operator::GeneralLessEqual},
         {TokenKind::Greater, Operator::GeneralGreater},
         {TokenKind::GreaterEqual, Operator::GeneralGreaterEqual},
+        {TokenKind::Eq, Operator::ValueEqual},
+        {TokenKind::Ne, Operator::ValueNotEqual},
         {TokenKind::Lt, Operator::ValueLess},
         {TokenKind::Le, Operator::ValueLessEqual},
         {TokenKind::Gt, Operator::ValueGreater},
-        {TokenKind::Ge, Operator::ValueGreaterEqual}};
-    return ParseLevel(ops, &Parser::ParseRange);
+        {TokenKind::Ge, Operator::ValueGreaterEqual},
+        {TokenKind::Is, Operator::Is},
+        {TokenKind::Precedes, Operator::Precedes},
+        {TokenKind::Follows, Operator::Follows}};
+    auto left = ParseRange();
+    const auto match = std::find_if(std::begin(ops), std::end(ops),
+                                    [&](const OperatorEntry& e) { return e.token == Peek().kind; });
+    if (match == std::end(ops)) return left;
+    Take();
+    return MakeBinary(match->op, std::move(left), ParseRange());
   }
   // RangeExpr := Additive ('to' Additive)?  -- not associative.
   std::unique_ptr<Node> ParseRange() {
@@ -252,7 +255,100 @@ class Parser {
   std::unique_ptr<Node> ParseIntersect() {
     static constexpr OperatorEntry ops[] = {{TokenKind::Intersect, Operator::Intersect},
                                             {TokenKind::Except, Operator::Except}};
-    return ParseLevel(ops, &Parser::ParseUnary);
+    return ParseLevel(ops, &Parser::ParseInstanceOf);
+  }
+
+  // InstanceofExpr := TreatExpr ('instance' 'of' SequenceType)?
+  std::unique_ptr<Node> ParseInstanceOf() {
+    auto operand = ParseTreat();
+    if (Peek().kind != TokenKind::InstanceOf) return operand;
+    Take();
+    return MakeTyped(NodeKind::InstanceOf, std::move(operand), ParseSequenceType());
+  }
+  // TreatExpr := CastableExpr ('treat' 'as' SequenceType)?
+  std::unique_ptr<Node> ParseTreat() {
+    auto operand = ParseCastable();
+    if (Peek().kind != TokenKind::TreatAs) return operand;
+    Take();
+    return MakeTyped(NodeKind::TreatAs, std::move(operand), ParseSequenceType());
+  }
+  // CastableExpr := CastExpr ('castable' 'as' SingleType)?
+  std::unique_ptr<Node> ParseCastable() {
+    auto operand = ParseCast();
+    if (Peek().kind != TokenKind::CastableAs) return operand;
+    Take();
+    return MakeTyped(NodeKind::CastableAs, std::move(operand), ParseSingleType());
+  }
+  // CastExpr := UnaryExpr ('cast' 'as' SingleType)?
+  std::unique_ptr<Node> ParseCast() {
+    auto operand = ParseUnary();
+    if (Peek().kind != TokenKind::CastAs) return operand;
+    Take();
+    return MakeTyped(NodeKind::CastAs, std::move(operand), ParseSingleType());
+  }
+
+  static std::unique_ptr<Node> MakeTyped(NodeKind kind, std::unique_ptr<Node> operand,
+                                         SequenceType type) {
+    auto node = MakeNode(kind, operand->offset);
+    node->type = std::move(type);
+    node->children.push_back(std::move(operand));
+    return Finish(std::move(node));
+  }
+
+  // A type name: a QName, no wildcard.
+  QName ParseTypeName() {
+    const Token& token = Peek();
+    if (token.kind != TokenKind::NameTest || token.text == u"*" || token.prefix == u"*") {
+      throw XPathSyntaxError("expected a type name, found " + Describe(token.kind), token.offset);
+    }
+    Take();
+    return QName{token.prefix, token.text};
+  }
+
+  // SingleType := AtomicType '?'?
+  SequenceType ParseSingleType() {
+    SequenceType type;
+    type.item = SequenceType::Item::Atomic;
+    type.atomicType = ParseTypeName();
+    if (Accept(TokenKind::QuestionMark)) type.occurrence = Occurrence::ZeroOrOne;
+    return type;
+  }
+
+  // SequenceType := 'empty-sequence' '(' ')' | ItemType OccurrenceIndicator?
+  // ItemType := AtomicType | KindTest | 'item' '(' ')'
+  // A `?`, `*` or `+` after the item type is always its occurrence indicator (the tokenizer
+  // agrees, see Tokenize), so `item() + 1` is an error rather than an addition.
+  SequenceType ParseSequenceType() {
+    SequenceType type;
+    const Token& token = Peek();
+    if (token.kind == TokenKind::KindTest &&
+        (token.text == u"empty-sequence" || token.text == u"item")) {
+      Take();
+      Expect(TokenKind::LeftParen);
+      Expect(TokenKind::RightParen);
+      if (token.text == u"empty-sequence") {
+        type.item = SequenceType::Item::Empty;
+        if (IsOneOf(Peek().kind, {TokenKind::QuestionMark, TokenKind::Multiply, TokenKind::Plus})) {
+          throw XPathSyntaxError("empty-sequence() takes no occurrence indicator", Peek().offset);
+        }
+        return type;
+      }
+      type.item = SequenceType::Item::AnyItem;
+    } else if (token.kind == TokenKind::KindTest) {
+      type.item = SequenceType::Item::Kind;
+      type.test = ParseKindTest();
+    } else {
+      type.item = SequenceType::Item::Atomic;
+      type.atomicType = ParseTypeName();
+    }
+    if (Accept(TokenKind::QuestionMark)) {
+      type.occurrence = Occurrence::ZeroOrOne;
+    } else if (Accept(TokenKind::Multiply)) {
+      type.occurrence = Occurrence::ZeroOrMore;
+    } else if (Accept(TokenKind::Plus)) {
+      type.occurrence = Occurrence::OneOrMore;
+    }
+    return type;
   }
 
   // Unary := ('-' | '+')* Path, read in a loop so that long sign runs need no recursion.
@@ -280,7 +376,7 @@ class Parser {
 
   // Whether a token of this kind starts an axis step.
   static bool StartsAxisStep(TokenKind kind) {
-    return IsOneOf(kind, {TokenKind::NameTest, TokenKind::NodeType, TokenKind::AxisName,
+    return IsOneOf(kind, {TokenKind::NameTest, TokenKind::KindTest, TokenKind::AxisName,
                           TokenKind::At, TokenKind::DotDot});
   }
 
@@ -352,8 +448,12 @@ class Parser {
       Expect(TokenKind::ColonColon);
       ParseNodeTest(*step);
     } else {  // the token is the node test itself
-      step->axis = Axis::Child;
       ParseNodeTest(*step);
+      // Attributes are never children: a step that can only select attributes goes along the
+      // attribute axis.
+      const bool attributeTest =
+          step->test.kind == TestKind::Attribute || step->test.kind == TestKind::SchemaAttribute;
+      step->axis = attributeTest ? Axis::Attribute : Axis::Child;
     }
     ParsePredicates(*step);
     return Finish(std::move(step));
@@ -376,25 +476,76 @@ class Parser {
       }
       return;
     }
-    if (token.kind != TokenKind::NodeType) {
+    if (token.kind != TokenKind::KindTest) {
       throw XPathSyntaxError("expected a node test, found " + Describe(token.kind), token.offset);
     }
-    Take();
+    if (token.text == u"item" || token.text == u"empty-sequence") {
+      // Only a sequence type may name them; the names are ASCII.
+      throw XPathSyntaxError(
+          std::string(token.text.begin(), token.text.end()) + "() is not a node test",
+          token.offset);
+    }
+    test = ParseKindTest();
+  }
+
+  // Whether the next token is a type name, not a wildcard.
+  bool AtTypeName() const {
+    return Peek().kind == TokenKind::NameTest && Peek().text != u"*" && Peek().prefix != u"*";
+  }
+
+  // KindTest: a KindTest token (not item or empty-sequence) and its parenthesised arguments.
+  NodeTest ParseKindTest() {
+    const Token& token = Take();
     Expect(TokenKind::LeftParen);
-    if (token.text == u"node") {
+    NodeTest test;
+    const std::u16string& name = token.text;
+    if (name == u"node") {
       test.kind = TestKind::AnyNode;
-    } else if (token.text == u"text") {
+    } else if (name == u"text") {
       test.kind = TestKind::Text;
-    } else if (token.text == u"comment") {
+    } else if (name == u"comment") {
       test.kind = TestKind::Comment;
-    } else {
+    } else if (name == u"processing-instruction") {
       test.kind = TestKind::ProcessingInstruction;
-      if (Peek().kind == TokenKind::Literal) {
+      const Token& target = Peek();
+      const bool ncName =
+          target.kind == TokenKind::NameTest && target.prefix.empty() && target.text != u"*";
+      if (target.kind == TokenKind::Literal || ncName) {
         test.hasTarget = true;
         test.target = Take().text;
       }
+    } else if (name == u"element" || name == u"attribute") {
+      test.kind = name == u"element" ? TestKind::Element : TestKind::Attribute;
+      // (), (*), (N), (* , T), (N, T); an element's type may end in `?`.
+      const Token& first = Peek();
+      const bool wildcard =
+          first.kind == TokenKind::NameTest && first.text == u"*" && first.prefix.empty();
+      if (wildcard) {
+        Take();
+      } else if (AtTypeName()) {
+        test.hasName = true;
+        test.name = ParseTypeName();
+      }
+      if ((wildcard || test.hasName) && Accept(TokenKind::Comma)) {
+        test.hasType = true;
+        test.typeName = ParseTypeName();
+        test.nillable = test.kind == TestKind::Element && Accept(TokenKind::QuestionMark);
+      }
+    } else if (name == u"schema-element" || name == u"schema-attribute") {
+      test.kind = name == u"schema-element" ? TestKind::SchemaElement : TestKind::SchemaAttribute;
+      test.name = ParseTypeName();
+    } else if (name == u"document-node") {
+      test.kind = TestKind::DocumentNode;
+      const Token& inner = Peek();
+      if (inner.kind == TokenKind::KindTest &&
+          (inner.text == u"element" || inner.text == u"schema-element")) {
+        test.element = std::make_shared<const NodeTest>(ParseKindTest());
+      }
+    } else {
+      throw XPathSyntaxError("expected a node test, found " + Describe(token.kind), token.offset);
     }
     Expect(TokenKind::RightParen);
+    return test;
   }
 
   void ParsePredicates(Node& node) {
@@ -447,7 +598,12 @@ class Parser {
   }
 
   std::unique_ptr<Node> ParseCall() {
-    const Token& name = Take();
+    const Token& name = Peek();
+    // Other reserved names come as kind tests or `if`; typeswitch has no place in XPath.
+    if (name.prefix.empty() && name.text == u"typeswitch") {
+      throw XPathSyntaxError("'typeswitch' is not a function", name.offset);
+    }
+    Take();
     auto call = MakeNode(NodeKind::Call, name.offset);
     call->name = QName{name.prefix, name.text};
     Expect(TokenKind::LeftParen);

@@ -1,6 +1,5 @@
-// The parser of the library's XPath engine: expression text to an expression tree that the
-// evaluator walks. XPath 1.0 and the XPath 2.0 subset of sequences, value and node comparisons,
-// if, for, some/every, to, union/intersect/except and idiv.
+// The parser of the library's XPath engine: XPath 2.0 expression text to an expression tree that
+// the evaluator walks.
 #ifndef VESKAN_XML_XPATH_XPATHPARSER_H
 #define VESKAN_XML_XPATH_XPATHPARSER_H
 
@@ -47,14 +46,44 @@ enum class TestKind {
   AnyNode,                // node()
   Text,                   // text()
   Comment,                // comment()
-  ProcessingInstruction,  // processing-instruction() or processing-instruction('target')
+  ProcessingInstruction,  // processing-instruction(), processing-instruction('target') or (NCName)
+  Element,                // element(), element(*), element(N), element(N, T), element(*, T?)...
+  Attribute,              // attribute(), attribute(*), attribute(N), attribute(N, T)...
+  DocumentNode,           // document-node() or document-node(element(...) / schema-element(N))
+  SchemaElement,          // schema-element(N)
+  SchemaAttribute,        // schema-attribute(N)
 };
 
+// A node test of a step or a sequence type. Members that the kind does not use keep their
+// defaults.
 struct NodeTest {
   TestKind kind = TestKind::AnyNode;
+  // Name: the name; AnyLocalName: its prefix; AnyPrefix: its local part; Element/Attribute:
+  // the name, when hasName; SchemaElement/SchemaAttribute: the name.
   QName name;
-  std::u16string target;  // the processing instruction's target, when hasTarget
+  bool hasName = false;  // element(N) / attribute(N); false for element(), element(*)
+  QName typeName;        // element(N, T) / attribute(N, T), also element(*, T): T, when hasType
+  bool hasType = false;
+  bool nillable = false;  // element(N, T?)
+  // The processing instruction's target as written, when hasTarget: a string literal is not
+  // normalized here.
+  std::u16string target;
   bool hasTarget = false;
+  // DocumentNode: its Element or SchemaElement test, or null for document-node().
+  std::shared_ptr<const NodeTest> element;
+};
+
+// How many items a sequence type allows: exactly one, or as marked by ?, * or +.
+enum class Occurrence { One, ZeroOrOne, ZeroOrMore, OneOrMore };
+
+// The type after `instance of`, `treat as`, `cast as` and `castable as`.
+struct SequenceType {
+  // empty-sequence(), item(), an atomic type name, a kind test.
+  enum class Item { Empty, AnyItem, Atomic, Kind };
+  Item item = Item::AnyItem;
+  QName atomicType;  // Item::Atomic: the type's name as written, its prefix resolved later
+  NodeTest test;     // Item::Kind: any kind test but a name test
+  Occurrence occurrence = Occurrence::One;  // always One for empty-sequence()
 };
 
 enum class Operator {
@@ -105,6 +134,12 @@ enum class NodeKind {
   For,       // name: the variable; children[0]: its sequence; children[1]: the body
   Some,      // as For, with children[1] the test
   Every,     // as For, with children[1] the test
+  // children[0]: the operand; type: the sequence type. For CastAs and CastableAs the type is
+  // Item::Atomic with occurrence One or ZeroOrOne ("cast as xs:integer?").
+  InstanceOf,
+  TreatAs,
+  CastAs,
+  CastableAs,
 };
 
 // One node of an expression tree. Every node owns its children and predicates. Members that
@@ -128,6 +163,7 @@ struct Node {
   bool absolute = false;
   Axis axis = Axis::Child;
   NodeTest test;
+  SequenceType type;
   std::vector<std::unique_ptr<Node>> children;
   std::vector<std::unique_ptr<Node>> predicates;
   // Longest chain of nodes from this one down to a leaf, counting this one; bounded by
@@ -140,13 +176,17 @@ struct Node {
 constexpr int MaxTreeHeight = 4096;
 
 // The tree of an expression. Parentheses, predicates, function calls and the binding
-// expressions may nest `maxNestingDepth` levels deep.
+// expressions may nest `maxNestingDepth` levels deep. The unprefixed names that the grammar
+// reserves are not function names: `element(a)` is a step with a kind test (the default axis of
+// attribute() and schema-attribute() steps is the attribute axis), `item()`,
+// `empty-sequence()` and `typeswitch(...)` are errors.
 // Throws XPathSyntaxError on a malformed or empty expression, on deeper nesting, or on a tree
 // taller than MaxTreeHeight.
 std::unique_ptr<Node> Parse(std::u16string_view text, int maxNestingDepth = 256);
 
 // The tree as an S-expression in UTF-8, e.g. `(path (step child a (pred (= (path (step
-// attribute id)) (literal "x")))))`, for tests and diagnostics.
+// attribute id)) (literal "x")))))` or `(instance-of (var x) xs:integer+)`, for tests and
+// diagnostics.
 std::string ToSExpression(const Node& node);
 
 // The tree as XPath text that parses back to the same tree: every operator fully parenthesised,

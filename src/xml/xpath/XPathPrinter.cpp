@@ -133,8 +133,61 @@ std::u16string TestText(const NodeTest& test) {
     case TestKind::ProcessingInstruction:
       return test.hasTarget ? u"processing-instruction(" + Quoted(test.target) + u")"
                             : u"processing-instruction()";
+    case TestKind::Element:
+    case TestKind::Attribute: {
+      std::u16string out = test.kind == TestKind::Element ? u"element(" : u"attribute(";
+      if (test.hasName) {
+        out += NameText(test.name);
+      } else if (test.hasType) {
+        out += u"*";
+      }
+      if (test.hasType) out += u", " + NameText(test.typeName) + (test.nillable ? u"?" : u"");
+      return out + u")";
+    }
+    case TestKind::DocumentNode:
+      return u"document-node(" + (test.element ? TestText(*test.element) : u"") + u")";
+    case TestKind::SchemaElement:
+      return u"schema-element(" + NameText(test.name) + u")";
+    case TestKind::SchemaAttribute:
+      return u"schema-attribute(" + NameText(test.name) + u")";
   }
   return u"?";
+}
+
+// A sequence type as written, e.g. "element(a)*".
+std::u16string TypeText(const SequenceType& type) {
+  std::u16string out;
+  switch (type.item) {
+    case SequenceType::Item::Empty:
+      return u"empty-sequence()";
+    case SequenceType::Item::AnyItem:
+      out = u"item()";
+      break;
+    case SequenceType::Item::Atomic:
+      out = NameText(type.atomicType);
+      break;
+    case SequenceType::Item::Kind:
+      out = TestText(type.test);
+      break;
+  }
+  switch (type.occurrence) {
+    case Occurrence::One:
+      return out;
+    case Occurrence::ZeroOrOne:
+      return out + u"?";
+    case Occurrence::ZeroOrMore:
+      return out + u"*";
+    case Occurrence::OneOrMore:
+      return out + u"+";
+  }
+  return out;
+}
+
+// The source spelling of a type operator, e.g. "instance of".
+std::u16string_view TypeOperatorText(NodeKind kind) {
+  if (kind == NodeKind::InstanceOf) return u"instance of";
+  if (kind == NodeKind::TreatAs) return u"treat as";
+  return kind == NodeKind::CastAs ? u"cast as" : u"castable as";
 }
 
 std::u16string_view BindingKeyword(NodeKind kind) {
@@ -247,6 +300,21 @@ class SExpressionPrinter {
         Children(node);
         out_ += ')';
         return;
+      case NodeKind::InstanceOf:
+      case NodeKind::TreatAs:
+      case NodeKind::CastAs:
+      case NodeKind::CastableAs: {
+        // "instance of" -> "instance-of": one word per S-expression atom.
+        std::u16string name(TypeOperatorText(node.kind));
+        name[name.find(u' ')] = u'-';
+        out_ += '(';
+        Text(name);
+        Children(node);
+        out_ += ' ';
+        Text(TypeText(node.type));
+        out_ += ')';
+        return;
+      }
     }
   }
 
@@ -355,6 +423,18 @@ class XPathPrinter {
         Write(*node.children[0]);
         out_ += node.kind == NodeKind::For ? u" return " : u" satisfies ";
         Write(*node.children[1]);
+        out_ += u")";
+        return;
+      case NodeKind::InstanceOf:
+      case NodeKind::TreatAs:
+      case NodeKind::CastAs:
+      case NodeKind::CastableAs:
+        out_ += u"(";
+        Write(*node.children[0]);
+        out_ += u" ";
+        out_ += TypeOperatorText(node.kind);
+        out_ += u" ";
+        out_ += TypeText(node.type);
         out_ += u")";
         return;
     }

@@ -1,6 +1,9 @@
-// The XPath engine's error and the XPath 1.0 conversions between node string-values, strings,
-// numbers and booleans.
+// The XPath engine's error, node string-values, atomization and the canonical strings of atomic
+// values.
 #include "xml/xpath/XPathValue.h"
+
+#include "xml/xpath/XPathCalendar.h"
+#include "xml/xpath/XPathNodes.h"
 
 #include <veskan/StringBuffer.h>
 
@@ -127,14 +130,48 @@ std::u16string StringValue(const DOMNode* node) {
   return out;
 }
 
+// ---- Items
+
+Item Item::OfQName(std::u16string uri, std::u16string prefix, std::u16string local) {
+  Item item;
+  item.type = Type::QName;
+  item.payload = std::make_shared<const QNameValue>(
+      QNameValue{std::move(uri), std::move(prefix), std::move(local)});
+  return item;
+}
+
+Item Item::OfCalendar(Type type, const Calendar& value) {
+  Item item;
+  item.type = type;
+  item.payload = std::make_shared<const Calendar>(value);
+  return item;
+}
+
+Item Item::OfDuration(Type type, const Duration& value) {
+  Item item;
+  item.type = type;
+  item.payload = std::make_shared<const Duration>(value);
+  return item;
+}
+
+Item Item::OfBinary(Type type, std::string octets) {
+  Item item;
+  item.type = type;
+  item.payload = std::make_shared<const std::string>(std::move(octets));
+  return item;
+}
+
 // ---- Numbers
 
-void ShortestDigits(double value, std::string& digits, int& exponent) {
+void ShortestDigits(double value, std::string& digits, int& exponent, bool isFloat) {
   // std::to_chars gives the shortest round-trip form; its scientific notation "d.ddde[+-]xx"
   // splits into the digits and the exponent.
   std::array<char, 64> buffer{};
-  const auto result = std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
-                                    std::chars_format::scientific);
+  const auto result = isFloat
+                          ? std::to_chars(buffer.data(), buffer.data() + buffer.size(),
+                                          static_cast<float>(value), std::chars_format::scientific)
+                          : std::to_chars(buffer.data(), buffer.data() + buffer.size(), value,
+                                          std::chars_format::scientific);
   const std::string_view text(buffer.data(), static_cast<std::size_t>(result.ptr - buffer.data()));
   const std::size_t e = text.find('e');
   digits.clear();
@@ -146,147 +183,190 @@ void ShortestDigits(double value, std::string& digits, int& exponent) {
                   exponent);
 }
 
-std::u16string NumberToString(double value) {
+std::u16string DoubleToString(double value, bool isFloat) {
   if (std::isnan(value)) return u"NaN";
-  if (std::isinf(value)) return value > 0 ? u"Infinity" : u"-Infinity";
-  if (value == 0) return u"0";
+  if (std::isinf(value)) return value > 0 ? u"INF" : u"-INF";
+  if (value == 0) return std::signbit(value) ? u"-0" : u"0";
 
   std::string digits;
   int exponent = 0;
-  ShortestDigits(value, digits, exponent);
-  const bool negative = value < 0;
-
-  // `exponent` + 1 digits stand before the point.
-  const int integerDigits = exponent + 1;
+  ShortestDigits(value, digits, exponent, isFloat);
   std::u16string out;
-  if (negative) out += u'-';
-  if (integerDigits <= 0) {
-    out += u"0.";
-    out.append(static_cast<std::size_t>(-integerDigits), u'0');
-    for (const char c : digits)
-      out += static_cast<char16_t>(c);
+  if (value < 0) out += u'-';
+  const double magnitude = std::fabs(value);
+  if (magnitude >= 1e-6 && magnitude < 1e6) {
+    // Decimal notation, as the value's xs:decimal would print: `exponent` + 1 digits before
+    // the point, no trailing zeros after it.
+    const int integerDigits = exponent + 1;
+    if (integerDigits <= 0) {
+      out += u"0.";
+      out.append(static_cast<std::size_t>(-integerDigits), u'0');
+      out.append(digits.begin(), digits.end());
+      return out;
+    }
+    const auto whole = static_cast<std::size_t>(integerDigits);
+    for (std::size_t i = 0; i < whole; ++i)
+      out += i < digits.size() ? static_cast<char16_t>(digits[i]) : u'0';
+    if (digits.size() > whole) {
+      out += u'.';
+      out.append(digits.begin() + static_cast<std::ptrdiff_t>(whole), digits.end());
+    }
     return out;
   }
-  const auto whole = static_cast<std::size_t>(integerDigits);
-  for (std::size_t i = 0; i < whole; ++i) {
-    out += i < digits.size() ? static_cast<char16_t>(digits[i]) : u'0';
+  out += static_cast<char16_t>(digits[0]);
+  out += u'.';
+  if (digits.size() > 1) {
+    out.append(digits.begin() + 1, digits.end());
+  } else {
+    out += u'0';
   }
-  if (digits.size() > whole) {
-    out += u'.';
-    for (std::size_t i = whole; i < digits.size(); ++i)
-      out += static_cast<char16_t>(digits[i]);
+  out += u'E';
+  for (const char c : std::to_string(exponent))
+    out += static_cast<char16_t>(c);
+  return out;
+}
+
+double ToDouble(const Item& item) {
+  if (item.type == Type::Float || item.type == Type::Double) return item.number;
+  if (XPath::IsNumeric(item.type)) return item.decimal.ToDouble();
+  return std::numeric_limits<double>::quiet_NaN();
+}
+
+// ---- Atomization and strings
+
+Item Atomize(const Item& item) {
+  if (!item.IsNode()) return item;
+  switch (item.node->getNodeType()) {
+    case DOMNode::COMMENT_NODE:
+    case DOMNode::PROCESSING_INSTRUCTION_NODE:
+      return Item::OfString(StringValue(item.node));
+    case DOMNode::ATTRIBUTE_NODE:
+      // A namespace declaration stands for a namespace node, whose typed value is a string.
+      if (View(item.node->getNamespaceURI()) == XmlnsNamespace)
+        return Item::OfString(StringValue(item.node));
+      return Item::OfUntyped(StringValue(item.node));
+    default:
+      return Item::OfUntyped(StringValue(item.node));
+  }
+}
+
+Sequence Atomize(const Sequence& sequence) {
+  Sequence out;
+  out.reserve(sequence.size());
+  for (const Item& item : sequence)
+    out.push_back(Atomize(item));
+  return out;
+}
+
+namespace {
+
+std::u16string HexString(const std::string& octets) {
+  static const char16_t digits[] = u"0123456789ABCDEF";
+  std::u16string out;
+  out.reserve(octets.size() * 2);
+  for (const char c : octets) {
+    const auto octet = static_cast<unsigned char>(c);
+    out += digits[octet >> 4];
+    out += digits[octet & 15];
   }
   return out;
 }
 
-double StringToNumber(std::u16string_view text) {
-  constexpr double NaN = std::numeric_limits<double>::quiet_NaN();
-  std::size_t begin = 0;
-  std::size_t end = text.size();
-  while (begin < end && IsXPathSpace(text[begin]))
-    ++begin;
-  while (end > begin && IsXPathSpace(text[end - 1]))
-    --end;
-
-  // Check the grammar while copying to ASCII for the conversion.
-  std::string ascii;
-  ascii.reserve(end - begin);
-  std::size_t i = begin;
-  if (i < end && text[i] == u'-') {
-    ascii += '-';
-    ++i;
+std::u16string Base64String(const std::string& octets) {
+  static const char16_t alphabet[] =
+      u"ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+  std::u16string out;
+  out.reserve((octets.size() + 2) / 3 * 4);
+  std::size_t i = 0;
+  for (; i + 3 <= octets.size(); i += 3) {
+    const std::uint32_t n = static_cast<unsigned char>(octets[i]) << 16 |
+                            static_cast<unsigned char>(octets[i + 1]) << 8 |
+                            static_cast<unsigned char>(octets[i + 2]);
+    out += alphabet[n >> 18];
+    out += alphabet[(n >> 12) & 63];
+    out += alphabet[(n >> 6) & 63];
+    out += alphabet[n & 63];
   }
-  bool anyDigit = false;
-  bool nonZeroBeforePoint = false;
-  bool point = false;
-  for (; i < end; ++i) {
-    const char16_t c = text[i];
-    if (c >= u'0' && c <= u'9') {
-      anyDigit = true;
-      if (!point && c != u'0') nonZeroBeforePoint = true;
-    } else if (c == u'.' && !point) {
-      point = true;
-    } else {
-      return NaN;
-    }
-    ascii += static_cast<char>(c);
+  const std::size_t rest = octets.size() - i;
+  if (rest > 0) {
+    std::uint32_t n = static_cast<unsigned char>(octets[i]) << 16;
+    if (rest == 2) n |= static_cast<unsigned char>(octets[i + 1]) << 8;
+    out += alphabet[n >> 18];
+    out += alphabet[(n >> 12) & 63];
+    out += rest == 2 ? alphabet[(n >> 6) & 63] : u'=';
+    out += u'=';
   }
-  if (!anyDigit) return NaN;
-
-  double value = 0;
-  const auto result =
-      std::from_chars(ascii.data(), ascii.data() + ascii.size(), value, std::chars_format::fixed);
-  if (result.ec == std::errc::result_out_of_range) {
-    // Too large for a double, or so small that it rounds to zero.
-    const bool negative = ascii[0] == '-';
-    value = nonZeroBeforePoint ? std::numeric_limits<double>::infinity() : 0.0;
-    return negative ? -value : value;
-  }
-  if (result.ec != std::errc() || result.ptr != ascii.data() + ascii.size()) return NaN;
-  return value;
+  return out;
 }
 
-// ---- Items and sequences
+}  // namespace
 
 std::u16string ToString(const Item& item) {
   switch (item.type) {
-    case ItemType::Node:
+    case Type::Node:
       return StringValue(item.node);
-    case ItemType::String:
-      return item.string;
-    case ItemType::Number:
-      return NumberToString(item.number);
-    case ItemType::Boolean:
+    case Type::Boolean:
       return item.boolean ? u"true" : u"false";
+    case Type::Float:
+      return DoubleToString(item.number, true);
+    case Type::Double:
+      return DoubleToString(item.number);
+    case Type::QName: {
+      const QNameValue& name = item.AsQName();
+      return name.prefix.empty() ? name.local : name.prefix + u":" + name.local;
+    }
+    case Type::HexBinary:
+      return HexString(item.AsOctets());
+    case Type::Base64Binary:
+      return Base64String(item.AsOctets());
+    default:
+      break;
   }
-  return std::u16string();
-}
-
-double ToNumber(const Item& item) {
-  switch (item.type) {
-    case ItemType::Node:
-      return StringToNumber(StringValue(item.node));
-    case ItemType::String:
-      return StringToNumber(item.string);
-    case ItemType::Number:
-      return item.number;
-    case ItemType::Boolean:
-      return item.boolean ? 1 : 0;
-  }
-  return std::numeric_limits<double>::quiet_NaN();
-}
-
-bool ToBoolean(const Item& item) {
-  switch (item.type) {
-    case ItemType::Node:
-      return true;
-    case ItemType::String:
-      return !item.string.empty();
-    case ItemType::Number:
-      return item.number != 0 && !std::isnan(item.number);
-    case ItemType::Boolean:
-      return item.boolean;
-  }
-  return false;
+  if (XPath::IsNumeric(item.type)) return item.decimal.ToString();
+  if (IsCalendarType(item.type)) return XPath::ToString(item.AsCalendar());
+  if (IsDurationType(item.type)) return XPath::ToString(item.AsDuration());
+  return item.string;
 }
 
 std::u16string ToString(const Sequence& sequence) {
   return sequence.empty() ? std::u16string() : ToString(sequence.front());
 }
 
-double ToNumber(const Sequence& sequence) {
-  return sequence.empty() ? std::numeric_limits<double>::quiet_NaN() : ToNumber(sequence.front());
-}
-
 bool EffectiveBoolean(const Sequence& sequence) {
   if (sequence.empty()) return false;
-  if (sequence.front().IsNode()) return true;
-  if (sequence.size() > 1) {
-    ThrowTypeError(u"FORG0006",
-                   u"The effective boolean value of a sequence of several atomic values is not "
-                   u"defined.");
+  const Item& first = sequence.front();
+  if (first.IsNode()) return true;
+  if (sequence.size() == 1) {
+    if (first.type == Type::Boolean) return first.boolean;
+    if (IsStringType(first.type) || first.type == Type::UntypedAtomic ||
+        first.type == Type::AnyUri) {
+      return !first.string.empty();
+    }
+    if (first.type == Type::Float || first.type == Type::Double)
+      return first.number != 0 && !std::isnan(first.number);
+    if (XPath::IsNumeric(first.type)) return first.decimal.Sign() != 0;
   }
-  return ToBoolean(sequence.front());
+  ThrowTypeError(
+      u"FORG0006",
+      sequence.size() > 1
+          ? u"The effective boolean value of a sequence of several atomic values is "
+            u"not defined."
+          : u"The effective boolean value of an " + TypeLabel(first) + u" is not defined.");
+}
+
+std::u16string_view TrimSpace(std::u16string_view text) {
+  std::size_t begin = 0;
+  std::size_t end = text.size();
+  while (begin < end && IsXPathSpace(text[begin]))
+    ++begin;
+  while (end > begin && IsXPathSpace(text[end - 1]))
+    --end;
+  return text.substr(begin, end - begin);
+}
+
+std::u16string TypeLabel(const Item& item) {
+  if (item.IsNode()) return u"node";
+  return u"xs:" + std::u16string(TypeName(item.type));
 }
 
 }  // namespace XPath

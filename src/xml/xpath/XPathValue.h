@@ -1,15 +1,19 @@
-// The values of the library's XPath engine: items (a DOM node or an atomic value), sequences of
-// them, the engine's error, and the XPath 1.0 conversions between strings, numbers and booleans.
+// The values of the library's XPath engine: items (a DOM node or a typed atomic value), sequences
+// of them, the engine's error, atomization, string-values and effective boolean values.
 //
-// The engine evaluates XPath 2.0 in its XPath 1.0 compatibility mode: every number is an IEEE
-// double, converted to and from text by the XPath 1.0 rules, so the expressions hosts wrote for
-// XPath 1.0 give the answers they always gave.
+// Atomic values carry their XML Schema type (XPathTypes.h). Numbers keep their type's precision:
+// xs:integer and xs:decimal are exact (Decimal), xs:float and xs:double are IEEE values.
 #ifndef VESKAN_XML_XPATH_XPATHVALUE_H
 #define VESKAN_XML_XPATH_XPATHVALUE_H
+
+#include "xml/xpath/XPathDecimal.h"
+#include "xml/xpath/XPathTypes.h"
 
 #include <xercesc/dom/DOMNode.hpp>
 #include <xercesc/dom/DOMXPathException.hpp>
 
+#include <cstdint>
+#include <memory>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -19,49 +23,93 @@ namespace Veskan {
 namespace Detail {
 namespace XPath {
 
-enum class ItemType : unsigned char { Node, String, Number, Boolean };
+struct Calendar;
+struct Duration;
 
-// One item of a sequence. Only the member its type names is meaningful.
+// An xs:QName value: the namespace URI (empty for none), the prefix it was written with (empty
+// for none) and the local name. Equality ignores the prefix.
+struct QNameValue {
+  std::u16string uri;
+  std::u16string prefix;
+  std::u16string local;
+};
+
+// One item of a sequence: a node when `type` is Type::Node, else an atomic value of that type.
+// Which member holds the value follows from the type: `node`; `string` for the string types,
+// xs:untypedAtomic and xs:anyURI; `boolean`; `decimal` for xs:decimal and the integer types;
+// `number` for xs:float (rounded to float) and xs:double; `payload` for xs:QName (QNameValue),
+// the date, time and g* types (Calendar), the duration types (Duration) and the binary types
+// (std::string of octets). Other members keep their defaults.
 struct Item {
-  ItemType type = ItemType::Number;
+  Type type = Type::Double;
   bool boolean = false;
   double number = 0;
   xercesc::DOMNode* node = nullptr;
   std::u16string string;
+  Decimal decimal;
+  std::shared_ptr<const void> payload;
 
   static Item OfNode(xercesc::DOMNode* node) {
     Item item;
-    item.type = ItemType::Node;
+    item.type = Type::Node;
     item.node = node;
     return item;
   }
-  static Item OfString(std::u16string text) {
+  static Item OfString(std::u16string text, Type type = Type::String) {
     Item item;
-    item.type = ItemType::String;
+    item.type = type;
     item.string = std::move(text);
     return item;
   }
-  static Item OfNumber(double value) {
-    Item item;
-    item.type = ItemType::Number;
-    item.number = value;
-    return item;
+  static Item OfUntyped(std::u16string text) {
+    return OfString(std::move(text), Type::UntypedAtomic);
   }
   static Item OfBoolean(bool value) {
     Item item;
-    item.type = ItemType::Boolean;
+    item.type = Type::Boolean;
     item.boolean = value;
     return item;
   }
-  bool IsNode() const { return type == ItemType::Node; }
+  static Item OfDouble(double value) {
+    Item item;
+    item.type = Type::Double;
+    item.number = value;
+    return item;
+  }
+  static Item OfFloat(double value) {
+    Item item;
+    item.type = Type::Float;
+    item.number = static_cast<double>(static_cast<float>(value));
+    return item;
+  }
+  static Item OfDecimal(Decimal value, Type type = Type::Decimal) {
+    Item item;
+    item.type = type;
+    item.decimal = std::move(value);
+    return item;
+  }
+  static Item OfInteger(std::int64_t value) {
+    return OfDecimal(Decimal::FromInt64(value), Type::Integer);
+  }
+  static Item OfQName(std::u16string uri, std::u16string prefix, std::u16string local);
+  static Item OfCalendar(Type type, const Calendar& value);
+  static Item OfDuration(Type type, const Duration& value);
+  static Item OfBinary(Type type, std::string octets);
+
+  bool IsNode() const { return type == Type::Node; }
+  bool IsNumeric() const { return XPath::IsNumeric(type); }
+  const QNameValue& AsQName() const { return *static_cast<const QNameValue*>(payload.get()); }
+  const Calendar& AsCalendar() const { return *static_cast<const Calendar*>(payload.get()); }
+  const Duration& AsDuration() const { return *static_cast<const Duration*>(payload.get()); }
+  const std::string& AsOctets() const { return *static_cast<const std::string*>(payload.get()); }
 };
 
 using Sequence = std::vector<Item>;
 
 // The engine's error: a Xerces DOMXPathException carrying the engine's own message, so that the
 // code that catches it reads `code` and `getMessage()` as from any DOM exception. Codes:
-// INVALID_EXPRESSION_ERR for syntax errors, unknown prefixes, functions and variables and wrong
-// argument counts; TYPE_ERR for an operand or argument of the wrong type.
+// INVALID_EXPRESSION_ERR for static errors (syntax, unknown prefixes, functions, variables and
+// types, wrong argument counts); TYPE_ERR for type errors and dynamic errors.
 //
 // Catch it by reference: copies own their message too.
 class XPathError : public xercesc::DOMXPathException {
@@ -83,7 +131,7 @@ class XPathError : public xercesc::DOMXPathException {
 // ASCII or UTF-8 text for messages.
 std::u16string MessageText(std::string_view utf8);
 
-// ---- Conversions (XPath 1.0)
+// ---- Nodes
 
 // The string-value of a node: the concatenated text and CDATA descendants of an element or a
 // document, the value of an attribute, the data of a text, CDATA, comment or processing
@@ -91,37 +139,48 @@ std::u16string MessageText(std::string_view utf8);
 void AppendStringValue(const xercesc::DOMNode* node, std::u16string& out);
 std::u16string StringValue(const xercesc::DOMNode* node);
 
-// "NaN", "Infinity", "-Infinity", "0" for both zeros; an integer without point or exponent;
-// otherwise the shortest decimal that reads back as the same double, without exponent
-// ("0.000001", "123456789012345680000").
-std::u16string NumberToString(double value);
+// ---- Atomic values
+
+// A node's typed value (xs:untypedAtomic, or xs:string for comments, processing instructions
+// and namespace nodes); an atomic value itself.
+Item Atomize(const Item& item);
+// Every item atomized, in order.
+Sequence Atomize(const Sequence& sequence);
+
+// The value as xs:string: a node's string-value, or the canonical form of an atomic value
+// ("1.0E6" for the double 1e6, "0.5", "true", "P1Y2M", "2002-10-10Z", "FF00" ...).
+std::u16string ToString(const Item& item);
+// The first item's string, empty for an empty sequence.
+std::u16string ToString(const Sequence& sequence);
+
+// The canonical form of an xs:double (or, with `isFloat`, of the xs:float it holds): decimal
+// notation for magnitudes in [1e-6, 1e6), else a mantissa with one digit before the point and an
+// exponent ("1.0E6", "-1.5E-7"); "0", "-0", "NaN", "INF", "-INF".
+std::u16string DoubleToString(double value, bool isFloat = false);
 
 // The shortest decimal digits that read back as `value` (finite, not zero), sign left out, and
-// the power of ten of the first digit: 0.015 gives "15" and -2.
-void ShortestDigits(double value, std::string& digits, int& exponent);
+// the power of ten of the first digit: 0.015 gives "15" and -2. With `isFloat`, the shortest
+// that read back as the same float.
+void ShortestDigits(double value, std::string& digits, int& exponent, bool isFloat = false);
 
-// Optional whitespace, an optional '-', digits with an optional '.' (at least one digit), optional
-// whitespace; anything else is NaN.
-double StringToNumber(std::u16string_view text);
-
-std::u16string ToString(const Item& item);
-double ToNumber(const Item& item);
-bool ToBoolean(const Item& item);
-
-// The first item's string (empty for an empty sequence): the XPath 1.0 string() of a node-set
-// is the string-value of its first node in document order, which callers pass first.
-std::u16string ToString(const Sequence& sequence);
-double ToNumber(const Sequence& sequence);  // NaN for an empty sequence
+// The numeric value of a numeric item as a double (xs:decimal rounded).
+double ToDouble(const Item& item);
 
 // The effective boolean value: false for an empty sequence; true when the first item is a node;
-// a single string, number or boolean by its own rule. Throws a type error for several items of
-// which the first is not a node.
+// a single boolean, string, xs:anyURI, xs:untypedAtomic or number by its own rule. Throws
+// FORG0006 for anything else.
 bool EffectiveBoolean(const Sequence& sequence);
 
-// XPath whitespace: space, tab, carriage return, line feed.
+// XML whitespace: space, tab, carriage return, line feed.
 inline bool IsXPathSpace(char16_t c) {
   return c == u' ' || c == u'\t' || c == u'\r' || c == u'\n';
 }
+
+// `text` without leading and trailing whitespace.
+std::u16string_view TrimSpace(std::u16string_view text);
+
+// The name of an item's type for messages: "xs:integer", "node".
+std::u16string TypeLabel(const Item& item);
 
 }  // namespace XPath
 }  // namespace Detail

@@ -14,7 +14,10 @@
 #include <veskan/XmlSchema.h>
 
 #include "xml/xpath/XPathEvaluator.h"
+#include "xml/xpath/XPathNodes.h"
 #include "xml/xpath/XPathValue.h"
+
+#include <xercesc/dom/DOMNamedNodeMap.hpp>
 
 #include <signal.h>
 #include <sys/wait.h>
@@ -99,35 +102,50 @@ bool Applies(const DOMElement* owner) {
     } else if (type == u"feature" && satisfied) {
       for (const std::u16string& token : Tokens(value))
         if (unsupported.count(token)) return false;
+    } else if ((type == u"xsd-version" || type == u"xml-version") && satisfied) {
+      // XML Schema 1.0 and XML 1.0 rules hold.
+      if (value.find(u"1.1") != std::u16string::npos) return false;
     }
   }
   return true;
 }
 
-// What a test runs against: the context document and the prefixes; false when the environment
-// needs what the harness cannot give the engine (variables bound to documents, parameters,
-// collations, resources).
+// What a test runs against: the context document, the prefixes, and the variables (parameters
+// and documents bound to names); `usable` is false when the environment needs what the harness
+// cannot give the engine (collations, resources, a context item of another kind).
 struct Environment {
   std::shared_ptr<XmlDocument> context;
   std::vector<std::pair<std::u16string, std::u16string>> namespaces;
+  std::vector<std::pair<std::u16string, std::shared_ptr<XmlDocument>>> documents;
+  std::vector<std::pair<std::u16string, std::u16string>> parameters;  // name, select expression
   bool usable = true;
+  bool needsSchema = false;  // validated sources: only a schema-aware processor runs the test
 };
 
 Environment Read(const DOMElement* definition, const std::string& folder) {
   Environment environment;
   for (const DOMElement* part : Children(definition)) {
     const std::u16string kind = Local(part);
-    if (kind == u"source" && Attribute(part, u"role") == u".") {
-      environment.context = Load(folder + "/" + Utf8(Attribute(part, u"file")));
-      environment.usable &= environment.context != nullptr;
+    if (kind == u"source") {
+      const std::u16string role = Attribute(part, u"role");
+      auto document = Load(folder + "/" + Utf8(Attribute(part, u"file")));
+      environment.usable &= document != nullptr;
+      if (role == u".") {
+        environment.context = document;
+      } else if (!role.empty() && role[0] == u'$') {
+        environment.documents.emplace_back(role.substr(1), document);
+      }
+      if (Attribute(part, u"validation") == u"strict") environment.needsSchema = true;
     } else if (kind == u"namespace") {
       environment.namespaces.emplace_back(Attribute(part, u"prefix"), Attribute(part, u"uri"));
+    } else if (kind == u"param") {
+      const std::u16string select = Attribute(part, u"select");
+      if (select.empty()) environment.usable = false;
+      environment.parameters.emplace_back(Attribute(part, u"name"), select);
     } else if (kind != u"description" && kind != u"created" && kind != u"modified" &&
-               kind != u"schema") {
-      environment.usable = false;  // source with a variable role, param, collation, resource...
+               kind != u"schema" && kind != u"static-base-uri") {
+      environment.usable = false;  // collations, resources, decimal formats, ...
     }
-    if (kind == u"source" && Attribute(part, u"validation") == u"strict")
-      environment.usable = false;
   }
   return environment;
 }
@@ -147,13 +165,30 @@ XPathVariables Prefixes(const Environment& environment) {
   return table;
 }
 
+// Evaluates `expression` in `environment`, with `extra` variables beside the environment's.
 Outcome Evaluate(const std::u16string& expression, const Environment& environment,
-                 DOMNode* fallbackContext) {
+                 DOMNode* fallbackContext,
+                 const std::vector<std::pair<std::u16string, XP::Sequence>>& extra = {}) {
   Outcome outcome;
   try {
-    const XP::CompiledExpression compiled(expression, Prefixes(environment));
-    outcome.result = compiled.Evaluate(environment.context ? environment.context->DocumentNode()
-                                                           : fallbackContext);
+    const XPathVariables prefixes = Prefixes(environment);
+    std::vector<std::u16string> names;
+    std::vector<XP::Sequence> values;
+    for (const auto& [name, select] : environment.parameters) {
+      names.push_back(name);
+      values.push_back(XP::CompiledExpression(select, prefixes).Evaluate(nullptr));
+    }
+    for (const auto& [name, document] : environment.documents) {
+      names.push_back(name);
+      values.push_back({XP::Item::OfNode(document->DocumentNode())});
+    }
+    for (const auto& [name, value] : extra) {
+      names.push_back(name);
+      values.push_back(value);
+    }
+    const XP::CompiledExpression compiled(expression, prefixes, 256, names);
+    outcome.result = compiled.Evaluate(
+        environment.context ? environment.context->DocumentNode() : fallbackContext, values);
   } catch (const xercesc::DOMXPathException& error) {
     outcome.failed = true;
     outcome.error = error.getMessage() ? error.getMessage() : u"";
@@ -188,25 +223,110 @@ std::u16string Normalized(const std::u16string& text) {
   return out;
 }
 
+// eq between the items of two results (NaN equal to NaN), or the same node.
 bool SameItem(const XP::Item& a, const XP::Item& b) {
-  if (a.type != b.type) return false;
-  switch (a.type) {
-    case XP::ItemType::Number:
-      return a.number == b.number || (std::isnan(a.number) && std::isnan(b.number));
-    case XP::ItemType::String:
-      return a.string == b.string;
-    case XP::ItemType::Boolean:
-      return a.boolean == b.boolean;
-    case XP::ItemType::Node:
-      return a.node == b.node;
+  if (a.IsNode() || b.IsNode()) return a.IsNode() && b.IsNode() && a.node == b.node;
+  if (a.IsNumeric() && b.IsNumeric() && std::isnan(XP::ToDouble(a)) && std::isnan(XP::ToDouble(b)))
+    return true;
+  try {
+    return XP::ValueCompare(XP::Operator::ValueEqual, a, b, XP::ComparisonContext{});
+  } catch (const xercesc::DOMXPathException&) {
+    return false;
   }
-  return false;
+}
+
+// Nodes compared by their XML: names, attributes in any order, children with adjacent text
+// joined and whitespace-only text between elements ignored.
+bool SameXml(const DOMNode* a, const DOMNode* b);
+
+std::vector<const DOMNode*> Content(const DOMNode* node) {
+  std::vector<const DOMNode*> children;
+  for (const DOMNode* child = node->getFirstChild(); child; child = child->getNextSibling()) {
+    const auto type = child->getNodeType();
+    if (type == DOMNode::TEXT_NODE || type == DOMNode::CDATA_SECTION_NODE) {
+      if (XP::TrimSpace(child->getNodeValue()).empty()) continue;
+    }
+    children.push_back(child);
+  }
+  return children;
+}
+
+bool SameXml(const DOMNode* a, const DOMNode* b) {
+  if (a->getNodeType() != b->getNodeType()) {
+    const auto text = [](const DOMNode* n) {
+      return n->getNodeType() == DOMNode::TEXT_NODE ||
+             n->getNodeType() == DOMNode::CDATA_SECTION_NODE;
+    };
+    if (!(text(a) && text(b))) return false;
+  }
+  if (XP::View(a->getLocalName()) != XP::View(b->getLocalName()) ||
+      XP::View(a->getNamespaceURI()) != XP::View(b->getNamespaceURI())) {
+    return false;
+  }
+  if (a->getNodeType() != DOMNode::ELEMENT_NODE && a->getNodeType() != DOMNode::DOCUMENT_NODE &&
+      a->getNodeType() != DOMNode::DOCUMENT_FRAGMENT_NODE) {
+    return XP::View(a->getNodeValue()) == XP::View(b->getNodeValue()) &&
+           XP::View(a->getNodeName()) == XP::View(b->getNodeName());
+  }
+  if (a->getNodeType() == DOMNode::ELEMENT_NODE) {
+    auto attributes = [](const DOMNode* element) {
+      std::map<std::pair<std::u16string, std::u16string>, std::u16string> map;
+      const xercesc::DOMNamedNodeMap* list = element->getAttributes();
+      for (XMLSize_t i = 0; i < list->getLength(); ++i) {
+        const DOMNode* attribute = list->item(i);
+        if (XP::IsNamespaceDeclaration(attribute)) continue;
+        map[{std::u16string(XP::View(attribute->getNamespaceURI())),
+             std::u16string(XP::View(attribute->getLocalName()))}] =
+            std::u16string(XP::View(attribute->getNodeValue()));
+      }
+      return map;
+    };
+    if (attributes(a) != attributes(b)) return false;
+  }
+  const auto left = Content(a);
+  const auto right = Content(b);
+  if (left.size() != right.size()) return false;
+  for (std::size_t i = 0; i < left.size(); ++i)
+    if (!SameXml(left[i], right[i])) return false;
+  return true;
+}
+
+// The result as XML text: nodes serialized, runs of atomic values joined by spaces.
+std::u16string ResultXml(const XP::Sequence& result) {
+  std::u16string text;
+  bool previousAtomic = false;
+  for (const XP::Item& item : result) {
+    if (item.IsNode()) {
+      const auto type = item.node->getNodeType();
+      if (type == DOMNode::ATTRIBUTE_NODE) return u"\x01";  // attributes have no XML form
+      if (type == DOMNode::DOCUMENT_NODE) {
+        for (DOMNode* child = item.node->getFirstChild(); child; child = child->getNextSibling())
+          text += Text(XmlSchema::PrintElement(child));
+      } else {
+        text += Text(XmlSchema::PrintElement(item.node));
+      }
+      previousAtomic = false;
+    } else {
+      if (previousAtomic) text += u' ';
+      text += Text(SafeForXml(XP::ToString(item).c_str()));
+      previousAtomic = true;
+    }
+  }
+  return text;
+}
+
+bool SameXmlText(const std::u16string& actual, const std::u16string& expected) {
+  const auto a = XmlSchema::NewDoc((u"<w>" + actual + u"</w>").c_str());
+  const auto b = XmlSchema::NewDoc((u"<w>" + expected + u"</w>").c_str());
+  return a && b && a->DocumentNode() && b->DocumentNode() &&
+         SameXml(a->DocumentNode()->getDocumentElement(), b->DocumentNode()->getDocumentElement());
 }
 
 // Judges one assertion of a result (see the suite's guide/running.html).
 class Judge {
  public:
-  Judge(const Outcome& outcome, DOMNode* empty) : outcome_(outcome), empty_(empty) {}
+  Judge(const Outcome& outcome, DOMNode* empty, std::string folder)
+      : outcome_(outcome), empty_(empty), folder_(std::move(folder)) {}
 
   bool operator()(const DOMElement* assertion) const {
     const std::u16string kind = Local(assertion);
@@ -229,7 +349,7 @@ class Judge {
     if (outcome_.failed) return false;
     const XP::Sequence& result = outcome_.result;
     if (kind == u"assert-true" || kind == u"assert-false") {
-      return result.size() == 1 && result[0].type == XP::ItemType::Boolean &&
+      return result.size() == 1 && result[0].type == XP::Type::Boolean &&
              result[0].boolean == (kind == u"assert-true");
     }
     if (kind == u"assert-empty") return result.empty();
@@ -238,6 +358,23 @@ class Judge {
       const bool normalize = Attribute(assertion, u"normalize-space") == u"true";
       return normalize ? Normalized(StringValue(result)) == Normalized(text)
                        : StringValue(result) == text;
+    }
+    if (kind == u"assert-type" || kind == u"assert") {
+      const std::u16string test = kind == u"assert" ? text : u"$result instance of " + text;
+      const Outcome check = Evaluate(test, Environment{}, empty_, {{u"result", result}});
+      try {
+        return !check.failed && XP::EffectiveBoolean(check.result);
+      } catch (const xercesc::DOMXPathException&) {
+        return false;
+      }
+    }
+    if (kind == u"assert-xml") {
+      std::u16string expected = text;
+      if (const std::u16string file = Attribute(assertion, u"file"); !file.empty()) {
+        expected = Text(
+            UTF8to16(BytesFromFile(StringBuffer((folder_ + "/" + Utf8(file)).c_str()).c_str())));
+      }
+      return SameXmlText(ResultXml(result), expected);
     }
     if (kind == u"assert-eq" || kind == u"assert-deep-eq" || kind == u"assert-permutation") {
       const Outcome expected = Evaluate(text, Environment{}, empty_);
@@ -258,12 +395,13 @@ class Judge {
       }
       return true;
     }
-    return false;  // assert-type, assert-xml, assert and others: not judged yet, so not passed
+    return false;  // assert-serialization-error and others: not judged, so not passed
   }
 
  private:
   const Outcome& outcome_;
   DOMNode* empty_;
+  std::string folder_;
 };
 
 enum class Verdict : char { Pass = 'P', Fail = 'F', NotApplicable = 'N' };
@@ -277,7 +415,7 @@ struct Case {
 // Runs the cases from `first` on, writing "<P|F|N> name" lines to `out`; "S name" before each.
 void RunCases(const std::vector<Case>& cases, std::size_t first, const DOMElement* set,
               const std::map<std::u16string, Environment>& environments, const std::string& folder,
-              FILE* out) {
+              bool details, FILE* out) {
   const auto empty = XmlSchema::NewDoc(u"<empty/>");
   for (std::size_t i = first; i < cases.size(); ++i) {
     const DOMElement* testCase = cases[i].element;
@@ -301,17 +439,38 @@ void RunCases(const std::vector<Case>& cases, std::size_t first, const DOMElemen
       }
       const auto tests = Children(testCase, u"test");
       const auto results = Children(testCase, u"result");
-      if (environment.usable && tests.size() == 1 && results.size() == 1) {
+      if (environment.needsSchema) {
+        verdict = Verdict::NotApplicable;
+      } else if (environment.usable && tests.size() == 1 && results.size() == 1) {
         std::u16string expression = Text(XmlSchema::GetTextContent(tests[0]));
         if (const std::u16string file = Attribute(tests[0], u"file"); !file.empty()) {
           const ByteBuffer bytes =
               BytesFromFile(StringBuffer((folder + "/" + Utf8(file)).c_str()).c_str());
           expression = Text(UTF8to16(bytes));
         }
-        const Outcome outcome = Evaluate(expression, environment, empty->DocumentNode());
+        const Outcome outcome = Evaluate(expression, environment, nullptr);
         const auto assertions = Children(results[0]);
-        if (!assertions.empty() && Judge(outcome, empty->DocumentNode())(assertions[0]))
+        if (!assertions.empty() && Judge(outcome, empty->DocumentNode(), folder)(assertions[0]))
           verdict = Verdict::Pass;
+        if (verdict == Verdict::Fail && details) {
+          std::string got;
+          if (outcome.failed) {
+            got = "error " + Utf8(outcome.error);
+          } else {
+            for (const XP::Item& item : outcome.result)
+              got += (got.empty() ? "" : ", ") + Utf8(XP::TypeLabel(item)) + " " +
+                     Utf8(XP::ToString(item)).substr(0, 200);
+            got = "(" + got + ")";
+          }
+          std::printf(
+              "  %s\n    expression: %s\n    expected: %s\n    got: %s\n", cases[i].name.c_str(),
+              Utf8(expression).substr(0, 400).c_str(),
+              assertions.empty()
+                  ? ""
+                  : Utf8(Text(XmlSchema::PrintElement(assertions[0]))).substr(0, 400).c_str(),
+              got.c_str());
+          std::fflush(stdout);
+        }
       }
     }
     alarm(0);
@@ -343,11 +502,14 @@ Counts RunSet(const std::string& file, const std::map<std::u16string, Environmen
   while (next < cases.size()) {
     int channel[2];
     if (pipe(channel) != 0) break;
+    // The child inherits unwritten output: write it first, so that it is not written twice.
+    std::cout.flush();
+    std::fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
       close(channel[0]);
       FILE* out = fdopen(channel[1], "w");
-      RunCases(cases, next, set, environments, folder, out);
+      RunCases(cases, next, set, environments, folder, showFailures, out);
       std::fclose(out);
       _exit(0);
     }
@@ -370,7 +532,6 @@ Counts RunSet(const std::string& file, const std::map<std::u16string, Environmen
       if (text[0] == 'N') ++counts.notApplicable;
       if (text[0] == 'F') {
         ++counts.fail;
-        if (showFailures) std::cout << "  fail " << name << "\n";
       }
     }
     std::fclose(in);
