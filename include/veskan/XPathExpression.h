@@ -13,9 +13,9 @@
 
 namespace Veskan {
 
-// The language is XPath 2.0 in its XPath 1.0 compatibility mode: all of XPath 1.0, plus
-// sequences, value and node comparisons, if, for, some/every, to, union/intersect/except and the
-// fn: string, sequence and number functions. Numbers are doubles with the XPath 1.0 conversions.
+// The language is XPath 2.0 over untyped documents: typed atomic values of the XML Schema
+// built-in types, sequence types, casts and the whole function library. A node's value is
+// xs:untypedAtomic: it reads as a number against a number and as a string otherwise.
 //
 // Variables are bound by text: every "$key" of the expression, for each entry of `variables` in
 // order, is replaced by the value as a string literal ('' for empty, 'v', "v" when v holds an
@@ -24,8 +24,9 @@ namespace Veskan {
 // Prefixes resolve through `namespaces` (prefix to URI); "fn" names the function namespace.
 //
 // When evaluation fails, Count() is 0, ErrorCode() is "<code> (DOMXPathException)" or
-// "<code> (DOMException)" (51 for a malformed expression, an unknown function, prefix or
-// variable; 52 for a type error) or "##unknown error##", and ErrorMessage() says what went wrong.
+// "<code> (DOMException)" (51 for a malformed expression, an unknown function, prefix, type or
+// variable; 52 for a type or dynamic error) or "##unknown error##", and ErrorMessage() says what
+// went wrong, starting with the standard error code ("XPTY0004: ...").
 // Items that are not nodes (a number, a string) are skipped.
 //
 // Thread safety: one expression and its document on one thread at a time.
