@@ -185,31 +185,6 @@ TEST_F(XPathEvaluatorTest, SequencesComparisonsAndBindings) {
   }
 }
 
-TEST_F(XPathEvaluatorTest, FunctionsAndCastsInExpressions) {
-  const std::pair<const char16_t*, const char*> cases[] = {
-      {u"string-join(for $a in //a return string($a), '-')", "A-B-C-D"},
-      {u"upper-case((//t)[1])", "PARIS"},
-      {u"tokenize('a,b,,c', ',')", "a, b, , c"},
-      {u"replace('2026-11-22', '(\\d+)-(\\d+)-(\\d+)', '$3.$2.$1')", "22.11.2026"},
-      {u"index-of((1, 2, 1), 1)", "1, 3"},
-      {u"reverse(1 to 3)", "3, 2, 1"},
-      {u"subsequence(//a, 2, 2)", "a(B), a(C)"},
-      {u"exists(//z), empty(//z)", "false, true"},
-      {u"ends-with((//t)[2], 'on'), matches((//t)[1], '^p', 'i')", "true, true"},
-      {u"count(distinct-values(//q/@points)), avg(//q/@points), max(//q/@points)", "2, 4, 5"},
-      {u"fn:sum(//q/@points) div count(//q)", "4"},
-      {u"xs:integer('42') + 1, xs:integer(3.7), xs:double(' 1e3 '), xs:string(1.5)",
-       "43, 3, 1000, 1.5"},
-      {u"xs:boolean('0'), xs:boolean(' true '), xs:integer(())", "false, true"},
-  };
-  for (const auto& [expression, expected] : cases) {
-    EXPECT_EQ(Eval(expression), expected) << Utf8(expression);
-  }
-  EXPECT_EQ(Error(u"xs:integer('4.2')"), "52: FORG0001: \"4.2\" is not a valid xs:integer.");
-  EXPECT_EQ(Error(u"xs:boolean('yes')"), "52: FORG0001: \"yes\" is not a valid xs:boolean.");
-  EXPECT_EQ(Error(u"xs:nosuch('1')"), "51: XPST0017: The function xs:nosuch() is not known.");
-}
-
 TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
   const std::pair<const char16_t*, const char*> cases[] = {
       {u"//q[", "51: XPST0003: Syntax error at offset"},
