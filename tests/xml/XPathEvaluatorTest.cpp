@@ -202,10 +202,8 @@ TEST_F(XPathEvaluatorTest, StaticAndTypeErrorsNameTheirCause) {
       {u"//q is //a", "52: XPTY0004: A node comparison needs a single node on each side."},
       {u"if ((1, 2)) then 1 else 0", "52: FORG0006: "},
       {u"1 to 5000000",
-       "52: FOER0000: The expression builds a sequence of more than 4194304 items."},
-      {u"count(9223372036854775807 to 9223372036854775808)",
-       "52: FOAR0002: A range bound is beyond"},
-      {u"count(9007199254740993 to 9007199254740994)", "no error"},
+       "52: XPDY0130: The expression builds a sequence of more than 4194304 items."},
+      {u"count(9223372036854775807 to 9223372036854775808)", "no error"},
       // Catastrophic backtracking ends at the match engine's step limit.
       {u"matches('aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa!', '^(a+)+$')",
        "52: FORX0002: The regular expression \"^(a+)+$\" could not be matched: U_REGEX_TIME_OUT."},

@@ -144,12 +144,13 @@ int Base64Value(char16_t c) {
   return -1;
 }
 
-// Base64 with spaces allowed between characters; padding only at the end, and the character
-// before it may not carry bits the padding says are absent.
+// Base64 with white space allowed between characters (the type collapses white space, so line
+// breaks are spaces too); padding only at the end, and the character before it may not carry
+// bits the padding says are absent.
 std::optional<std::string> ParseBase64(std::u16string_view text) {
   std::u16string compact;
   for (const char16_t c : text) {
-    if (c != u' ') compact += c;
+    if (c != u' ' && c != u'\t' && c != u'\n' && c != u'\r') compact += c;
   }
   if (compact.size() % 4 != 0) return std::nullopt;
   std::size_t padding = 0;

@@ -413,6 +413,8 @@ class Binder {
         return binding->slot;
       }
     }
+    // A prefix bound to no namespace is the fault to report, whatever the local name.
+    if (!node.name.prefix.empty()) Resolve(node.name.prefix, node.offset);
     std::u16string name =
         node.name.prefix.empty() ? node.name.local : node.name.prefix + u":" + node.name.local;
     ThrowInvalidExpression(u"XPST0008", u"The variable $" + name + u" is not defined.");
@@ -804,7 +806,7 @@ const Item* ArithmeticOperand(const Sequence& sequence, Item& storage) {
 
 void CheckLength(std::size_t length) {
   if (length > MaxSequenceLength) {
-    ThrowTypeError(u"FOER0000", u"The expression builds a sequence of more than " +
+    ThrowTypeError(u"XPDY0130", u"The expression builds a sequence of more than " +
                                     MessageText(std::to_string(MaxSequenceLength)) + u" items.");
   }
 }
@@ -1121,31 +1123,38 @@ class Evaluation {
     const Item* a = SingleAtomic(left, storageA, u"a range");
     const Item* b = SingleAtomic(right, storageB, u"a range");
     if (!a || !b) return {};
-    const std::int64_t from = RangeBound(*a);
-    const std::int64_t to = RangeBound(*b);
+    const Decimal from = RangeBound(*a);
+    const Decimal to = RangeBound(*b);
     if (from > to) return {};
-    // The difference of two int64 values may not fit one: count in unsigned arithmetic.
-    const std::uint64_t count =
-        static_cast<std::uint64_t>(to) - static_cast<std::uint64_t>(from) + 1;
-    if (count == 0 || count > MaxSequenceLength) CheckLength(MaxSequenceLength + 1);
+    // Bounds may be any integers; only the count is limited.
+    const Decimal last = to - from;
+    if (!last.FitsInt64() || static_cast<std::uint64_t>(last.ToInt64()) >= MaxSequenceLength) {
+      CheckLength(MaxSequenceLength + 1);
+    }
+    const auto count = static_cast<std::size_t>(last.ToInt64()) + 1;
     Sequence result;
-    result.reserve(static_cast<std::size_t>(count));
-    for (std::uint64_t i = 0; i < count; ++i)
-      result.push_back(Item::OfInteger(from + static_cast<std::int64_t>(i)));
+    result.reserve(count);
+    if (from.FitsInt64() && to.FitsInt64()) {
+      const std::int64_t first = from.ToInt64();
+      for (std::size_t i = 0; i < count; ++i)
+        result.push_back(Item::OfInteger(first + static_cast<std::int64_t>(i)));
+    } else {
+      const Decimal one = Decimal::FromInt64(1);
+      Decimal value = from;
+      for (std::size_t i = 0; i < count; ++i, value = value + one)
+        result.push_back(Item::OfDecimal(value, Type::Integer));
+    }
     return result;
   }
 
   // A bound of `to`: an integer, or an untyped value that reads as one.
-  static std::int64_t RangeBound(const Item& item) {
+  static Decimal RangeBound(const Item& item) {
     const Item value = item.type == Type::UntypedAtomic ? Cast(item, Type::Integer) : item;
     if (!IsIntegerType(value.type)) {
       ThrowTypeError(u"XPTY0004",
                      u"A range bound must be an integer, not an " + TypeLabel(value) + u".");
     }
-    if (!value.decimal.FitsInt64()) {
-      ThrowTypeError(u"FOAR0002", u"A range bound is beyond the integers a range counts.");
-    }
-    return value.decimal.ToInt64();
+    return value.decimal;
   }
 
   Sequence Combine(Operator op, Sequence left, Sequence right) {
