@@ -1,7 +1,7 @@
 // Fuzzes the XPath evaluator over a few fixed documents: any expression either fails with the
 // engine's own error or evaluates, with node results of paths and set operators in document order
-// without duplicates, the same result on a second evaluation, and the same nodes through the
-// public XPathExpression, which never throws.
+// without duplicates, the same result on a second evaluation (unless it reads the clock), and the
+// same nodes through the public XPathExpression, which never throws.
 #include "xml/xpath/XPathEvaluator.h"
 
 #include "FuzzInput.h"
@@ -56,7 +56,11 @@ constexpr char16_t TinyText[] = u"<p:e xmlns:p=\"urn:p\" p:a=\"\"/>";
 
 struct Fixture {
   Globals globals;
-  XPathVariables namespaces{u"p", u"urn:p", u"fn", FunctionsNamespace.data(), nullptr};
+  // xs: reaches the constructor functions, casts and sequence types of the typed values.
+  XPathVariables namespaces{u"p",   u"urn:p",
+                            u"fn",  FunctionsNamespace.data(),
+                            u"xs",  u"http://www.w3.org/2001/XMLSchema",
+                            nullptr};
   std::shared_ptr<XmlDocument> quiz = XmlSchema::NewDoc(QuizText);
   std::shared_ptr<XmlDocument> tree = XmlSchema::NewDoc(TreeText);
   std::shared_ptr<XmlDocument> tiny = XmlSchema::NewDoc(TinyText);
@@ -115,6 +119,19 @@ bool ReturnsNodeSet(const Node& tree) {
           tree.op == Operator::Except);
 }
 
+// Whether the expression reads the clock: current-dateTime() and its kin are fixed within one
+// evaluation only, so two evaluations may differ.
+bool ReadsClock(const Node& tree) {
+  if (tree.kind == NodeKind::Call && tree.name.local.compare(0, 8, u"current-") == 0) return true;
+  for (const auto& child : tree.children) {
+    if (ReadsClock(*child)) return true;
+  }
+  for (const auto& predicate : tree.predicates) {
+    if (ReadsClock(*predicate)) return true;
+  }
+  return false;
+}
+
 void CheckDocumentOrder(const Sequence& result) {
   DocumentOrder order;
   const xercesc::DOMNode* previous = nullptr;
@@ -146,6 +163,7 @@ void Fuzz(std::u16string_view text) {
   // What compiled must parse on its own.
   const std::unique_ptr<Node> tree = Parse(text);
   const bool nodeSet = ReturnsNodeSet(*tree);
+  const bool stable = !ReadsClock(*tree);
 
   bool documentResult = false;
   std::vector<xercesc::DOMNode*> documentNodes;
@@ -163,7 +181,7 @@ void Fuzz(std::u16string_view text) {
     } catch (const XPathError&) {
       std::abort();  // the first evaluation succeeded
     }
-    Fuzzing::Require(Render(first) == Render(second));
+    if (stable) Fuzzing::Require(Render(first) == Render(second));
     if (context == documents.quiz->DocumentNode()) {
       documentResult = true;
       documentNodes = NodesOf(first);

@@ -1,5 +1,6 @@
 // The XPath evaluator: the XPath 2.0 expressions hosts write, axes and document order, static
-// and type errors, and hostile input (deep nesting, huge ranges, large and deep documents).
+// and type errors, and hostile input (deep nesting, huge ranges and values, large and deep
+// documents).
 #include "xml/xpath/XPathEvaluator.h"
 
 #include <veskan/Globals.h>
@@ -239,6 +240,46 @@ TEST_F(XPathEvaluatorTest, HostileExpressionsEndInErrorsNotCrashes) {
   EXPECT_EQ(Eval((u"-" + huge + u" * " + huge).c_str()), "-1" + std::string(800, '0'));
   EXPECT_EQ(Eval((u"-" + huge + u"e0 * " + huge).c_str()), "-INF");
   EXPECT_EQ(Eval(u"0.0000000000000000000000000000000000000000000001 > 0"), "true");
+
+  // Values are limited in size as sequences are in length: squaring again and again, and
+  // strings of eight copies of eight copies of ..., end in errors rather than exhausting memory.
+  const auto name = [](const char16_t* prefix, int i) {
+    return prefix + MessageText(std::to_string(i));
+  };
+  std::u16string squares = u"for $n0 in 99999999999999999999 return ";
+  for (int i = 1; i < 24; ++i) {
+    const std::u16string previous = name(u"$n", i - 1);
+    squares += u"for " + name(u"$n", i) + u" in " + previous + u" * " + previous + u" return ";
+  }
+  EXPECT_EQ(Error((squares + u"$n23").c_str()),
+            "52: FOAR0002: The product has more than 67108864 digits.");
+  // $sN holds 16 * 8^N characters.
+  const auto copies = [&name](int levels) {
+    std::u16string text = u"for $s0 in '0123456789abcdef' return ";
+    for (int i = 1; i <= levels; ++i) {
+      std::u16string arguments = name(u"$s", i - 1);
+      for (int k = 1; k < 8; ++k)
+        arguments += u", " + name(u"$s", i - 1);
+      text += u"for " + name(u"$s", i) + u" in concat(" + arguments + u") return ";
+    }
+    return text;
+  };
+  const std::string tooLong =
+      "52: XPDY0130: The expression builds values of more than 67108864 characters.";
+  EXPECT_EQ(Eval((copies(6) + u"string-length($s6)").c_str()), "4194304");
+  EXPECT_EQ(Error((copies(8) + u"string-length($s8)").c_str()), tooLong);
+  EXPECT_EQ(Error((copies(6) + u"count(for $i in 1 to 100 return $s6)").c_str()), tooLong);
+  EXPECT_EQ(Error((copies(6) + u"string-join(for $i in 1 to 1000 return '', $s6)").c_str()),
+            tooLong);
+  // Each sequence within its limits, but every level of nesting holding one more.
+  std::u16string fifteen = u"$s6";
+  for (int i = 1; i < 15; ++i)
+    fifteen += u", $s6";
+  EXPECT_EQ(Error((copies(6) + u"count(for $x in (" + fifteen + u") return for $y in (" + fifteen +
+                   u") return for $z in (" + fifteen + u") return 1)")
+                      .c_str()),
+            "52: XPDY0130: The expression holds values of more than 134217728 characters at "
+            "once.");
 }
 
 TEST_F(XPathEvaluatorTest, LargeAndDeepDocuments) {

@@ -534,6 +534,10 @@ int Decimal::Sign() const {
   return (small_ > 0) - (small_ < 0);
 }
 
+std::size_t Decimal::HeapDigits() const {
+  return big_ ? mpz_sizeinbase(big_.get()->value.get_mpz_t(), 10) : 0;
+}
+
 int Decimal::CompareSlow(const Decimal& other) const {
   const int sign = Sign(), otherSign = other.Sign();
   if (sign != otherSign) return sign < otherSign ? -1 : 1;

@@ -76,6 +76,9 @@ class Decimal {
   int Sign() const;                               // -1, 0 or 1
   bool IsInteger() const { return scale_ == 0; }  // no fractional digits
   int Scale() const { return scale_; }            // the number of fractional digits, >= 0
+  // The digits of an unscaled integer beyond 64 bits (perhaps one more), zero for one within:
+  // the size of what the value keeps outside the object. Constant time.
+  std::size_t HeapDigits() const;
 
   // Whether the value truncated toward zero fits in std::int64_t (2.5 and -9223372036854775808.9
   // do; 9223372036854775808 does not); ToInt64() is that truncated value, and requires it.

@@ -804,6 +804,14 @@ const Item* ArithmeticOperand(const Sequence& sequence, Item& storage) {
   return item;
 }
 
+// The characters the items hold (TextLength).
+std::size_t TextLengthOf(const Sequence& sequence) {
+  std::size_t length = 0;
+  for (const Item& item : sequence)
+    length += TextLength(item);
+  return length;
+}
+
 void CheckLength(std::size_t length) {
   if (length > MaxSequenceLength) {
     ThrowTypeError(u"XPDY0130", u"The expression builds a sequence of more than " +
@@ -826,6 +834,44 @@ class Evaluation {
 
   std::vector<Sequence>& Variables() { return variables_; }
 
+  // The share of one expression in what the evaluation holds while a nested expression
+  // evaluates: the limits of one sequence alone would let every level of nesting hold as much
+  // again. Together they may hold twice what one sequence may.
+  class Held {
+   public:
+    explicit Held(Evaluation& evaluation) : evaluation_(evaluation) {}
+    ~Held() {
+      evaluation_.heldItems_ -= items_;
+      evaluation_.heldText_ -= text_;
+    }
+    Held(const Held&) = delete;
+    Held& operator=(const Held&) = delete;
+
+    // The expression now holds `items` items with `text` characters (TextLength). XPDY0130
+    // when the evaluation then holds too much.
+    void Set(std::size_t items, std::size_t text) {
+      evaluation_.heldItems_ = evaluation_.heldItems_ - items_ + items;
+      evaluation_.heldText_ = evaluation_.heldText_ - text_ + text;
+      items_ = items;
+      text_ = text;
+      if (evaluation_.heldItems_ > 2 * MaxSequenceLength) {
+        ThrowTypeError(u"XPDY0130", u"The expression holds more than " +
+                                        MessageText(std::to_string(2 * MaxSequenceLength)) +
+                                        u" items at once.");
+      }
+      if (evaluation_.heldText_ > 2 * MaxTextLength) {
+        ThrowTypeError(u"XPDY0130", u"The expression holds values of more than " +
+                                        MessageText(std::to_string(2 * MaxTextLength)) +
+                                        u" characters at once.");
+      }
+    }
+
+   private:
+    Evaluation& evaluation_;
+    std::size_t items_ = 0;
+    std::size_t text_ = 0;
+  };
+
   Sequence Eval(const Op& op, const Focus& focus) {
     switch (op.kind) {
       case NodeKind::Literal:
@@ -840,8 +886,12 @@ class Evaluation {
         return Call(op, focus);
       case NodeKind::Sequence: {
         Sequence result;
-        for (const Op& child : op.children)
-          Append(result, Eval(child, focus));
+        std::size_t length = 0;
+        Held held(*this);
+        for (const Op& child : op.children) {
+          Append(result, Eval(child, focus), length);
+          held.Set(result.size(), length);
+        }
         return result;
       }
       case NodeKind::Filter: {
@@ -897,6 +947,13 @@ class Evaluation {
     }
   }
 
+  // Appends to a sequence whose values hold `length` characters so far (TextLength).
+  static void Append(Sequence& to, Sequence&& from, std::size_t& length) {
+    length += TextLengthOf(from);
+    CheckTextLength(length);
+    Append(to, std::move(from));
+  }
+
   static DOMNode* ContextNodeOf(const Focus& focus) {
     if (!focus.item) ThrowTypeError(u"XPDY0002", u"A path needs a context node and there is none.");
     if (!focus.item->IsNode())
@@ -907,14 +964,29 @@ class Evaluation {
   Sequence Call(const Op& op, const Focus& focus) {
     std::vector<Sequence> arguments;
     arguments.reserve(op.children.size());
-    for (const Op& child : op.children)
+    // The arguments are held at once, as evaluated and then as converted (nodes atomized): their
+    // text is limited as one sequence's, and so is the result's.
+    std::size_t items = 0;
+    std::size_t length = 0;
+    Held held(*this);
+    for (const Op& child : op.children) {
       arguments.push_back(Eval(child, focus));
+      items += arguments.back().size();
+      length += TextLengthOf(arguments.back());
+      CheckTextLength(length);
+      held.Set(items, length);
+    }
     const std::vector<ParameterType>& types = ParameterTypes(*op.function);
+    length = 0;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
       ConvertArgument(arguments[i], types[std::min(i, types.size() - 1)], op.function->localName);
+      length += TextLengthOf(arguments[i]);
+      CheckTextLength(length);
     }
     FunctionContext context(focus.item, focus.position, focus.size, order_, dynamic_);
-    return op.function->body(context, arguments);
+    Sequence result = op.function->body(context, arguments);
+    CheckTextLength(TextLengthOf(result));
+    return result;
   }
 
   // Keeps the items for which the predicate holds, each tested with its position in `items`.
@@ -933,6 +1005,8 @@ class Evaluation {
     }
     std::size_t kept = 0;
     const std::size_t size = items.size();
+    Held held(*this);
+    held.Set(size, TextLengthOf(items));
     for (std::size_t i = 0; i < size; ++i) {
       if (Holds(predicate, Focus{&items[i], i + 1, size})) {
         if (kept != i) items[kept] = std::move(items[i]);
@@ -990,6 +1064,8 @@ class Evaluation {
       ordered = flat = current.size() < 2;
       if (path.children.size() > 1) RequireNodes(current);
     }
+    // Between parts, `current` holds nodes only.
+    Held held(*this);
     for (std::size_t i = first; i < path.children.size(); ++i) {
       const Op& part = path.children[i];
       const bool last = i + 1 == path.children.size();
@@ -998,6 +1074,7 @@ class Evaluation {
         const bool single = current.size() == 1;
         for (const Item& item : current) {
           const std::size_t start = next.size();
+          held.Set(current.size() + next.size(), 0);
           Step(part, item.node, next);
           if (IsReverse(part.axis))
             std::reverse(next.begin() + static_cast<std::ptrdiff_t>(start), next.end());
@@ -1019,8 +1096,10 @@ class Evaluation {
         ordered = true;
       } else {
         const std::size_t size = current.size();
+        std::size_t length = 0;
         for (std::size_t k = 0; k < size; ++k) {
-          Append(next, Eval(part, Focus{&current[k], k + 1, size}));
+          held.Set(size + next.size(), length);
+          Append(next, Eval(part, Focus{&current[k], k + 1, size}), length);
         }
         if (AllNodes(next)) {
           order_.Sort(next);
@@ -1059,6 +1138,8 @@ class Evaluation {
 
   Sequence Apply(const Op& node, Sequence left, const Focus& focus) {
     const Op& rightOp = node.children[1];
+    Held held(*this);
+    held.Set(left.size(), TextLengthOf(left));
     switch (node.op) {
       case Operator::Or:
         if (EffectiveBoolean(left)) return {Item::OfBoolean(true)};
@@ -1261,11 +1342,16 @@ class Evaluation {
     Sequence& variable = variables_[static_cast<std::size_t>(op.slot)];
     const Sequence saved = std::move(variable);
     Sequence result;
+    std::size_t length = 0;
+    const std::size_t domainText = TextLengthOf(domain);
+    Held held(*this);
+    held.Set(domain.size(), domainText);
     bool answer = op.kind == NodeKind::Every;
     for (const Item& item : domain) {
       variable.assign(1, item);
       if (op.kind == NodeKind::For) {
-        Append(result, Eval(op.children[1], focus));
+        Append(result, Eval(op.children[1], focus), length);
+        held.Set(domain.size() + result.size(), domainText + length);
         continue;
       }
       const bool holds = EffectiveBoolean(Eval(op.children[1], focus));
@@ -1286,6 +1372,9 @@ class Evaluation {
   std::vector<Sequence> variables_;
   DocumentOrder order_;
   const DynamicContext& dynamic_;
+  // What the sequences of enclosing expressions hold (Held).
+  std::size_t heldItems_ = 0;
+  std::size_t heldText_ = 0;
 };
 
 std::u16string SyntaxMessage(const XPathSyntaxError& error) {

@@ -71,6 +71,12 @@ Item DecimalArithmetic(Operator op, Type type, const Decimal& a, const Decimal& 
     case Operator::Subtract:
       return Item::OfDecimal(Decimal::Subtract(a, b), type);
     case Operator::Multiply:
+      // Squaring again and again doubles the digits each time: past what one value may hold, the
+      // product overflows rather than exhaust memory.
+      if (a.HeapDigits() + b.HeapDigits() > MaxTextLength) {
+        ThrowTypeError(u"FOAR0002", u"The product has more than " +
+                                        MessageText(std::to_string(MaxTextLength)) + u" digits.");
+      }
       return Item::OfDecimal(Decimal::Multiply(a, b), type);
     default:
       break;

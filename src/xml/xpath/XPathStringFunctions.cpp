@@ -53,7 +53,13 @@ Sequence Concat(FunctionContext&, Arguments& arguments) {
 
 Sequence StringJoin(FunctionContext&, Arguments& arguments) {
   const std::u16string separator = StringOf(arguments[1]);
+  // A long separator between many items makes a result far longer than the arguments.
+  std::size_t length = arguments[0].empty() ? 0 : separator.size() * (arguments[0].size() - 1);
+  for (const Item& item : arguments[0])
+    length += item.string.size();
+  CheckTextLength(length);
   std::u16string out;
+  out.reserve(length);
   for (std::size_t i = 0; i < arguments[0].size(); ++i) {
     if (i > 0) out += separator;
     out += arguments[0][i].string;
@@ -213,6 +219,8 @@ std::u16string PercentEncoded(const std::u16string& text, Keep keep) {
       byte(0x80 | ((c >> 6) & 0x3F));
       byte(0x80 | (c & 0x3F));
     }
+    // An escaped character takes up to nine times its length.
+    CheckTextLength(out.size());
   }
   return out;
 }
@@ -900,6 +908,8 @@ void AppendReplacement(const std::u16string& replacement, icu::RegexMatcher& mat
       if (group <= groups) {
         UErrorCode status = U_ZERO_ERROR;
         out += ToU16(matcher.group(static_cast<int32_t>(group), status));
+        // Each reference repeats a group: the result may far outgrow the input.
+        CheckTextLength(out.size());
       }
     } else {
       out += c;
@@ -924,6 +934,7 @@ Sequence Replace(FunctionContext&, Arguments& arguments) {
     if (U_FAILURE(status)) break;
     out.append(input, static_cast<std::size_t>(last), static_cast<std::size_t>(start - last));
     AppendReplacement(replacement, *regex.matcher, out);
+    CheckTextLength(out.size());
     last = end;
   }
   out.append(input, static_cast<std::size_t>(last), std::u16string::npos);

@@ -51,6 +51,24 @@ void ThrowTypeError(std::u16string_view code, std::u16string message) {
   throw XPathError(xercesc::DOMXPathException::TYPE_ERR, std::u16string(code) + u": " + message);
 }
 
+std::size_t TextLength(const Item& item) {
+  if (item.type == Type::QName) {
+    const QNameValue& name = item.AsQName();
+    return name.uri.size() + name.prefix.size() + name.local.size();
+  }
+  if (IsBinaryType(item.type)) return item.AsOctets().size();
+  // Members the type does not use keep their empty defaults; numbers within 64 bits live in the
+  // item itself.
+  return item.string.size() + item.decimal.HeapDigits();
+}
+
+void CheckTextLength(std::size_t length) {
+  if (length > MaxTextLength) {
+    ThrowTypeError(u"XPDY0130", u"The expression builds values of more than " +
+                                    MessageText(std::to_string(MaxTextLength)) + u" characters.");
+  }
+}
+
 std::u16string MessageText(std::string_view utf8) {
   const StringBuffer text = UTF8to16(utf8.data(), 0, static_cast<int>(utf8.size()));
   return std::u16string(text.getBuffer(), static_cast<std::size_t>(text.length()));
@@ -253,8 +271,12 @@ Item Atomize(const Item& item) {
 Sequence Atomize(const Sequence& sequence) {
   Sequence out;
   out.reserve(sequence.size());
-  for (const Item& item : sequence)
+  std::size_t length = 0;
+  for (const Item& item : sequence) {
     out.push_back(Atomize(item));
+    length += TextLength(out.back());
+    CheckTextLength(length);
+  }
   return out;
 }
 

@@ -128,6 +128,17 @@ class XPathError : public xercesc::DOMXPathException {
 [[noreturn]] void ThrowInvalidExpression(std::u16string_view code, std::u16string message);
 [[noreturn]] void ThrowTypeError(std::u16string_view code, std::u16string message);
 
+// The most characters one sequence (or one string) may hold, counting the code units of
+// strings and QNames, the digits of numbers beyond 64 bits and the octets of binary values: the
+// limit on a sequence's items alone would let millions of copies of one long string, or
+// doubling concatenations, exhaust memory. Far above what any document the library keeps gives.
+constexpr std::size_t MaxTextLength = std::size_t{1} << 26;
+
+// The characters an item holds by that count (none for a node: its text is the document's).
+std::size_t TextLength(const Item& item);
+// XPDY0130 when `length` exceeds MaxTextLength.
+void CheckTextLength(std::size_t length);
+
 // ASCII or UTF-8 text for messages.
 std::u16string MessageText(std::string_view utf8);
 
@@ -144,7 +155,7 @@ std::u16string StringValue(const xercesc::DOMNode* node);
 // A node's typed value (xs:untypedAtomic, or xs:string for comments, processing instructions
 // and namespace nodes); an atomic value itself.
 Item Atomize(const Item& item);
-// Every item atomized, in order.
+// Every item atomized, in order; XPDY0130 when their text exceeds MaxTextLength.
 Sequence Atomize(const Sequence& sequence);
 
 // The value as xs:string: a node's string-value, or the canonical form of an atomic value
