@@ -12,6 +12,7 @@
 #include <optional>
 #include <string>
 #include <system_error>
+#include <vector>
 
 namespace Veskan {
 namespace Detail {
@@ -81,11 +82,25 @@ constexpr IntegerBounds Bounds[] = {
 };
 
 bool InRange(const Decimal& value, Type type) {
-  for (const IntegerBounds& bounds : Bounds) {
-    if (bounds.type != type) continue;
-    if (bounds.minimum && value.Compare(*Decimal::ParseInteger(bounds.minimum)) < 0) return false;
-    if (bounds.maximum && value.Compare(*Decimal::ParseInteger(bounds.maximum)) > 0) return false;
-    return true;
+  // Read once: a cast to an integer type is common, the bounds never change.
+  struct Range {
+    Type type;
+    std::optional<Decimal> minimum;
+    std::optional<Decimal> maximum;
+  };
+  static const std::vector<Range> ranges = [] {
+    std::vector<Range> table;
+    for (const IntegerBounds& bounds : Bounds) {
+      table.push_back({bounds.type,
+                       bounds.minimum ? Decimal::ParseInteger(bounds.minimum) : std::nullopt,
+                       bounds.maximum ? Decimal::ParseInteger(bounds.maximum) : std::nullopt});
+    }
+    return table;
+  }();
+  for (const Range& range : ranges) {
+    if (range.type != type) continue;
+    return (!range.minimum || value.Compare(*range.minimum) >= 0) &&
+           (!range.maximum || value.Compare(*range.maximum) <= 0);
   }
   return true;
 }

@@ -49,7 +49,8 @@ struct Op {
   std::u16string uri;  // of a name test, resolved
   const Node* source = nullptr;
   const FunctionDefinition* function = nullptr;
-  Item constant;                          // a literal's value
+  const std::vector<ParameterType>* parameterTypes = nullptr;  // the function's, read at binding
+  Item constant;                                               // a literal's value
   Type atomicType = Type::AnyAtomicType;  // of a cast, a constructor call or an atomic test
   const SequenceType* sequenceType = nullptr;
   std::shared_ptr<Op> elementTest;  // of document-node(element(...))
@@ -207,6 +208,7 @@ class Binder {
       case NodeKind::Call:
         if (BindConstructor(node, op)) break;
         op.function = BindFunction(node);
+        op.parameterTypes = &ParameterTypes(*op.function);
         break;
       case NodeKind::CastAs:
       case NodeKind::CastableAs:
@@ -976,7 +978,7 @@ class Evaluation {
       CheckTextLength(length);
       held.Set(items, length);
     }
-    const std::vector<ParameterType>& types = ParameterTypes(*op.function);
+    const std::vector<ParameterType>& types = *op.parameterTypes;
     length = 0;
     for (std::size_t i = 0; i < arguments.size(); ++i) {
       ConvertArgument(arguments[i], types[std::min(i, types.size() - 1)], op.function->localName);
