@@ -101,6 +101,7 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   friend class Server;
   friend class Client;
   friend class DaemonMarshaller;
+  friend class Detail::Connection;
   struct Cycle;
   struct Interest;
   using ConnectionPointer = std::shared_ptr<Detail::Connection>;
@@ -205,6 +206,9 @@ class VESKAN_API Daemon : public std::enable_shared_from_this<Daemon> {
   std::thread thread_;
   std::atomic<std::thread::id> worker_{};  // the worker thread, once it runs
   std::unique_ptr<Sys::WakeUp> wakeUp_;
+  // Set by the first wake-up since the worker last looked at its connections: the ones after it
+  // need no system call, the worker will see their changes anyway.
+  std::atomic<bool> wakePending_{false};
   struct Deferred {
     ConnectionPointer connection;
     SocketExceptions::Enumeration reason;

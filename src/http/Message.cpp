@@ -4,6 +4,7 @@
 #include <veskan/Logger.h>
 
 #include "http/SignalPool.h"
+#include "sys/Turns.h"
 
 #include <chrono>
 #include <exception>
@@ -126,6 +127,7 @@ ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, dou
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                             std::chrono::duration<double>(seconds));
+  Sys::TurnAway away;  // a worker waiting here lets the others, maybe the one awaited, go on
   wakeUp_.wait_until(lock, deadline, over);
   return readyState_;
 }

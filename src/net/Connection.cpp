@@ -1,6 +1,7 @@
 // The engine's state of one connection: its output, its pace and its clocks.
 #include "net/Connection.h"
 
+#include <veskan/Daemon.h>
 #include <veskan/NetworkPerformanceMonitor.h>
 
 #include "net/EngineCounters.h"
@@ -116,6 +117,15 @@ bool Connection::Flush(std::int64_t now, int& error) {
   }
 }
 
+void Connection::WakeWorker() {
+  std::shared_ptr<Daemon> worker;
+  {
+    std::lock_guard<std::recursive_mutex> lock(mutex);
+    worker = daemon;
+  }
+  if (worker) worker->WakeUp();
+}
+
 int Connection::Unanswered() const {
   int count = 0;
   for (const Exchange& exchange : exchanges) {
@@ -127,7 +137,7 @@ int Connection::Unanswered() const {
 bool Connection::ReadPaused() const {
   // An outgoing connection always reads: the peer may answer before it has read the request.
   if (!serverSide) return false;
-  return Unsent() >= static_cast<std::size_t>(limits.MaxUnsentBytes) ||
+  return hostBusy || Unsent() >= static_cast<std::size_t>(limits.MaxUnsentBytes) ||
          Unanswered() >= limits.MaxUnansweredRequests;
 }
 

@@ -71,6 +71,9 @@ class Connection {
   // system's error number in `error`.
   bool Flush(std::int64_t now, int& error);
 
+  // Wakes the worker that serves the connection, if any, to look at it again. Takes the lock.
+  void WakeWorker();
+
   // Requests received and not yet answered by the host.
   int Unanswered() const;
   // The worker does not read from a connection whose peer has not taken enough of what it was
@@ -122,6 +125,7 @@ class Connection {
   bool shutdownOwed = false;     // the sending direction is shut once the queue is empty
   bool shutDown = false;         // the sending direction is shut down
   bool unparsed = false;         // bytes wait in the read buffer while reading is paused
+  bool hostBusy = false;         // events handed to the host's thread have not all run yet
   bool closing = false;          // no more I/O: the worker closes it at the end of its cycle
   bool closed = false;           // closing is under way or done
   int connectSecondsLeft = 0;    // outgoing connect

@@ -30,70 +30,131 @@ using Detail::ReadOutcome;
 // others.
 constexpr int ReceivesPerEvent = 4;
 
-// Hands the reader's events to the host in order, without the connection's lock (which `lock`
-// holds on entry and exit). A request that no slot defers is marked answered.
-void DeliverReaderEvents(Connection& connection, std::unique_lock<std::recursive_mutex>& lock,
-                         const std::vector<ReaderEvent>& events) {
-  if (events.empty()) return;
-  std::shared_ptr<Server> server = connection.server.lock();
-  std::shared_ptr<Client> owner = connection.owner;
+// Events of one connection for the host's slots: what the request reader or the WebSocket frame
+// reader produced from one batch of bytes.
+struct HostDelivery {
+  std::shared_ptr<Connection> connection;
+  std::shared_ptr<Server> server;
+  std::shared_ptr<Client> owner;
+  std::vector<ReaderEvent> reader;
+  std::vector<std::shared_ptr<WSData>> frames;
+};
+
+// Marks a received request ready to be written (404 when nobody answered).
+void MarkAnswered(Connection& connection, const std::shared_ptr<Message>& request) {
+  std::lock_guard<std::recursive_mutex> lock(connection.mutex);
+  for (Detail::Exchange& exchange : connection.exchanges) {
+    if (exchange.message == request) exchange.answered = true;
+  }
+}
+
+void RunReaderEvent(const HostDelivery& delivery, const ReaderEvent& event) {
+  Connection& connection = *delivery.connection;
+  const std::shared_ptr<Server>& server = delivery.server;
+  const std::shared_ptr<Client>& owner = delivery.owner;
   DaemonMarshaller& marshaller = *connection.marshaller;
-  lock.unlock();
-  for (const ReaderEvent& event : events) {
-    switch (event.What) {
-      case ReaderEvent::Kind::HeadersComplete:
-      case ReaderEvent::Kind::PartComplete: {
-        bool headers = event.What == ReaderEvent::Kind::HeadersComplete;
-        if (!headers) Detail::CountEvent(Counters::PartsReceived, 1);
-        if (connection.serverSide) {
-          auto* signal = !server   ? nullptr
-                         : headers ? &server->HeadersComplete
-                                   : &server->PartReceived;
-          if (signal && !signal->empty()) {
-            marshaller.Marshal_ServerClientMessagePartInt(*signal, server, owner, event.Subject,
-                                                          event.Piece, event.Value);
-          }
-        } else if (owner) {
-          auto& signal = headers ? owner->HeadersComplete : owner->PartReceived;
-          if (!signal.empty()) {
-            marshaller.Marshal_ClientMessagePartInt(signal, owner, event.Subject, event.Piece,
-                                                    event.Value);
-          }
+  switch (event.What) {
+    case ReaderEvent::Kind::HeadersComplete:
+    case ReaderEvent::Kind::PartComplete: {
+      bool headers = event.What == ReaderEvent::Kind::HeadersComplete;
+      if (!headers) Detail::CountEvent(Counters::PartsReceived, 1);
+      if (connection.serverSide) {
+        auto* signal = !server   ? nullptr
+                       : headers ? &server->HeadersComplete
+                                 : &server->PartReceived;
+        if (signal && !signal->empty()) {
+          marshaller.Marshal_ServerClientMessagePartInt(*signal, server, owner, event.Subject,
+                                                        event.Piece, event.Value);
         }
-        break;
+      } else if (owner) {
+        auto& signal = headers ? owner->HeadersComplete : owner->PartReceived;
+        if (!signal.empty()) {
+          marshaller.Marshal_ClientMessagePartInt(signal, owner, event.Subject, event.Piece,
+                                                  event.Value);
+        }
       }
-      case ReaderEvent::Kind::ContinueExpected:
-      case ReaderEvent::Kind::UpgradeRequested:
-        break;
-      case ReaderEvent::Kind::MessageComplete: {
-        Detail::CountEvent(Counters::RequestsReceived, 1);
-        {
-          std::unique_lock<std::recursive_mutex> messageLock = event.Subject->Lock();
-          Message::UnlockAndNotifyReadyStateChanged(&marshaller, event.Subject, ReadyStates::Loaded,
-                                                    messageLock);
+      return;
+    }
+    case ReaderEvent::Kind::ContinueExpected:
+    case ReaderEvent::Kind::UpgradeRequested:
+      return;
+    case ReaderEvent::Kind::MessageComplete: {
+      Detail::CountEvent(Counters::RequestsReceived, 1);
+      {
+        std::unique_lock<std::recursive_mutex> messageLock = event.Subject->Lock();
+        Message::UnlockAndNotifyReadyStateChanged(&marshaller, event.Subject, ReadyStates::Loaded,
+                                                  messageLock);
+      }
+      if (connection.serverSide) {
+        bool answerLater = false;
+        if (server && !server->MessageReceived.empty()) {
+          marshaller.Marshal_ServerClientMessage(server->MessageReceived, server, owner,
+                                                 event.Subject);
         }
-        if (connection.serverSide) {
-          bool answerLater = false;
-          if (server && !server->MessageReceived.empty()) {
-            marshaller.Marshal_ServerClientMessage(server->MessageReceived, server, owner,
-                                                   event.Subject);
-          }
-          if (server && !server->MessageReceivedDeferrable.empty()) {
-            marshaller.Marshal_ServerClientMessageBool(server->MessageReceivedDeferrable, server,
-                                                       owner, event.Subject, answerLater);
-          }
-          if (!answerLater) {  // written once the slots have returned (404 when nobody answered)
-            std::lock_guard<std::recursive_mutex> relock(connection.mutex);
-            for (Detail::Exchange& exchange : connection.exchanges) {
-              if (exchange.message == event.Subject) exchange.answered = true;
-            }
-          }
-        } else if (owner && !owner->MessageReceived.empty()) {
-          marshaller.Marshal_ClientMessage(owner->MessageReceived, owner, event.Subject);
+        if (server && !server->MessageReceivedDeferrable.empty()) {
+          marshaller.Marshal_ServerClientMessageBool(server->MessageReceivedDeferrable, server,
+                                                     owner, event.Subject, answerLater);
         }
-        break;
+        // Written once the slots have returned, unless a slot answers later itself.
+        if (!answerLater) MarkAnswered(connection, event.Subject);
+      } else if (owner && !owner->MessageReceived.empty()) {
+        marshaller.Marshal_ClientMessage(owner->MessageReceived, owner, event.Subject);
+      }
+      return;
+    }
+  }
+}
+
+// Runs the slots of a delivery, in order, where the marshaller runs slots; given up (`run` false),
+// its requests are still answered, with 404, so that the connection does not wait for them.
+// Either way the connection reads again, and its worker is woken to write what was answered.
+void RunDelivery(HostDelivery& delivery, bool run) {
+  Connection& connection = *delivery.connection;
+  if (run) {
+    for (const ReaderEvent& event : delivery.reader)
+      RunReaderEvent(delivery, event);
+    for (const std::shared_ptr<WSData>& frame : delivery.frames) {
+      if (frame->Method == Methods::WEBSOCKETMESSAGE) {
+        Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(frame->Messages.size()));
+      }
+      if (delivery.server && !delivery.server->WebSocketMessage.empty()) {
+        connection.marshaller->Marshal_ServerWebSocketMessage(
+            delivery.server->WebSocketMessage, delivery.server, delivery.owner, frame);
       }
     }
+  } else {
+    for (const ReaderEvent& event : delivery.reader) {
+      if (event.What == ReaderEvent::Kind::MessageComplete) MarkAnswered(connection, event.Subject);
+    }
+  }
+  {
+    std::lock_guard<std::recursive_mutex> lock(connection.mutex);
+    connection.hostBusy = false;
+  }
+  connection.WakeWorker();
+}
+
+// Hands a delivery to the host, without the connection's lock (which `lock` holds on entry and
+// exit). In direct mode the slots run now. Otherwise the delivery is queued for the host's thread
+// and the worker goes on with its other connections; this connection reads no further until the
+// host has run it, which keeps its events in order and its requests answered one at a time.
+void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>& lock) {
+  Connection& connection = *delivery.connection;
+  delivery.server = connection.server.lock();
+  delivery.owner = connection.owner;
+  DaemonMarshaller& marshaller = *connection.marshaller;
+  connection.hostBusy = true;
+  lock.unlock();
+  if (marshaller.IsDirect() || !connection.serverSide) {
+    // An outgoing connection's host may block on its replies (HttpClient): it keeps waiting.
+    RunDelivery(delivery, true);
+  } else {
+    marshaller.Post(
+        [](void* context, bool run) {
+          std::unique_ptr<HostDelivery> posted(static_cast<HostDelivery*>(context));
+          RunDelivery(*posted, run);
+        },
+        new HostDelivery(std::move(delivery)));
   }
   lock.lock();
 }
@@ -199,6 +260,7 @@ void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
       CloseClient(pointer, SocketExceptions::NoMoreData, StringBuffer());
       return;
     }
+    if (connection.hostBusy) break;  // the rest waits until the host has run what was read
     if (parse.WritePosition < parse.ReadBuffer.Size()) break;  // the socket is drained
   }
   lock.unlock();
@@ -261,7 +323,9 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
       return UpgradeToWebSocket(pointer, lock, events.back().Subject);
     }
     if (outcome == ReadOutcome::Stop) connection.readStopped = true;
-    DeliverReaderEvents(connection, lock, events);
+    if (!events.empty()) {
+      HandToHost(HostDelivery{pointer, nullptr, nullptr, std::move(events), {}}, lock);
+    }
     if (serverSide) FormatAnswered(connection, lock);
     if (connection.closing) return true;
     if (outcome == ReadOutcome::Violation) return false;
@@ -486,19 +550,7 @@ void Daemon::FeedWebSocket(const ConnectionPointer& pointer,
   }
   if (events.empty()) return;
   if (events.front()->Method == Methods::WEBSOCKETCONNECT) connection.webSocketAnnounced = true;
-  std::shared_ptr<Server> server = connection.server.lock();
-  std::shared_ptr<Client> owner = connection.owner;
-  lock.unlock();
-  for (const std::shared_ptr<WSData>& event : events) {
-    if (event->Method == Methods::WEBSOCKETMESSAGE) {
-      Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(event->Messages.size()));
-    }
-    if (server && !server->WebSocketMessage.empty()) {
-      connection.marshaller->Marshal_ServerWebSocketMessage(server->WebSocketMessage, server, owner,
-                                                            event);
-    }
-  }
-  lock.lock();
+  HandToHost(HostDelivery{pointer, nullptr, nullptr, {}, std::move(events)}, lock);
 }
 
 void Daemon::CloseClient(const ConnectionPointer& pointer, SocketExceptions::Enumeration reason,

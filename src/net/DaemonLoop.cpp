@@ -13,6 +13,7 @@
 #include "net/websocket/WebSocketSupport.h"
 #include "sys/Memory.h"
 #include "sys/Socket.h"
+#include "sys/Turns.h"
 
 #include <algorithm>
 #include <atomic>
@@ -29,6 +30,11 @@ using Detail::NanosecondsPerSecond;
 // At most this many connections are accepted per readable event of a listening socket, so that
 // a flood of connections cannot starve the connections already served.
 constexpr int AcceptsPerEvent = 64;
+// How long a worker runs cycles without waiting before it yields the processor.
+// How long a worker waits for its turn before it goes on without one: longer than a round of
+// turns of a busy server, shorter than anything a person would notice; it only matters when a
+// worker holding a turn blocks on another.
+constexpr auto TurnPatience = std::chrono::milliseconds(100);
 // How long a worker runs cycles without waiting before it yields the processor.
 constexpr std::int64_t YieldAfter = 500 * 1000;
 // How long listening sockets rest after accepting failed (out of descriptors, usually).
@@ -84,7 +90,7 @@ Verdict Judge(Connection& connection, std::int64_t now) {
   }
   // An open WebSocket is a channel the host keeps on purpose, quiet or not.
   bool quiet = connection.serverSide && connection.exchanges.empty() && !connection.HasOutput() &&
-               connection.headStarted == 0 && connection.bodyStarted == 0 &&
+               !connection.hostBusy && connection.headStarted == 0 && connection.bodyStarted == 0 &&
                !(connection.webSocket && connection.webSocket->IsOpen());
   if (quiet && now - connection.lastActivity >= Seconds(limits.IdleTimeoutSeconds)) {
     return Verdict{SocketExceptions::NoMoreData, u"idle"};
@@ -211,9 +217,14 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     cycle.nextPass = now + NanosecondsPerSecond;
   }
 
+  // Cleared before the connections are looked at: a change made after this point wakes the poll.
+  wakePending_.store(false);
   cycle.servers = servers_;
   cycle.clients.assign(clients_.begin(), clients_.begin() + clientSocketCount_);
   lock.unlock();
+  // The workers take turns at the processors for everything but their waits; see Sys::TurnGate.
+  Sys::TurnGate& turns = Sys::TurnGate::Workers();
+  turns.Take(TurnPatience);
 
   cycle.poller.Clear();
   cycle.poller.Add(wakeUp_->Descriptor(), true, false);
@@ -237,7 +248,12 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   if (cycle.acceptPausedUntil > now) until = std::min(until, cycle.acceptPausedUntil);
   int timeout = static_cast<int>((until - MonotonicNanoseconds()) / 1000000);
   timeout = busy ? 0 : std::max(0, std::min(timeout, 1000));
-  int ready = cycle.poller.Wait(timeout);
+  int ready = cycle.poller.Wait(0);
+  if (ready == 0 && timeout > 0) {
+    turns.Give();
+    ready = cycle.poller.Wait(timeout);
+    if (ready > 0) turns.Take(TurnPatience);
+  }
 
   if (ready > 0) {
     if (cycle.poller.Readable(0)) wakeUp_->Drain();
@@ -259,11 +275,15 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     }
   }
   ReleaseDeferredClients();
-  cycle.clients.clear();  // ReleaseAllClients: this cycle's references go
-  // A daemon busy for a while lets the other daemons' threads have their turn: a thread that
-  // always finds work would otherwise keep the processor for whole time slices while the
-  // connections of the others wait, and the slowest replies would take several times longer.
-  if (ready > 0) {
+  cycle.clients.clear();     // ReleaseAllClients: this cycle's references go
+  marshaller_->WakeOwner();  // for what the cycle handed to the host's thread, all at once
+  // The next worker in line has its turn; this one takes its place at the end of the line. With
+  // nobody in line, workers woken from their polls may still wait to run at all: the kernel may
+  // put them off for a whole time slice while a busy worker goes on, so it yields now and then.
+  bool handedOver = turns.Give();
+  if (handedOver) {
+    cycle.busySince = MonotonicNanoseconds();
+  } else if (ready > 0) {
     if (MonotonicNanoseconds() - cycle.busySince >= YieldAfter) {
       std::this_thread::yield();
       cycle.busySince = MonotonicNanoseconds();

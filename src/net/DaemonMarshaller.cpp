@@ -78,6 +78,18 @@ void DaemonMarshaller::Marshal(MarshalData* data) {
   queue->Call([](void* context) { Dispatch(static_cast<MarshalData*>(context)); }, data, this);
 }
 
+void DaemonMarshaller::Post(void (*work)(void* context, bool run), void* context) {
+  if (direct_ || std::this_thread::get_id() == owner_) {
+    work(context, true);
+    return;
+  }
+  queue_->Post(work, context, this);
+}
+
+void DaemonMarshaller::WakeOwner() {
+  if (queue_) queue_->WakeOwner();
+}
+
 void DaemonMarshaller::Dispatch(MarshalData* data) {
   MarshalData& d = *data;
   try {

@@ -6,6 +6,7 @@
 #include "net/Connection.h"
 #include "net/EngineCounters.h"
 #include "sys/Socket.h"
+#include "sys/Turns.h"
 
 #include <algorithm>
 #include <chrono>
@@ -239,7 +240,7 @@ void Daemon::Exclude(const Detail::Connection* connection) {
 
 void Daemon::WakeUp() {
   // The worker itself rebuilds its poll set before it waits again.
-  if (std::this_thread::get_id() != worker_) wakeUp_->Signal();
+  if (std::this_thread::get_id() != worker_ && !wakePending_.exchange(true)) wakeUp_->Signal();
 }
 
 void Daemon::ScheduleCloseClient(const ConnectionPointer& connection,
@@ -269,6 +270,7 @@ bool Daemon::BlockUntil(const std::function<int()>& check, double seconds,
       std::chrono::steady_clock::now() +
       std::chrono::duration_cast<std::chrono::nanoseconds>(std::chrono::duration<double>(seconds));
   bool pump = DaemonMarshaller::CurrentThreadHasEventLoop();
+  Sys::TurnAway away;  // a worker waiting here lets the others, maybe the one awaited, go on
   std::unique_lock<std::recursive_mutex> lock(mutex);
   for (;;) {
     int result = check();

@@ -2,6 +2,10 @@
 // which the owner waits for posts, and one on each call on which its poster waits.
 #include "net/EventQueue.h"
 
+#include "sys/Turns.h"
+
+#include <vector>
+
 namespace Veskan {
 namespace Detail {
 
@@ -38,13 +42,16 @@ bool EventQueue::QuitRequested() {
   return quitRequested;
 }
 
-bool EventQueue::Call(void (*run)(void* context), void* context, const void* source) {
-  Record record;
-  record.run = run;
-  record.context = context;
-  record.source = source;
+EventQueue::~EventQueue() {
+  while (head_ != nullptr) {
+    Record* record = head_;
+    head_ = record->next;
+    // A waiting caller holds the queue alive, so only posted calls can be left here.
+    if (record->work != nullptr) GiveUp(record);
+  }
+}
 
-  std::unique_lock<std::mutex> lock(mutex_);
+void EventQueue::Append(Record& record) {
   record.sequence = nextSequence_++;
   if (tail_ == nullptr) {
     head_ = &record;
@@ -53,11 +60,46 @@ bool EventQueue::Call(void (*run)(void* context), void* context, const void* sou
   }
   tail_ = &record;
   ++pending_;
+}
+
+void EventQueue::GiveUp(Record* posted) {
+  posted->work(posted->context, false);
+  delete posted;
+}
+
+bool EventQueue::Call(void (*run)(void* context), void* context, const void* source) {
+  Record record;
+  record.run = run;
+  record.context = context;
+  record.source = source;
+
+  // The owner may be waiting for another worker, which must be able to go on meanwhile.
+  Sys::TurnAway away;
+  std::unique_lock<std::mutex> lock(mutex_);
+  Append(record);
+  unannounced_ = false;
   // Notified under the lock: one lock round per hand-over on this side; the owner finds the lock
   // free again as soon as this thread waits.
   posted_.notify_one();
   record.finishedChanged.wait(lock, [&record] { return record.finished; });
   return record.ran;
+}
+
+void EventQueue::Post(void (*work)(void* context, bool run), void* context, const void* source) {
+  auto record = std::make_unique<Record>();
+  record->work = work;
+  record->context = context;
+  record->source = source;
+  std::lock_guard<std::mutex> lock(mutex_);
+  Append(*record.release());
+  unannounced_ = true;
+}
+
+void EventQueue::WakeOwner() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (!unannounced_) return;
+  unannounced_ = false;
+  posted_.notify_one();
 }
 
 bool EventQueue::Run(std::chrono::steady_clock::duration timeout, const bool* stop) {
@@ -74,6 +116,12 @@ bool EventQueue::Run(std::chrono::steady_clock::duration timeout, const bool* st
     --pending_;
 
     lock.unlock();
+    if (record->work != nullptr) {
+      record->work(record->context, true);
+      delete record;
+      lock.lock();
+      continue;
+    }
     record->run(record->context);
     lock.lock();
 
@@ -92,7 +140,8 @@ void EventQueue::SetAndWakeOwner(bool& flag) {
 }
 
 std::size_t EventQueue::Release(const void* source) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<Record*> posted;  // given up once the lock is released: their work may take locks
+  std::unique_lock<std::mutex> lock(mutex_);
   std::size_t released = 0;
   Record* previous = nullptr;
   Record** link = &head_;
@@ -107,10 +156,17 @@ std::size_t EventQueue::Release(const void* source) {
     if (tail_ == record) tail_ = previous;
     --pending_;
     ++released;
+    if (record->work != nullptr) {
+      posted.push_back(record);
+      continue;
+    }
     // Last touch of the record: its poster may free it once the lock is released.
     record->finished = true;
     record->finishedChanged.notify_one();
   }
+  lock.unlock();
+  for (Record* record : posted)
+    GiveUp(record);
   return released;
 }
 

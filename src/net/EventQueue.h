@@ -18,8 +18,9 @@ namespace Detail {
 // on that thread shares it.
 //
 // A call is posted with Call, which blocks the posting thread until the owner thread has run it
-// (in Run) or until the posting marshaller has given it up (Release). Neither posting nor running
-// allocates: the pending call lives on the stack of the thread that waits for it.
+// (in Run) or until the posting marshaller has given it up (Release); such a call allocates
+// nothing, as it lives on the stack of the thread that waits for it. Post queues a call without
+// waiting for it. Calls run in the order of posting, whichever way they came.
 //
 // Thread safety: Call may be used from any thread but the owner's (the owner would wait for
 // itself); Run and Release belong to the owner thread; SetAndWakeOwner and Pending may be used
@@ -29,6 +30,9 @@ class EventQueue {
   // One pending call, on the stack of the thread that waits in Call.
   struct Record {
     void (*run)(void* context) = nullptr;  // must not throw
+    // Posted without waiting: the queue owns the record, and calls `work(context, true)` to run
+    // it or `work(context, false)` when it is given up. Must not throw.
+    void (*work)(void* context, bool run) = nullptr;
     void* context = nullptr;
     const void* source = nullptr;  // the poster, for Release
     std::uint64_t sequence = 0;    // position in the order of posting
@@ -42,6 +46,8 @@ class EventQueue {
   EventQueue() = default;
   EventQueue(const EventQueue&) = delete;
   EventQueue& operator=(const EventQueue&) = delete;
+  // Gives up the posted calls still queued.
+  ~EventQueue();
 
   // The current thread's queue; made when the thread has none alive.
   static std::shared_ptr<EventQueue> ForCurrentThread();
@@ -58,6 +64,15 @@ class EventQueue {
   // released it. Returns true when it was run.
   bool Call(void (*run)(void* context), void* context, const void* source);
 
+  // Queues `work(context, true)` from `source` and returns at once. When the call is given up
+  // instead (Release, or the queue goes first), `work(context, false)` runs on the releasing
+  // thread, so that the context is freed either way. The owner thread is not woken for it: a
+  // poster that queues a batch wakes it once with WakeOwner, so that the owner runs the batch in
+  // one turn (a waiting owner runs it at the end of its turn's time-out otherwise).
+  void Post(void (*work)(void* context, bool run), void* context, const void* source);
+  // Wakes the owner thread for the calls posted since the last wake-up, if any.
+  void WakeOwner();
+
   // On the owner thread: waits up to `timeout` for a call to be posted, or for `*stop` (read under
   // the queue's lock; may be null) to become true, or for WakeOwner; then runs, one at a time and
   // without the lock held, every call that was posted before the running began. Calls posted
@@ -70,18 +85,22 @@ class EventQueue {
   void SetAndWakeOwner(bool& flag);
 
   // Gives up every call of `source` that has not begun to run: its waiting thread returns without
-  // the call being run. Returns the number given up.
+  // the call being run, a posted call has its `work(context, false)`. Returns the number given up.
   std::size_t Release(const void* source);
 
   // The number of calls posted and not yet begun.
   std::size_t Pending() const;
 
  private:
+  void Append(Record& record);  // under the lock
+  static void GiveUp(Record* posted);
+
   mutable std::mutex mutex_;
   std::condition_variable posted_;  // the owner waits here in Run
   Record* head_ = nullptr;          // oldest pending call
   Record* tail_ = nullptr;
   std::size_t pending_ = 0;
+  bool unannounced_ = false;  // calls were posted since the owner was last woken
   std::uint64_t nextSequence_ = 0;
 };
 

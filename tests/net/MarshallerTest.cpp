@@ -186,6 +186,58 @@ TEST(DaemonMarshallerTest, HandOversPostedDuringATurnRunInTheNextTurn) {
   second.reset();
 }
 
+// A posted call: records its value when run, or that it was given up.
+struct PostedCall {
+  std::vector<std::intptr_t>* seen;
+  std::intptr_t value;
+  std::atomic<int>* givenUp;
+  static void Work(void* context, bool run) {
+    std::unique_ptr<PostedCall> call(static_cast<PostedCall*>(context));
+    if (run) {
+      call->seen->push_back(call->value);
+    } else {
+      ++*call->givenUp;
+    }
+  }
+  static void Post(DaemonMarshaller& marshaller, std::vector<std::intptr_t>& seen,
+                   std::intptr_t value, std::atomic<int>& givenUp) {
+    marshaller.Post(&Work, new PostedCall{&seen, value, &givenUp});
+  }
+};
+
+TEST(DaemonMarshallerTest, PostedCallsKeepTheirPlaceAmongHandOversAndGoWithTheirMarshaller) {
+  std::vector<std::intptr_t> seen;
+  std::atomic<int> givenUp{0};
+  DaemonMarshaller direct(true);
+  PostedCall::Post(direct, seen, 0, givenUp);
+  EXPECT_EQ(std::vector<std::intptr_t>{0}, seen) << "direct mode runs it at once";
+
+  DaemonMarshaller marshaller(false);
+  auto released = std::make_unique<DaemonMarshaller>(false);
+  DaemonMarshaller* viaReleased = released.get();
+  DaemonMarshaller::VoidPointerSignal signal;
+  signal.connect(
+      [&seen](void* pointer) { seen.push_back(reinterpret_cast<std::intptr_t>(pointer)); });
+  PostedCall::Post(marshaller, seen, 9, givenUp);
+  EXPECT_EQ((std::vector<std::intptr_t>{0, 9}), seen) << "on the owner thread it runs at once";
+  {
+    Worker worker([&] {
+      PostedCall::Post(marshaller, seen, 1, givenUp);
+      PostedCall::Post(*viaReleased, seen, 2, givenUp);
+      PostedCall::Post(marshaller, seen, 3, givenUp);
+      marshaller.WakeOwner();
+      marshaller.Marshal_VoidPointer(signal, PointerFor(4));
+    });
+    ASSERT_TRUE(WaitForPending(4));
+    EXPECT_EQ((std::vector<std::intptr_t>{0, 9}), seen) << "posting did not wait";
+    released.reset();
+    EXPECT_EQ(1, givenUp.load());
+    ASSERT_TRUE(PumpUntil([&worker] { return worker.Finished(); }));
+  }
+  EXPECT_EQ((std::vector<std::intptr_t>{0, 9, 1, 3, 4}), seen);
+  EXPECT_EQ(0u, PendingHandOvers());
+}
+
 TEST(DaemonMarshallerTest, TheEventLoopBelongsToTheThreadAndToItsLiveMarshallers) {
   // A turn with nothing to run, on a thread without a queue and on one with it, goes on.
   EXPECT_FALSE(DaemonMarshaller::CurrentThreadHasEventLoop());

@@ -51,22 +51,39 @@ TEST_F(ServerTest, KeepsTheConnectionOnlyForAConnectionHeaderOtherThanClose) {
 }
 
 TEST_F(ServerTest, AnswersPipelinedRequestsInOrder) {
-  StartServer();
-  RawConnection connection(port_);
-  std::string requests;
-  for (int i = 0; i < 20; ++i) {
-    requests += Get("/p" + std::to_string(i), "Connection: keep-alive\r\n");
+  // In window mode each request waits for the owner's event loop before the next is read.
+  for (const bool direct : {true, false}) {
+    SCOPED_TRACE(direct ? "direct" : "window mode");
+    StartServer(direct);
+    std::atomic<bool> done{false};
+    std::vector<std::string> bodies;
+    std::thread peer([&] {
+      RawConnection connection(port_);
+      std::string requests;
+      for (int i = 0; i < 20; ++i) {
+        requests += Get("/p" + std::to_string(i), "Connection: keep-alive\r\n");
+      }
+      requests += "POST /last HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";  // no keep-alive: the end
+      if (connection.Send(requests)) {
+        for (int i = 0; i < 21; ++i)
+          bodies.push_back(BodyOf(connection.ReadResponse()));
+        EXPECT_TRUE(connection.WaitForClose());
+      }
+      done = true;
+    });
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!done && std::chrono::steady_clock::now() < deadline)
+      DaemonMarshaller::RunEventLoopOnce();
+    peer.join();
+    ASSERT_EQ(21u, bodies.size());
+    for (int i = 0; i < 20; ++i)
+      EXPECT_EQ("GET /p" + std::to_string(i) + "|", bodies[static_cast<std::size_t>(i)]);
+    EXPECT_EQ("POST /last|body", bodies.back());
+    server_->Stop(200);
+    std::lock_guard<std::mutex> lock(mutex_);
+    EXPECT_EQ(0, seen_.bodiesReadBeforeTheirHeaders)
+        << "HeadersComplete reaches the host before the body is read, however it arrives";
   }
-  requests += "POST /last HTTP/1.1\r\nContent-Length: 4\r\n\r\nbody";  // no keep-alive: the end
-  ASSERT_TRUE(connection.Send(requests));
-  for (int i = 0; i < 20; ++i) {
-    EXPECT_EQ("GET /p" + std::to_string(i) + "|", BodyOf(connection.ReadResponse()));
-  }
-  EXPECT_EQ("POST /last|body", BodyOf(connection.ReadResponse()));
-  EXPECT_TRUE(connection.WaitForClose());
-  std::lock_guard<std::mutex> lock(mutex_);
-  EXPECT_EQ(0, seen_.bodiesReadBeforeTheirHeaders)
-      << "HeadersComplete reaches the host before the body is read, however it arrives";
 }
 
 TEST_F(ServerTest, ReadsBodiesAndPartsThatArriveInPieces) {
