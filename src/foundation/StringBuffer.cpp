@@ -71,7 +71,7 @@ TerminatedCopies& Copies() {
 }  // namespace
 
 StringBuffer::StringBuffer() {
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::StringBuffer(const StringBuffer& other) : icu::UnicodeString(other) {
@@ -95,14 +95,14 @@ StringBuffer::StringBuffer(icu::UnicodeString&& other) noexcept
 }
 
 StringBuffer::StringBuffer(std::nullptr_t) {
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::StringBuffer(const char16_t* text) : StringBuffer(text, -1) {}
 
 StringBuffer::StringBuffer(const char16_t* text, int length) {
   if (text) setTo(text, length < 0 ? u_strlen(text) : length);
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::StringBuffer(const char16_t* text, int start, int length)
@@ -110,12 +110,12 @@ StringBuffer::StringBuffer(const char16_t* text, int start, int length)
 
 StringBuffer::StringBuffer(const char* utf8) {
   if (utf8) Detail::DecodeUtf8(utf8, static_cast<int32_t>(std::strlen(utf8)), *this);
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::StringBuffer(const std::string& utf8) {
   Detail::DecodeUtf8(utf8.data(), static_cast<int32_t>(utf8.size()), *this);
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 StringBuffer::~StringBuffer() {
@@ -153,19 +153,19 @@ StringBuffer& StringBuffer::operator=(const char* utf8) {
 
 StringBuffer& StringBuffer::operator+=(const icu::UnicodeString& other) {
   append(other);
-  getTerminatedBuffer();
+  KeepTerminated();
   return *this;
 }
 
 StringBuffer& StringBuffer::operator+=(const char16_t* text) {
   if (text) append(text, u_strlen(text));
-  getTerminatedBuffer();
+  KeepTerminated();
   return *this;
 }
 
 StringBuffer& StringBuffer::operator+=(char16_t unit) {
   append(unit);
-  getTerminatedBuffer();
+  KeepTerminated();
   return *this;
 }
 
@@ -206,18 +206,36 @@ bool StringBuffer::IsTerminated() const {
 
 // A buffer shared with the StringBuffer it was copied from already ends in NUL; terminating it
 // again would unshare it, copying the whole text. A short text lives inside the object, never
-// shared: it is terminated without reading the slot after it, which may never have been written.
+// shared: it is terminated in place, without reading the slot after it, which may never have
+// been written, and without a call into ICU (most texts of a message are short, and this runs
+// for every one of them).
 void StringBuffer::KeepTerminated() {
-  const auto buffer = reinterpret_cast<std::uintptr_t>(getBuffer());
-  const auto self = reinterpret_cast<std::uintptr_t>(this);
-  const bool inObject = buffer >= self && buffer < self + sizeof(*this);
-  if (inObject || !IsTerminated()) getTerminatedBuffer();
+  const char16_t* buffer = getBuffer();
+  const int32_t used = length();
+  if (buffer != nullptr && used < getCapacity()) {
+    const auto at = reinterpret_cast<std::uintptr_t>(buffer);
+    const auto self = reinterpret_cast<std::uintptr_t>(this);
+    if (at >= self && at < self + sizeof(*this)) {
+      const_cast<char16_t*>(buffer)[used] = 0;
+      return;
+    }
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic push
+    // Inlined next to a short text, GCC cannot see that this reads a buffer outside the object.
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+    if (buffer[used] == 0) return;
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
+  }
+  getTerminatedBuffer();
 }
 
 void StringBuffer::EmptyAfterMove() noexcept {
   // remove() turns a bogus string into an empty one in the object's own storage: no allocation.
   remove();
-  getTerminatedBuffer();
+  KeepTerminated();
 }
 
 std::string StringBuffer::ToUTF8() const {
@@ -233,7 +251,7 @@ StringBuffer operator+(const StringBuffer& left, const icu::UnicodeString& right
   result.getBuffer(left.length() + right.length() + 1);  // one allocation for both halves
   result.releaseBuffer(0);
   result.append(left).append(right);
-  result.getTerminatedBuffer();
+  result.KeepTerminated();
   return result;
 }
 

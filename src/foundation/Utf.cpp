@@ -118,7 +118,7 @@ StringBuffer UTF8to16(const char* bytes, int offset, int length) {
   bytes += offset;
   if (length == -1) length = static_cast<int>(std::strlen(bytes));
   Detail::DecodeUtf8(bytes, length, text);
-  text.getTerminatedBuffer();
+  text.KeepTerminated();
   return text;
 }
 

@@ -98,13 +98,23 @@ bool Exists(const StringBuffer& path) {
 
 }  // namespace
 
+namespace {
+
+// A text aliasing a literal, whose length is known without counting.
+template <std::size_t Size>
+icu::UnicodeString Alias(const char16_t (&literal)[Size]) {
+  return icu::UnicodeString(true, literal, static_cast<int32_t>(Size - 1));
+}
+
+}  // namespace
+
 // Every part starts with the default type, so the texts alias the literals instead of copying
 // them; a later change copies on write.
 MediaType::MediaType()
-    : Text(icu::UnicodeString(true, DefaultType, -1)),
-      TypeAndSubtype(icu::UnicodeString(true, DefaultType, -1)),
-      Major(icu::UnicodeString(true, u"application", -1)),
-      Minor(icu::UnicodeString(true, u"octet-stream", -1)) {}
+    : Text(Alias(DefaultType)),
+      TypeAndSubtype(Alias(DefaultType)),
+      Major(Alias(u"application")),
+      Minor(Alias(u"octet-stream")) {}
 
 MediaType::MediaType(const char16_t* text) {
   SetTo(text);

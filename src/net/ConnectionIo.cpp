@@ -107,31 +107,25 @@ void RunReaderEvent(const HostDelivery& delivery, const ReaderEvent& event) {
 
 // Runs the slots of a delivery, in order, where the marshaller runs slots; given up (`run` false),
 // its requests are still answered, with 404, so that the connection does not wait for them.
-// Either way the connection reads again, and its worker is woken to write what was answered.
 void RunDelivery(HostDelivery& delivery, bool run) {
   Connection& connection = *delivery.connection;
-  if (run) {
-    for (const ReaderEvent& event : delivery.reader)
-      RunReaderEvent(delivery, event);
-    for (const std::shared_ptr<WSData>& frame : delivery.frames) {
-      if (frame->Method == Methods::WEBSOCKETMESSAGE) {
-        Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(frame->Messages.size()));
-      }
-      if (delivery.server && !delivery.server->WebSocketMessage.empty()) {
-        connection.marshaller->Marshal_ServerWebSocketMessage(
-            delivery.server->WebSocketMessage, delivery.server, delivery.owner, frame);
-      }
-    }
-  } else {
+  if (!run) {
     for (const ReaderEvent& event : delivery.reader) {
       if (event.What == ReaderEvent::Kind::MessageComplete) MarkAnswered(connection, event.Subject);
     }
+    return;
   }
-  {
-    std::lock_guard<std::recursive_mutex> lock(connection.mutex);
-    connection.hostBusy = false;
+  for (const ReaderEvent& event : delivery.reader)
+    RunReaderEvent(delivery, event);
+  for (const std::shared_ptr<WSData>& frame : delivery.frames) {
+    if (frame->Method == Methods::WEBSOCKETMESSAGE) {
+      Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(frame->Messages.size()));
+    }
+    if (delivery.server && !delivery.server->WebSocketMessage.empty()) {
+      connection.marshaller->Marshal_ServerWebSocketMessage(delivery.server->WebSocketMessage,
+                                                            delivery.server, delivery.owner, frame);
+    }
   }
-  connection.WakeWorker();
 }
 
 // Hands a delivery to the host, without the connection's lock (which `lock` holds on entry and
@@ -143,16 +137,25 @@ void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>&
   delivery.server = connection.server.lock();
   delivery.owner = connection.owner;
   DaemonMarshaller& marshaller = *connection.marshaller;
-  connection.hostBusy = true;
+  // An outgoing connection's host may block on its replies (HttpClient): its worker waits.
+  const bool queued = !marshaller.IsDirect() && connection.serverSide;
+  if (queued) connection.hostBusy = true;
   lock.unlock();
-  if (marshaller.IsDirect() || !connection.serverSide) {
-    // An outgoing connection's host may block on its replies (HttpClient): it keeps waiting.
+  if (!queued) {
     RunDelivery(delivery, true);
   } else {
+    // Once run or given up, the connection reads again, and its worker is woken to write what
+    // was answered.
     marshaller.Post(
         [](void* context, bool run) {
           std::unique_ptr<HostDelivery> posted(static_cast<HostDelivery*>(context));
           RunDelivery(*posted, run);
+          Connection& served = *posted->connection;
+          {
+            std::lock_guard<std::recursive_mutex> relock(served.mutex);
+            served.hostBusy = false;
+          }
+          served.WakeWorker();
         },
         new HostDelivery(std::move(delivery)));
   }

@@ -99,6 +99,10 @@ bool IsNamed(const Header& header, const char16_t* name) {
   return EqualsIgnoringAsciiCase(header.Name, name);
 }
 
+// Room for a usual head and a short body from the start: growing the head byte by byte would
+// move it several times.
+constexpr std::size_t HeadBytesReserved = 512;
+
 // Bodies up to this size are copied behind the head, so that a small reply leaves in one piece.
 constexpr int InlineBodyBytes = 4096;
 
@@ -161,6 +165,7 @@ void AppendEntity(WireMessage& wire, Body& body, const char16_t* cookieHeader,
 WireMessage FormatReply(Message& message, bool keepAlive) {
   WireMessage wire;
   std::vector<char>& out = wire.head;
+  out.reserve(HeadBytesReserved);
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   int status = message.StatusCode == 0 ? StatusCodes::NotFound : message.StatusCode;
   if (status < 100 || status > 999) {  // the status is three digits (RFC 9112 section 4)
@@ -182,6 +187,7 @@ WireMessage FormatReply(Message& message, bool keepAlive) {
 WireMessage FormatRequest(Message& message) {
   WireMessage wire;
   std::vector<char>& out = wire.head;
+  out.reserve(HeadBytesReserved);
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   AppendUtf8(out, StringBuffer(Methods::ToString(message.Method)));
   out.push_back(' ');
