@@ -33,8 +33,9 @@ ROOT = os.path.dirname(os.path.dirname(HERE))
 PEERS = os.path.join(HERE, "peers")
 BUILD = os.path.join(ROOT, "build-bench-http")
 
-ALL_SERVERS = ["mhd", "beast", "poco", "nginx", "veskan-direct", "veskan-window"]
-DEFAULT_SERVERS = ALL_SERVERS
+ALL_SERVERS = ["mhd", "beast", "poco", "nginx", "veskan-direct", "veskan-window",
+               "veskan-direct-before", "veskan-window-before"]
+DEFAULT_SERVERS = ALL_SERVERS[:6]  # the "-before" ones need --veskan-before
 BODY = b"Hello, world!"
 PATH = "/hello"
 
@@ -135,10 +136,10 @@ class Server:
             return [os.path.join(BUILD, PEER_BUILDS[self.name][1]), str(self.port)]
         if self.name == "nginx":
             return self.nginx_command()
-        if self.name == "veskan-direct":
-            return [self.args.veskan, "--port", str(self.port), "--direct"]
-        if self.name == "veskan-window":
-            return [self.args.veskan, "--port", str(self.port)]
+        if self.name.startswith("veskan-"):
+            binary = self.args.veskan_before if self.name.endswith("-before") else self.args.veskan
+            mode = ["--direct"] if self.name.startswith("veskan-direct") else []
+            return [binary, "--port", str(self.port)] + mode
         raise ValueError(self.name)
 
     def nginx_command(self):
@@ -543,6 +544,43 @@ def package_versions():
     return ", ".join(line for line in completed.stdout.splitlines() if line.strip())
 
 
+# The engine's goals, as ratios within this one run: (label, numerator, denominator, what, test).
+GOALS = [
+    ("keep-alive, 50 conns", "veskan-direct", "mhd", "rps", lambda r: r >= 1.0,
+     "direct mode requests/s ÷ libmicrohttpd's ≥ 1.0"),
+    ("keep-alive, 500 conns", "veskan-direct", "mhd", "rps", lambda r: r >= 1.0,
+     "direct mode requests/s ÷ libmicrohttpd's ≥ 1.0"),
+    ("keep-alive, 50 conns", "veskan-window", "veskan-direct", "rps", lambda r: r >= 0.85,
+     "window mode requests/s ÷ direct mode's ≥ 0.85"),
+    ("keep-alive, 500 conns", "veskan-window", "veskan-direct", "rps", lambda r: r >= 0.85,
+     "window mode requests/s ÷ direct mode's ≥ 0.85"),
+    ("keep-alive, 500 conns", "veskan-direct", "mhd", "p99", lambda r: r <= 1.5,
+     "direct mode p99 ÷ libmicrohttpd's ≤ 1.5"),
+    ("keep-alive, 500 conns", "veskan-window", "mhd", "p99", lambda r: r <= 1.5,
+     "window mode p99 ÷ libmicrohttpd's ≤ 1.5"),
+]
+
+
+def render_goals(results):
+    """The goal ratios, for this build and, when it ran, the earlier one."""
+    lines = []
+    for suffix, title in (("", "this build"), ("-before", "the earlier build (--veskan-before)")):
+        rows = []
+        for label, top, bottom, key, test, what in GOALS:
+            top_name = top + suffix
+            bottom_name = bottom + suffix if bottom.startswith("veskan") else bottom
+            a = results.get(top_name, {}).get(label, {}).get(key)
+            b = results.get(bottom_name, {}).get(label, {}).get(key)
+            if not a or not b:
+                continue
+            ratio = a / b
+            rows.append(f"| {label} | {what} | {ratio:.2f} | {'met' if test(ratio) else 'not met'} |")
+        if rows:
+            lines += ["", f"## Goals, {title}", "", "| load | goal | ratio | |",
+                      "| --- | --- | ---: | --- |"] + rows
+    return lines
+
+
 def render(args, results, idle, notes, elapsed, facts):
     nproc, model, load = facts
     lines = ["# HTTP benchmark results", ""]
@@ -611,6 +649,7 @@ def render(args, results, idle, notes, elapsed, facts):
         lines.append("")
         lines.append("Fresh request: connect, one GET, full reply, on a new connection (median of 5). "
                      "RSS: VmRSS of the server process and its children.")
+    lines += render_goals(results)
     if notes:
         lines.append("")
         lines.append("## Notes")
@@ -632,6 +671,9 @@ def main():
     parser.add_argument("--quick", action="store_true", help="smoke test: 1 run of 3 s per load")
     parser.add_argument("--veskan", default=os.path.join(ROOT, "build", "tools", "veskan-serve"),
                         help="path to the veskan-serve binary (default: build/tools/veskan-serve)")
+    parser.add_argument("--veskan-before", default=None,
+                        help="another veskan-serve binary (an earlier build), run as "
+                             "veskan-direct-before and veskan-window-before")
     parser.add_argument("--idle-connections", type=int, default=5000,
                         help="idle keep-alive connections to open (default 5000; 0 skips the idle test)")
     parser.add_argument("--hold", type=float, default=2.0,
@@ -645,6 +687,10 @@ def main():
     if unknown:
         parser.error(f"unknown server(s): {', '.join(unknown)}")
     args.veskan = os.path.abspath(args.veskan)
+    if args.veskan_before:
+        args.veskan_before = os.path.abspath(args.veskan_before)
+        args.servers += [name for name in ("veskan-direct-before", "veskan-window-before")
+                         if name not in args.servers]
 
     for tool in ("wrk",):
         if not shutil.which(tool):
@@ -661,8 +707,9 @@ def main():
     started = time.monotonic()
     servers = []
     for name in args.servers:
-        if name.startswith("veskan") and not os.access(args.veskan, os.X_OK):
-            message = f"{name} skipped: {args.veskan} not found (build tools/veskan-serve first)"
+        binary = args.veskan_before if name.endswith("-before") else args.veskan
+        if name.startswith("veskan") and not (binary and os.access(binary, os.X_OK)):
+            message = f"{name} skipped: {binary} not found (build tools/veskan-serve first)"
             log(message)
             notes.append(message)
             continue

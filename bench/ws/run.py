@@ -35,7 +35,8 @@ BUILD = os.path.join(ROOT, "build-bench-ws")
 VESKAN_BUILD = os.path.join(BUILD, "veskan")
 CLIENT = os.path.join(BUILD, "ws_loadclient")
 
-ALL_SERVERS = ["veskan-direct", "veskan-window", "websocketpp", "beast"]
+ALL_SERVERS = ["veskan-direct", "veskan-window", "websocketpp", "beast",
+               "veskan-direct-before", "veskan-window-before"]
 DEFAULT_SERVERS = ["veskan-direct", "websocketpp", "beast"]
 PEERS = {
     "websocketpp": os.path.join(BUILD, "peers", "websocketpp_server"),
@@ -145,10 +146,9 @@ class Server:
     def command(self):
         if self.name in PEERS:
             return [PEERS[self.name], "0"]
-        if self.name == "veskan-direct":
-            return [self.veskan, "--direct", "--port", "0"]
-        if self.name == "veskan-window":
-            return [self.veskan, "--port", "0"]
+        if self.name.startswith("veskan-"):
+            mode = ["--direct"] if self.name.startswith("veskan-direct") else []
+            return [self.veskan] + mode + ["--port", "0"]
         raise ValueError(self.name)
 
     def start(self, timeout=15.0):
@@ -251,7 +251,7 @@ def bench_server(name, args, veskan, notes):
     """Runs every test against one server; returns its row of results (or None)."""
     if args.wait_quiet > 0:
         wait_until_quiet(args.wait_quiet)
-    server = Server(name, veskan)
+    server = Server(name, args.veskan_before if name.endswith("-before") else veskan)
     row = {"load": os.getloadavg()[0]}
     busy, own, started = machine_busy_seconds(), own_cpu_seconds(), time.monotonic()
     try:
@@ -421,6 +421,13 @@ def render(args, results, notes, elapsed, facts, load_start, load_end):
         lines.append("")
         for own in mine:
             lines.append(f"- {own}: " + "; ".join(goal_checks(results, own, peers)))
+        for suffix in ("", "-before"):
+            direct = results.get("veskan-direct" + suffix, {}).get("echo", {}).get("rate")
+            window = results.get("veskan-window" + suffix, {}).get("echo", {}).get("rate")
+            if direct and window:
+                met = "met" if window / direct >= 0.85 else "not met"
+                lines.append(f"- veskan-window{suffix} echo ÷ veskan-direct{suffix} echo: "
+                             f"{window / direct:.2f} (goal ≥ 0.85: {met})")
     if notes:
         lines.append("")
         lines.append("## Notes")
@@ -475,6 +482,9 @@ def main():
                              "use under 0.1 CPUs (default 0: do not wait)")
     parser.add_argument("--veskan", default=None,
                         help="path to a veskan-serve binary (default: build it into build-bench-ws/veskan)")
+    parser.add_argument("--veskan-before", default=None,
+                        help="another veskan-serve binary (an earlier build), run as "
+                             "veskan-direct-before and veskan-window-before")
     parser.add_argument("--output", default=os.path.join(HERE, "RESULTS.md"), help="report file")
     args = parser.parse_args()
     if args.quick:
@@ -483,6 +493,10 @@ def main():
     unknown = [name for name in args.servers if name not in ALL_SERVERS]
     if unknown:
         parser.error(f"unknown server(s): {', '.join(unknown)}")
+    if args.veskan_before:
+        args.veskan_before = os.path.abspath(args.veskan_before)
+        args.servers += [name for name in ("veskan-direct-before", "veskan-window-before")
+                         if name not in args.servers]
     try:
         args.broadcast = [int(value) for value in args.broadcast.split(",") if value.strip()]
     except ValueError:

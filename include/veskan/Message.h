@@ -10,10 +10,10 @@
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
 
+#include <boost/container/small_vector.hpp>
 #include <boost/signals2/signal.hpp>
 
 #include <condition_variable>
-#include <deque>
 #include <memory>
 #include <mutex>
 
@@ -129,7 +129,8 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   StringBuffer resource_;
   std::shared_ptr<Body> reply_;
   ReadyStates::Enumeration readyState_ = ReadyStates::Uninitialized;
-  std::deque<ReadyStates::Enumeration> pending_;  // front: the state being delivered
+  // Front: the state being delivered. Rarely more than one, so kept in the message itself.
+  boost::container::small_vector<ReadyStates::Enumeration, 2> pending_;
   mutable std::recursive_mutex mutex_;
   mutable std::condition_variable_any wakeUp_;
   bool resendRequested_ = false;

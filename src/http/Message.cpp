@@ -163,7 +163,7 @@ void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
     self.wakeUp_.notify_all();
     Deliver(marshaller, message);
     lock.lock();
-    self.pending_.pop_front();
+    self.pending_.erase(self.pending_.begin());
     if (self.pending_.empty()) {
       lock.unlock();
       return;

@@ -16,14 +16,15 @@ namespace {
 
 struct SchemePrefix {
   const char16_t* text;
+  int length;
   int scheme;
 };
 
 // Compared case-sensitively, in this order.
-constexpr SchemePrefix SchemePrefixes[] = {{u"http://", Url::HttpScheme},
-                                           {u"https://", Url::HttpsScheme},
-                                           {u"file://", Url::FileScheme},
-                                           {u"urn:", Url::UrnScheme}};
+constexpr SchemePrefix SchemePrefixes[] = {{u"http://", 7, Url::HttpScheme},
+                                           {u"https://", 8, Url::HttpsScheme},
+                                           {u"file://", 7, Url::FileScheme},
+                                           {u"urn:", 4, Url::UrnScheme}};
 
 constexpr char16_t FilePrefix[] = u"file://";
 
@@ -127,10 +128,10 @@ Url::~Url() = default;
 void Url::Parse() {
   int32_t at = 0;
   for (const SchemePrefix& prefix : SchemePrefixes) {
-    if (text_.startsWith(prefix.text)) {
+    if (text_.startsWith(prefix.text, prefix.length)) {  // compared in place, not copied first
       scheme_ = prefix.scheme;
       isAbsolute_ = true;
-      at = StringLength(prefix.text);
+      at = prefix.length;
       break;
     }
   }

@@ -46,6 +46,12 @@ void AppendUtf8(std::vector<char>& out, const icu::UnicodeString& text) {
   }
 }
 
+// A text of the protocol's own vocabulary (a reason phrase, a method), which is ASCII.
+void AppendVocabulary(std::vector<char>& out, const char16_t* text) {
+  for (; *text != 0; ++text)
+    out.push_back(static_cast<char>(*text));
+}
+
 void AppendInteger(std::vector<char>& out, long long value) {
   char digits[24];
   auto result = std::to_chars(digits, digits + sizeof digits, value);
@@ -177,7 +183,7 @@ WireMessage FormatReply(Message& message, bool keepAlive) {
   AppendLiteral(out, "HTTP/1.1 ");
   AppendInteger(out, status);
   out.push_back(' ');
-  AppendUtf8(out, StringBuffer(StatusCodes::DefaultReasonPhrase(status)));
+  AppendVocabulary(out, StatusCodes::DefaultReasonPhrase(status));
   AppendLiteral(out, "\r\n");
   AppendEntity(wire, *message.Reply, Header::SetCookie,
                keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n", true);
@@ -189,7 +195,7 @@ WireMessage FormatRequest(Message& message) {
   std::vector<char>& out = wire.head;
   out.reserve(HeadBytesReserved);
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
-  AppendUtf8(out, StringBuffer(Methods::ToString(message.Method)));
+  AppendVocabulary(out, Methods::ToString(message.Method));
   out.push_back(' ');
   if (message.Url && !message.Url->PathAndQuery.isEmpty()) {
     AppendTarget(out, message.Url->PathAndQuery);
