@@ -163,9 +163,10 @@ class VESKAN_API DaemonMarshaller : public ReadyStateDelivery {
   // before it and this returns at once; otherwise it runs now. A queued call that is released
   // (the marshaller goes first) has `work(context, false)` instead, which must only clean up.
   // The owner thread learns of queued calls from WakeOwner, which a worker calls once it has
-  // queued a cycle's worth, so that the host runs them in one turn rather than one per wake-up.
+  // queued a cycle's worth, so that the host runs them in one turn rather than one per wake-up;
+  // it returns whether there were any.
   void Post(void (*work)(void* context, bool run), void* context);
-  void WakeOwner();
+  bool WakeOwner();
 
   // Message ready-state changes go through kind 1.
   void Deliver(Message::Signal& signal, const std::shared_ptr<Veskan::Message>& message) override;

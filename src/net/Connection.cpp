@@ -126,6 +126,23 @@ void Connection::WakeWorker() {
   if (worker) worker->WakeUp();
 }
 
+void Connection::AfterHost(const std::shared_ptr<Connection>& connection) {
+  std::shared_ptr<Daemon> worker;
+  {
+    std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+    worker = connection->daemon;
+  }
+  if (worker && !worker->ProcessOut(connection)) {
+    worker->ScheduleCloseClient(connection, SocketExceptions::HTTPProtocolViolation,
+                                StringBuffer(u"send"));
+  }
+  {
+    std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+    connection->hostBusy = false;
+  }
+  if (worker) worker->WakeUp();
+}
+
 int Connection::Unanswered() const {
   int count = 0;
   for (const Exchange& exchange : exchanges) {

@@ -73,6 +73,10 @@ class Connection {
 
   // Wakes the worker that serves the connection, if any, to look at it again. Takes the lock.
   void WakeWorker();
+  // On the host's thread, once the slots of a delivery have run: what they answered leaves now,
+  // rather than at the worker's next turn; then the connection reads again and its worker is
+  // woken. Takes the lock.
+  static void AfterHost(const std::shared_ptr<Connection>& connection);
 
   // Requests received and not yet answered by the host.
   int Unanswered() const;
@@ -126,6 +130,7 @@ class Connection {
   bool shutDown = false;         // the sending direction is shut down
   bool unparsed = false;         // bytes wait in the read buffer while reading is paused
   bool hostBusy = false;         // events handed to the host's thread have not all run yet
+  bool formatting = false;       // a thread formats answered messages into the queue
   bool closing = false;          // no more I/O: the worker closes it at the end of its cycle
   bool closed = false;           // closing is under way or done
   int connectSecondsLeft = 0;    // outgoing connect

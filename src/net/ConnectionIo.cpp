@@ -144,18 +144,11 @@ void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>&
   if (!queued) {
     RunDelivery(delivery, true);
   } else {
-    // Once run or given up, the connection reads again, and its worker is woken to write what
-    // was answered.
     marshaller.Post(
         [](void* context, bool run) {
           std::unique_ptr<HostDelivery> posted(static_cast<HostDelivery*>(context));
           RunDelivery(*posted, run);
-          Connection& served = *posted->connection;
-          {
-            std::lock_guard<std::recursive_mutex> relock(served.mutex);
-            served.hostBusy = false;
-          }
-          served.WakeWorker();
+          Connection::AfterHost(posted->connection);
         },
         new HostDelivery(std::move(delivery)));
   }
@@ -341,11 +334,19 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
 std::vector<std::shared_ptr<Message>> Daemon::FormatAnswered(
     Connection& connection, std::unique_lock<std::recursive_mutex>& lock) {
   std::vector<std::shared_ptr<Message>> requestsWritten;
+  // One thread formats at a time, and takes whatever is answered while it does: the worker and,
+  // in window mode, the host's thread both send replies.
+  if (connection.formatting) return requestsWritten;
+  struct Formatting {  // cleared however the loop ends
+    bool& flag;
+    explicit Formatting(bool& on) : flag(on) { flag = true; }
+    ~Formatting() { flag = false; }
+  } formatting(connection.formatting);
   while (!connection.closing && !connection.closeAfterWrite && !connection.exchanges.empty() &&
          connection.exchanges.front().answered) {
     Detail::Exchange exchange = std::move(connection.exchanges.front());
     connection.exchanges.erase(connection.exchanges.begin());
-    // Only this worker formats for the connection, so the order of the queue is kept while the
+    // Only this thread formats for the connection, so the order of the queue is kept while the
     // message is formatted under its own lock alone.
     lock.unlock();
     Detail::WireMessage wire = connection.serverSide
@@ -426,7 +427,14 @@ bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
       marshaller.Marshal_ClientMessage(owner->MessageSent, owner, message);
     }
   }
-  if (closeNow) CloseClient(pointer, SocketExceptions::None, StringBuffer(u"reply sent"));
+  if (closeNow) {
+    // Sockets are closed by their worker: the host's thread leaves it to the end of its cycle.
+    if (std::this_thread::get_id() == worker_) {
+      CloseClient(pointer, SocketExceptions::None, StringBuffer(u"reply sent"));
+    } else {
+      ScheduleCloseClient(pointer, SocketExceptions::None, StringBuffer(u"reply sent"));
+    }
+  }
   return true;
 }
 

@@ -275,8 +275,10 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
     }
   }
   ReleaseDeferredClients();
-  cycle.clients.clear();     // ReleaseAllClients: this cycle's references go
-  marshaller_->WakeOwner();  // for what the cycle handed to the host's thread, all at once
+  cycle.clients.clear();  // ReleaseAllClients: this cycle's references go
+  // What the cycle handed to the host's thread goes in one wake-up; the host then runs before
+  // the next worker, so that the replies it gives leave without waiting for a round of turns.
+  if (marshaller_->WakeOwner()) std::this_thread::yield();
   // The next worker in line has its turn; this one takes its place at the end of the line. With
   // nobody in line, workers woken from their polls may still wait to run at all: the kernel may
   // put them off for a whole time slice while a busy worker goes on, so it yields now and then.

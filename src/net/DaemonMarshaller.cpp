@@ -86,8 +86,8 @@ void DaemonMarshaller::Post(void (*work)(void* context, bool run), void* context
   queue_->Post(work, context, this);
 }
 
-void DaemonMarshaller::WakeOwner() {
-  if (queue_) queue_->WakeOwner();
+bool DaemonMarshaller::WakeOwner() {
+  return queue_ && queue_->WakeOwner();
 }
 
 void DaemonMarshaller::Dispatch(MarshalData* data) {

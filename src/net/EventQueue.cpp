@@ -95,11 +95,12 @@ void EventQueue::Post(void (*work)(void* context, bool run), void* context, cons
   unannounced_ = true;
 }
 
-void EventQueue::WakeOwner() {
+bool EventQueue::WakeOwner() {
   std::lock_guard<std::mutex> lock(mutex_);
-  if (!unannounced_) return;
+  if (!unannounced_) return false;
   unannounced_ = false;
   posted_.notify_one();
+  return true;
 }
 
 bool EventQueue::Run(std::chrono::steady_clock::duration timeout, const bool* stop) {

@@ -70,8 +70,9 @@ class EventQueue {
   // poster that queues a batch wakes it once with WakeOwner, so that the owner runs the batch in
   // one turn (a waiting owner runs it at the end of its turn's time-out otherwise).
   void Post(void (*work)(void* context, bool run), void* context, const void* source);
-  // Wakes the owner thread for the calls posted since the last wake-up, if any.
-  void WakeOwner();
+  // Wakes the owner thread for the calls posted since the last wake-up, if any; true when there
+  // were some.
+  bool WakeOwner();
 
   // On the owner thread: waits up to `timeout` for a call to be posted, or for `*stop` (read under
   // the queue's lock; may be null) to become true, or for WakeOwner; then runs, one at a time and
