@@ -133,6 +133,7 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   boost::container::small_vector<ReadyStates::Enumeration, 2> pending_;
   mutable std::recursive_mutex mutex_;
   mutable std::condition_variable_any wakeUp_;
+  int waiters_ = 0;  // threads in BlockUntil: without any, a state change wakes nobody
   bool resendRequested_ = false;
 };
 

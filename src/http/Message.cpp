@@ -117,6 +117,9 @@ bool Message::Success(const char16_t* mediaType) const {
 }
 
 ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, double seconds) {
+  // A worker waiting here lets the others, maybe the one awaited, go on; it takes its turn back
+  // once the message's lock is released again.
+  Sys::TurnAway away;
   std::unique_lock<std::recursive_mutex> lock(mutex_);
   const auto over = [this, state] {
     return readyState_ == state ||
@@ -127,8 +130,9 @@ ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, dou
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                             std::chrono::duration<double>(seconds));
-  Sys::TurnAway away;  // a worker waiting here lets the others, maybe the one awaited, go on
+  ++waiters_;
   wakeUp_.wait_until(lock, deadline, over);
+  --waiters_;
   return readyState_;
 }
 
@@ -156,11 +160,13 @@ void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
   const bool delivering = !self.pending_.empty();
   self.pending_.push_back(state);
   if (!delivering) self.readyState_ = state;
+  // Read with the state set under the lock: a thread that begins to wait later sees the state.
+  bool waited = self.waiters_ > 0;
   lock.unlock();
   if (delivering) return;  // the running delivery loop delivers this state in turn
 
   for (;;) {
-    self.wakeUp_.notify_all();
+    if (waited) self.wakeUp_.notify_all();
     Deliver(marshaller, message);
     lock.lock();
     self.pending_.erase(self.pending_.begin());
@@ -169,6 +175,7 @@ void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
       return;
     }
     self.readyState_ = self.pending_.front();
+    waited = self.waiters_ > 0;
     lock.unlock();
   }
 }
