@@ -115,6 +115,7 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   Signal& ConnectionEvent;
 
  private:
+  struct Made;  // lets New() place the message and its count in one block
   Message();
 
   static void Deliver(ReadyStateDelivery* marshaller, const std::shared_ptr<Message>& message);

@@ -100,21 +100,23 @@ bool Exists(const StringBuffer& path) {
 
 namespace {
 
-// A text aliasing a literal, whose length is known without counting.
+// Makes `text` alias a literal, whose length is known without counting; set in place, the
+// text is neither built nor moved twice.
 template <std::size_t Size>
-icu::UnicodeString Alias(const char16_t (&literal)[Size]) {
-  return icu::UnicodeString(true, literal, static_cast<int32_t>(Size - 1));
+void Alias(StringBuffer& text, const char16_t (&literal)[Size]) {
+  text.setTo(true, literal, static_cast<int32_t>(Size - 1));
 }
 
 }  // namespace
 
 // Every part starts with the default type, so the texts alias the literals instead of copying
 // them; a later change copies on write.
-MediaType::MediaType()
-    : Text(Alias(DefaultType)),
-      TypeAndSubtype(Alias(DefaultType)),
-      Major(Alias(u"application")),
-      Minor(Alias(u"octet-stream")) {}
+MediaType::MediaType() {
+  Alias(Text, DefaultType);
+  Alias(TypeAndSubtype, DefaultType);
+  Alias(Major, u"application");
+  Alias(Minor, u"octet-stream");
+}
 
 MediaType::MediaType(const char16_t* text) {
   SetTo(text);

@@ -53,8 +53,10 @@ Message::Message()
 
 Message::~Message() = default;
 
+struct Message::Made final : Message {};
+
 std::shared_ptr<Message> Message::New() {
-  return std::shared_ptr<Message>(new Message());
+  return std::make_shared<Made>();
 }
 
 void Message::Restart(std::unique_lock<std::recursive_mutex>& lock) {

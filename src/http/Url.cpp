@@ -135,6 +135,10 @@ void Url::Parse() {
       break;
     }
   }
+  if (at == 0 && text_.startsWith(u"/", 1)) {  // a request target: nothing else to split off
+    ParsePathAndQuery(text_);
+    return;
+  }
   StringBuffer rest = From(text_, at);
 
   if (scheme_ == UrnScheme) {

@@ -24,6 +24,7 @@ using Counters = NetworkPerformanceMonitor::Counters;
 using Detail::Connection;
 using Detail::MonotonicNanoseconds;
 using Detail::ReaderEvent;
+using Detail::ReaderEvents;
 using Detail::ReadOutcome;
 
 // Receives at most this often per readable event, so that one busy connection cannot starve the
@@ -36,7 +37,7 @@ struct HostDelivery {
   std::shared_ptr<Connection> connection;
   std::shared_ptr<Server> server;
   std::shared_ptr<Client> owner;
-  std::vector<ReaderEvent> reader;
+  ReaderEvents reader;
   std::vector<std::shared_ptr<WSData>> frames;
 };
 
@@ -270,7 +271,7 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
   Connection& connection = *pointer;
   const bool serverSide = connection.serverSide;
   Client::ParseData& parse = connection.parse;
-  std::vector<ReaderEvent> events;
+  ReaderEvents events;
   connection.unparsed = false;
   for (;;) {
     if (connection.ReadPaused()) {

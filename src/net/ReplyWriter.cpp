@@ -63,7 +63,40 @@ void AppendInteger(std::vector<char>& out, long long value) {
 // let text the host took from a user end the line and begin headers or a body of its own
 // (response splitting). Such a header is dropped with a warning, and so is one whose value has no
 // UTF-8 form (an unpaired surrogate), rather than sent cut short.
+// The usual header, ASCII throughout, checked and copied in one pass; false, with nothing
+// appended, for any other, which takes the general path.
+bool AppendAsciiHeader(std::vector<char>& out, const Header& header) {
+  const char16_t* name = header.Name.getBuffer();
+  const char16_t* value = header.Value.getBuffer();
+  const std::size_t nameLength = static_cast<std::size_t>(header.Name.length());
+  const std::size_t valueLength = static_cast<std::size_t>(header.Value.length());
+  if (nameLength == 0 || name == nullptr || (valueLength > 0 && value == nullptr)) return false;
+  const std::size_t start = out.size();
+  out.resize(start + nameLength + valueLength + 4);
+  char* at = out.data() + start;
+  for (std::size_t i = 0; i < nameLength; ++i) {
+    if (name[i] >= 0x80 || !IsTokenChar(name[i])) {
+      out.resize(start);
+      return false;
+    }
+    *at++ = static_cast<char>(name[i]);
+  }
+  *at++ = ':';
+  *at++ = ' ';
+  for (std::size_t i = 0; i < valueLength; ++i) {
+    if (value[i] >= 0x80 || !IsFieldValueChar(value[i])) {
+      out.resize(start);
+      return false;
+    }
+    *at++ = static_cast<char>(value[i]);
+  }
+  *at++ = '\r';
+  *at = '\n';
+  return true;
+}
+
 void AppendHeader(std::vector<char>& out, const Header& header) {
+  if (AppendAsciiHeader(out, header)) return;
   if (!IsWritableField(header.Name, header.Value)) {
     Logger::Line(Logger::Severity::Warning, "Veskan::Daemon::ProcessOut")
         << " header dropped, its name is no token or its value holds a control character or"

@@ -2,6 +2,7 @@
 // multipart splitting, over the unread bytes of a connection's parse state.
 #include "net/RequestReader.h"
 
+#include "foundation/Utf.h"
 #include "http/FieldSyntax.h"
 
 #include <veskan/Body.h>
@@ -177,6 +178,12 @@ StringBuffer TextOf(const char* data, int length) {
   return UTF8to16(data, 0, length);  // ASCII, the usual case, is widened without a converter
 }
 
+// The same, written into `text`: a header field's texts are decoded where they stay.
+void DecodeInto(const char* data, int length, StringBuffer& text) {
+  Detail::DecodeUtf8(data, length, text);
+  text.KeepTerminated();
+}
+
 std::shared_ptr<Body>& BodyOf(const std::shared_ptr<Message>& message, bool serverSide) {
   return serverSide ? message->Request : message->Reply;
 }
@@ -222,7 +229,7 @@ std::string MultipartDelimiter(const StringBuffer& contentType) {
 class Reader {
  public:
   Reader(Client::ParseData& parse, std::shared_ptr<Message>& current, bool serverSide, bool final,
-         const Server::Limits& limits, std::vector<ReaderEvent>& events)
+         const Server::Limits& limits, ReaderEvents& events)
       : parse_(parse),
         current_(current),
         serverSide_(serverSide),
@@ -387,8 +394,9 @@ class Reader {
     // field sent behind the body must not change, after the fact, how the message was framed,
     // routed or authorised (RFC 9112 section 7.1.2, RFC 9110 section 6.5.1).
     if (parse_.Chunked) return Step::Continue;
-    // Made in place: the texts are not moved more than the field's own storage needs.
-    Header field(TextOf(line, nameLength), TextOf(line + valueStart, valueEnd - valueStart));
+    Header field;
+    DecodeInto(line, nameLength, field.Name);
+    DecodeInto(line + valueStart, valueEnd - valueStart, field.Value);
     auto lock = current_->Lock();
     BodyOf(current_, serverSide_)->Headers.Add(std::move(field));
     return Step::Continue;
@@ -750,14 +758,14 @@ class Reader {
   bool serverSide_;
   bool final_;
   const Server::Limits& limits_;
-  std::vector<ReaderEvent>& events_;
+  ReaderEvents& events_;
 };
 
 }  // namespace
 
 ReadOutcome RequestReader::Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
                                 bool serverSide, bool final, const Server::Limits& limits,
-                                std::vector<ReaderEvent>& events) {
+                                ReaderEvents& events) {
   if (parse.ReadPosition < 0 || parse.ReadPosition > parse.WritePosition ||
       parse.WritePosition > parse.ReadBuffer.Size()) {
     return ReadOutcome::Violation;

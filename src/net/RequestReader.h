@@ -8,8 +8,9 @@
 #include <veskan/Message.h>
 #include <veskan/Server.h>
 
+#include <boost/container/small_vector.hpp>
+
 #include <memory>
-#include <vector>
 
 namespace Veskan {
 namespace Detail {
@@ -29,6 +30,9 @@ struct ReaderEvent {
   int Value = 0;
   bool KeepAlive = false;  // MessageComplete: whether the connection stays open after it
 };
+
+// The events of one read; a request's headers and its end fit without a heap block.
+using ReaderEvents = boost::container::small_vector<ReaderEvent, 4>;
 
 enum class ReadOutcome {
   NeedMore,   // every complete message has been read; more bytes are needed
@@ -72,7 +76,7 @@ class RequestReader {
   // agents. Trailer fields are checked and then dropped, never merged into the header section.
   static ReadOutcome Read(Client::ParseData& parse, std::shared_ptr<Message>& current,
                           bool serverSide, bool final, const Server::Limits& limits,
-                          std::vector<ReaderEvent>& events);
+                          ReaderEvents& events);
 };
 
 }  // namespace Detail

@@ -35,6 +35,7 @@
 
 using namespace Veskan;
 using Detail::ReaderEvent;
+using Detail::ReaderEvents;
 using Detail::ReadOutcome;
 using States = Client::ParseData::States;
 
@@ -219,7 +220,7 @@ class Feeder {
   Client::ParseData parse_;
   Server::Limits limits_;
   std::shared_ptr<Message> current_;
-  std::vector<ReaderEvent> events_;
+  ReaderEvents events_;
   ReadOutcome outcome_ = ReadOutcome::NeedMore;
   bool bufferFull_ = false;
   int largestBuffer_ = 0;

@@ -39,7 +39,7 @@ bool Upgrade(WebSocketSupport& support, const std::uint8_t* data, std::size_t si
   if (size > 0) std::memcpy(parse.ReadBuffer.Data(), data, size);
   parse.WritePosition = static_cast<int>(size);
   std::shared_ptr<Veskan::Message> current;
-  std::vector<Veskan::Detail::ReaderEvent> read;
+  Veskan::Detail::ReaderEvents read;
   if (Veskan::Detail::RequestReader::Read(parse, current, true, false, Veskan::Server::Limits(),
                                           read) != Veskan::Detail::ReadOutcome::Upgrade) {
     return false;

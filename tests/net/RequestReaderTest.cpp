@@ -36,6 +36,7 @@ namespace Veskan {
 namespace {
 
 using Detail::ReaderEvent;
+using Detail::ReaderEvents;
 using Detail::ReadOutcome;
 using Detail::RequestReader;
 using States = Client::ParseData::States;
@@ -230,7 +231,7 @@ class Feeder {
 
   Client::ParseData parse;
   std::shared_ptr<Message> current;
-  std::vector<ReaderEvent> events;
+  ReaderEvents events;
   ReadOutcome outcome = ReadOutcome::NeedMore;
   bool bufferFull = false;
 
@@ -930,7 +931,7 @@ TEST(RequestReaderStateTest, RefusesInconsistentParseStates) {
     parse.WritePosition = writePosition;
     parse.State = state;
     std::shared_ptr<Message> current;
-    std::vector<ReaderEvent> events;
+    ReaderEvents events;
     EXPECT_EQ(ReadOutcome::Violation,
               RequestReader::Read(parse, current, true, false, Server::Limits(), events));
     EXPECT_TRUE(events.empty());

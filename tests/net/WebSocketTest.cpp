@@ -88,7 +88,7 @@ bool Upgrade(WebSocketSupport& support, const std::string& text, Fed& fed,
   std::memcpy(parse.ReadBuffer.Data(), text.data(), text.size());
   parse.WritePosition = static_cast<int>(text.size());
   std::shared_ptr<Message> current;
-  std::vector<Detail::ReaderEvent> read;
+  Detail::ReaderEvents read;
   if (Detail::RequestReader::Read(parse, current, true, false, Server::Limits(), read) !=
       Detail::ReadOutcome::Upgrade) {
     return false;
