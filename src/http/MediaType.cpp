@@ -105,6 +105,7 @@ namespace {
 template <std::size_t Size>
 void Alias(StringBuffer& text, const char16_t (&literal)[Size]) {
   text.setTo(true, literal, static_cast<int32_t>(Size - 1));
+  text.KeepTerminated();  // the literal's own NUL: nothing is copied
 }
 
 }  // namespace
