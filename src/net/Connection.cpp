@@ -117,15 +117,6 @@ bool Connection::Flush(std::int64_t now, int& error) {
   }
 }
 
-void Connection::WakeWorker() {
-  std::shared_ptr<Daemon> worker;
-  {
-    std::lock_guard<std::recursive_mutex> lock(mutex);
-    worker = daemon;
-  }
-  if (worker) worker->WakeUp();
-}
-
 void Connection::AfterHost(const std::shared_ptr<Connection>& connection) {
   std::shared_ptr<Daemon> worker;
   {

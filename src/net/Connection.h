@@ -71,8 +71,6 @@ class Connection {
   // system's error number in `error`.
   bool Flush(std::int64_t now, int& error);
 
-  // Wakes the worker that serves the connection, if any, to look at it again. Takes the lock.
-  void WakeWorker();
   // On the host's thread, once the slots of a delivery have run: what they answered leaves now,
   // rather than at the worker's next turn; then the connection reads again and its worker is
   // woken. Takes the lock.

@@ -30,7 +30,6 @@ using Detail::NanosecondsPerSecond;
 // At most this many connections are accepted per readable event of a listening socket, so that
 // a flood of connections cannot starve the connections already served.
 constexpr int AcceptsPerEvent = 64;
-// How long a worker runs cycles without waiting before it yields the processor.
 // How long a worker waits for its turn before it goes on without one: longer than a round of
 // turns of a busy server, shorter than anything a person would notice; it only matters when a
 // worker holding a turn blocks on another.

@@ -4,6 +4,7 @@
 
 #include "sys/Turns.h"
 
+#include <memory>
 #include <vector>
 
 namespace Veskan {
@@ -47,7 +48,7 @@ EventQueue::~EventQueue() {
     Record* record = head_;
     head_ = record->next;
     // A waiting caller holds the queue alive, so only posted calls can be left here.
-    if (record->work != nullptr) GiveUp(record);
+    if (record->work != nullptr) RunPosted(record, false);
   }
 }
 
@@ -62,9 +63,9 @@ void EventQueue::Append(Record& record) {
   ++pending_;
 }
 
-void EventQueue::GiveUp(Record* posted) {
-  posted->work(posted->context, false);
-  delete posted;
+void EventQueue::RunPosted(Record* posted, bool run) {
+  std::unique_ptr<Record> owned(posted);  // the queue's own record, made by Post
+  owned->work(owned->context, run);
 }
 
 bool EventQueue::Call(void (*run)(void* context), void* context, const void* source) {
@@ -118,8 +119,7 @@ bool EventQueue::Run(std::chrono::steady_clock::duration timeout, const bool* st
 
     lock.unlock();
     if (record->work != nullptr) {
-      record->work(record->context, true);
-      delete record;
+      RunPosted(record, true);
       lock.lock();
       continue;
     }
@@ -167,7 +167,7 @@ std::size_t EventQueue::Release(const void* source) {
   }
   lock.unlock();
   for (Record* record : posted)
-    GiveUp(record);
+    RunPosted(record, false);
   return released;
 }
 

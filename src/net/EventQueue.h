@@ -94,7 +94,8 @@ class EventQueue {
 
  private:
   void Append(Record& record);  // under the lock
-  static void GiveUp(Record* posted);
+  // Runs (`run`) or gives up a record made by Post, and frees it.
+  static void RunPosted(Record* posted, bool run);
 
   mutable std::mutex mutex_;
   std::condition_variable posted_;  // the owner waits here in Run

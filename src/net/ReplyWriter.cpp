@@ -58,11 +58,6 @@ void AppendInteger(std::vector<char>& out, long long value) {
   Append(out, digits, static_cast<std::size_t>(result.ptr - digits));
 }
 
-// Appends "Name: Value" unless the header could split the message: a name that is not a token
-// (RFC 9110 section 5.6.2) or a value holding CR, LF, NUL or another control (section 5.5) would
-// let text the host took from a user end the line and begin headers or a body of its own
-// (response splitting). Such a header is dropped with a warning, and so is one whose value has no
-// UTF-8 form (an unpaired surrogate), rather than sent cut short.
 // The usual header, ASCII throughout, checked and copied in one pass; false, with nothing
 // appended, for any other, which takes the general path.
 bool AppendAsciiHeader(std::vector<char>& out, const Header& header) {
@@ -95,6 +90,11 @@ bool AppendAsciiHeader(std::vector<char>& out, const Header& header) {
   return true;
 }
 
+// Appends "Name: Value" unless the header could split the message: a name that is not a token
+// (RFC 9110 section 5.6.2) or a value holding CR, LF, NUL or another control (section 5.5) would
+// let text the host took from a user end the line and begin headers or a body of its own
+// (response splitting). Such a header is dropped with a warning, and so is one whose value has no
+// UTF-8 form (an unpaired surrogate), rather than sent cut short.
 void AppendHeader(std::vector<char>& out, const Header& header) {
   if (AppendAsciiHeader(out, header)) return;
   if (!IsWritableField(header.Name, header.Value)) {
