@@ -126,6 +126,7 @@ class VESKAN_API Client : public std::enable_shared_from_this<Client> {
   // The seven signals, taken from and given back to a pool; declared here because the signal
   // references below are bound to them.
   struct Signals;
+  static Signals* TakeSignals();
   static void GiveBack(Signals* signals);
   std::unique_ptr<Signals, void (*)(Signals*)> signals_;
 

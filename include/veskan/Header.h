@@ -76,6 +76,9 @@ class VESKAN_API Header::Collection {
   void AddAnother(const Header& header);
   // Appends `header` as it is.
   void Add(Header header);
+  // Appends an empty header and returns it to be filled in where it stays; the reference is valid
+  // until the collection changes next.
+  Header& Append();
   // Removes every header named `name`.
   void Remove(const char16_t* name);
   // Removes the entry at `index`; a bad index changes nothing.

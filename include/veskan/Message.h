@@ -91,11 +91,9 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   std::recursive_mutex& Mutex() const { return mutex_; }
 
  private:
-  // The two signals, taken from and given back to a pool; declared here because the signal
-  // references below are bound to them.
+  // The two signals; declared here because the signal references below are bound to them.
   struct Signals;
-  static void GiveBack(Signals* signals);
-  std::unique_ptr<Signals, void (*)(Signals*)> signals_;
+  std::unique_ptr<Signals> signals_;
 
  public:
   const Methods::Enumeration& Method;
@@ -115,8 +113,12 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   Signal& ConnectionEvent;
 
  private:
-  struct Made;  // lets New() place the message and its count in one block
   Message();
+  // What the last owner of a message made by New() calls: the message is renewed and kept for
+  // a later New().
+  static void Recycle(Message* message);
+  // Back to the state of a new message, every slot disconnected; nobody holds the message.
+  void Renew();
 
   static void Deliver(ReadyStateDelivery* marshaller, const std::shared_ptr<Message>& message);
   // New empty bodies, ResendRequested cleared, Open announced; `lock` is held.
@@ -133,7 +135,9 @@ class VESKAN_API Message : public std::enable_shared_from_this<Message> {
   // Front: the state being delivered. Rarely more than one, so kept in the message itself.
   boost::container::small_vector<ReadyStates::Enumeration, 2> pending_;
   mutable std::recursive_mutex mutex_;
-  mutable std::condition_variable_any wakeUp_;
+  // Made by the first BlockUntil, under the lock: most messages are never waited for, and the
+  // condition variable allocates a mutex of its own. Kept until the message goes.
+  std::unique_ptr<std::condition_variable_any> wakeUp_;
   int waiters_ = 0;  // threads in BlockUntil: without any, a state change wakes nobody
   bool resendRequested_ = false;
 };

@@ -4,6 +4,8 @@
 #include <veskan/DaemonMarshaller.h>
 #include <veskan/Logger.h>
 
+#include "http/Pooled.h"
+
 #include <cstring>
 #include <exception>
 #include <string>
@@ -202,7 +204,7 @@ void Transfer::AnnounceSent() {
 void Transfer::Complete(CURLcode result) {
   lastResult_ = result;
   std::unique_lock<std::recursive_mutex> lock = message_->Lock();
-  if (!message_->Reply) message_->Reply = std::make_shared<Body>();
+  if (!message_->Reply) message_->Reply = Detail::NewBody();
   Body& reply = *message_->Reply;
   if (result == CURLE_OK) {
     message_->StatusCode = status_;

@@ -144,7 +144,14 @@ StringBuffer& StringBuffer::operator=(const icu::UnicodeString& other) {
 }
 
 StringBuffer& StringBuffer::operator=(const char16_t* text) {
-  return *this = StringBuffer(text);
+  // ICU copies a text that lies in this object's own buffer before replacing it.
+  if (text == nullptr) {
+    remove();
+  } else {
+    setTo(text, u_strlen(text));
+  }
+  KeepTerminated();
+  return *this;
 }
 
 StringBuffer& StringBuffer::operator=(const char* utf8) {

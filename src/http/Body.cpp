@@ -4,6 +4,9 @@
 #include <veskan/Logger.h>
 #include <veskan/XmlSchema.h>
 
+#include "http/ObjectPool.h"
+#include "http/Pooled.h"
+
 #include <climits>
 #include <utility>
 
@@ -140,6 +143,24 @@ Body& Body::operator=(const Body& other) {
 }
 
 Body::~Body() = default;
+
+namespace {
+
+void RecycleBody(Body* body) {
+  body->Content.reset();
+  body->Headers.Clear();
+  Detail::RenewMediaType(body->MediaType);
+  body->Parts.Clear();
+  body->Cookies.Clear();
+  Detail::ObjectPool<Body>::Give(body);
+}
+
+}  // namespace
+
+std::shared_ptr<Body> Detail::NewBody() {
+  Body* body = ObjectPool<Body>::Take();
+  return std::shared_ptr<Body>(body != nullptr ? body : new Body(), &RecycleBody);
+}
 
 void Body::FormatMultipartMessage() {
   if (parts_.Count() == 0) {

@@ -107,9 +107,9 @@ StringBuffer& Header::Collection::operator[](const char16_t* name) {
   for (Header& header : headers_) {
     if (NameIs(header.Name, name)) return header.Value;
   }
-  headers_.emplace_back(name);
-  Recount();
-  return headers_.back().Value;
+  Header& added = Append();
+  added.Name = name;
+  return added.Value;
 }
 
 const Header& Header::Collection::operator()(int index) const {
@@ -130,10 +130,15 @@ void Header::Collection::AddAnother(const Header& header) {
 }
 
 void Header::Collection::Add(Header header) {
+  Append() = std::move(header);
+}
+
+Header& Header::Collection::Append() {
   // Room for a typical request's fields at once, rather than moving them at every doubling.
   if (headers_.capacity() == 0) headers_.reserve(8);
-  headers_.push_back(std::move(header));
+  headers_.emplace_back();
   Recount();
+  return headers_.back();
 }
 
 void Header::Collection::Remove(const char16_t* name) {
@@ -150,7 +155,12 @@ void Header::Collection::RemoveAt(int index) {
 }
 
 void Header::Collection::Clear() {
-  headers_.clear();
+  // A typical block's room is kept for the next one; a long block's is given back.
+  if (headers_.capacity() > 16) {
+    std::vector<Header>().swap(headers_);
+  } else {
+    headers_.clear();
+  }
   Recount();
 }
 

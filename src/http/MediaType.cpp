@@ -1,6 +1,7 @@
 // Media types: splitting a media-type text and suggesting file names for downloaded bodies.
 #include <veskan/Content.h>
 
+#include "http/Pooled.h"
 #include "sys/Path.h"
 
 #include <random>
@@ -10,6 +11,8 @@ namespace Veskan {
 namespace {
 
 constexpr char16_t DefaultType[] = u"application/octet-stream";
+constexpr char16_t DefaultMajor[] = u"application";
+constexpr char16_t DefaultMinor[] = u"octet-stream";
 
 // The extensions of the media types the system saves, looked up without regard to case.
 struct Extension {
@@ -115,8 +118,8 @@ void Alias(StringBuffer& text, const char16_t (&literal)[Size]) {
 MediaType::MediaType() {
   Alias(Text, DefaultType);
   Alias(TypeAndSubtype, DefaultType);
-  Alias(Major, u"application");
-  Alias(Minor, u"octet-stream");
+  Alias(Major, DefaultMajor);
+  Alias(Minor, DefaultMinor);
 }
 
 MediaType::MediaType(const char16_t* text) {
@@ -124,6 +127,15 @@ MediaType::MediaType(const char16_t* text) {
 }
 
 MediaType::~MediaType() = default;
+
+void Detail::RenewMediaType(MediaType& type) {
+  // The texts still alias the literals only while nobody has changed them.
+  const bool unchanged =
+      type.Text.getBuffer() == DefaultType && type.TypeAndSubtype.getBuffer() == DefaultType &&
+      type.Major.getBuffer() == DefaultMajor && type.Minor.getBuffer() == DefaultMinor &&
+      type.IsXml == 0 && type.Parameters.Count() == 0;
+  if (!unchanged) type = MediaType();
+}
 
 void MediaType::SetTo(const char16_t* text) {
   Text = text;

@@ -3,7 +3,8 @@
 
 #include <veskan/Logger.h>
 
-#include "http/SignalPool.h"
+#include "http/ObjectPool.h"
+#include "http/Pooled.h"
 #include "sys/Turns.h"
 
 #include <chrono>
@@ -33,12 +34,8 @@ struct Message::Signals {
   }
 };
 
-void Message::GiveBack(Signals* signals) {
-  Detail::SignalPool<Signals>::Give(signals);
-}
-
 Message::Message()
-    : signals_(Detail::SignalPool<Signals>::Take(), &Message::GiveBack),
+    : signals_(std::make_unique<Signals>()),
       Method(method_),
       Url(url_),
       Request(request_),
@@ -53,15 +50,38 @@ Message::Message()
 
 Message::~Message() = default;
 
-struct Message::Made final : Message {};
-
+// A server makes and drops a message, its URL and two bodies per request: they are renewed
+// rather than built again. Weak pointers to a dropped message expire as usual.
 std::shared_ptr<Message> Message::New() {
-  return std::make_shared<Made>();
+  Message* message = Detail::ObjectPool<Message>::Take();
+  return std::shared_ptr<Message>(message != nullptr ? message : new Message(), &Message::Recycle);
+}
+
+void Message::Recycle(Message* message) {
+  message->Renew();
+  Detail::ObjectPool<Message>::Give(message);
+}
+
+void Message::Renew() {
+  signals_->DisconnectAll();
+  method_ = Methods::GET;
+  url_.reset();
+  request_.reset();
+  reply_.reset();
+  statusCode_ = 0;
+  location_.remove();
+  location_.KeepTerminated();
+  resource_.remove();
+  resource_.KeepTerminated();
+  readyState_ = ReadyStates::Uninitialized;
+  pending_.clear();
+  waiters_ = 0;
+  resendRequested_ = false;
 }
 
 void Message::Restart(std::unique_lock<std::recursive_mutex>& lock) {
-  request_ = std::make_shared<Body>();
-  reply_ = std::make_shared<Body>();
+  request_ = Detail::NewBody();
+  reply_ = Detail::NewBody();
   resendRequested_ = false;
   UnlockAndNotifyReadyStateChanged(nullptr, shared_from_this(), ReadyStates::Open, lock);
 }
@@ -70,9 +90,17 @@ void Message::Open(Methods::Enumeration method, const char16_t* url) {
   std::unique_lock<std::recursive_mutex> lock(mutex_);
   method_ = method;
   url_ = std::make_shared<Veskan::Url>(url);
-  location_ = url;
-  if (location_.endsWith(icu::UnicodeString(u'/'))) location_.truncate(location_.length() - 1);
-  resource_ = location_.tempSubString(location_.lastIndexOf(u'/') + 1);
+  // Both texts are cut from the new URL's copy of `url`, which may point into one of them.
+  const StringBuffer& text = url_->Text;
+  int32_t length = text.length();
+  if (length > 0 && text[length - 1] == u'/') --length;
+  int32_t slash = length;
+  while (slash > 0 && text[slash - 1] != u'/')
+    --slash;
+  location_.setTo(text, 0, length);
+  location_.KeepTerminated();
+  resource_.setTo(text, slash, length - slash);
+  resource_.KeepTerminated();
   Restart(lock);
 }
 
@@ -85,7 +113,7 @@ void Message::Reopen() {
 void Message::Resend() {
   std::lock_guard<std::recursive_mutex> lock(mutex_);
   resendRequested_ = true;
-  reply_ = std::make_shared<Body>();
+  reply_ = Detail::NewBody();
 }
 
 void Message::Drop() {
@@ -132,8 +160,9 @@ ReadyStates::Enumeration Message::BlockUntil(ReadyStates::Enumeration state, dou
   const auto deadline = std::chrono::steady_clock::now() +
                         std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                             std::chrono::duration<double>(seconds));
+  if (!wakeUp_) wakeUp_ = std::make_unique<std::condition_variable_any>();
   ++waiters_;
-  wakeUp_.wait_until(lock, deadline, over);
+  wakeUp_->wait_until(lock, deadline, over);
   --waiters_;
   return readyState_;
 }
@@ -168,7 +197,7 @@ void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
   if (delivering) return;  // the running delivery loop delivers this state in turn
 
   for (;;) {
-    if (waited) self.wakeUp_.notify_all();
+    if (waited) self.wakeUp_->notify_all();  // made before the waiter counted itself
     Deliver(marshaller, message);
     lock.lock();
     self.pending_.erase(self.pending_.begin());

@@ -6,6 +6,8 @@
 #include "foundation/Utf.h"
 #include "sys/Path.h"
 
+#include <unicode/ustring.h>
+
 #include <climits>
 #include <string>
 #include <vector>
@@ -100,7 +102,8 @@ Url::Url()
       Query(query_) {}
 
 Url::Url(const char16_t* text) : Url() {
-  text_ = StringBuffer(text);
+  if (text) text_.setTo(text, u_strlen(text));  // a new object: `text` cannot point into it
+  text_.KeepTerminated();
   Parse();
 }
 
@@ -126,6 +129,10 @@ Url& Url::operator=(const Url& other) {
 Url::~Url() = default;
 
 void Url::Parse() {
+  if (text_.charAt(0) == u'/') {  // a request target: no scheme, nothing else to split off
+    ParsePathAndQuery(text_);
+    return;
+  }
   int32_t at = 0;
   for (const SchemePrefix& prefix : SchemePrefixes) {
     if (text_.startsWith(prefix.text, prefix.length)) {  // compared in place, not copied first
@@ -134,10 +141,6 @@ void Url::Parse() {
       at = prefix.length;
       break;
     }
-  }
-  if (at == 0 && text_.startsWith(u"/", 1)) {  // a request target: nothing else to split off
-    ParsePathAndQuery(text_);
-    return;
   }
   StringBuffer rest = From(text_, at);
 

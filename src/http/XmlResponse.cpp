@@ -5,6 +5,8 @@
 #include <veskan/Message.h>
 #include <veskan/XmlSchema.h>
 
+#include "http/Pooled.h"
+
 #include <memory>
 
 namespace Veskan {
@@ -13,7 +15,7 @@ void XmlSchema::RespondWithXml(const std::shared_ptr<Message>& message,
                                const std::shared_ptr<XmlDocument>& doc) {
   if (!message) return;
   const auto lock = message->Lock();
-  if (!message->Reply) message->Reply = std::make_shared<Body>();
+  if (!message->Reply) message->Reply = Detail::NewBody();
   message->Reply->Content = std::make_shared<Content>(doc);
   message->Reply->Headers[Header::ContentType] = Content::Types::TextXml;
 }

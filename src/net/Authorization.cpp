@@ -6,6 +6,7 @@
 #include <veskan/Logger.h>
 #include <veskan/Message.h>
 
+#include "http/Pooled.h"
 #include "net/Connection.h"
 
 #include <openssl/crypto.h>
@@ -291,7 +292,7 @@ bool Authorize(const Client& client, Detail::Authenticator* authenticator,
   const std::vector<StringBuffer> challenges =
       authenticator->Challenges(verdict == Detail::Authenticator::Verdict::Stale, now);
   std::unique_lock<std::recursive_mutex> lock = message->Lock();
-  if (!message->Reply) message->Reply = std::make_shared<Body>();
+  if (!message->Reply) message->Reply = Detail::NewBody();
   Body& reply = *message->Reply;
   message->StatusCode = 401;
   reply.Headers.Remove(Header::WWWAuthenticate);

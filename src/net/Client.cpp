@@ -8,7 +8,8 @@
 #include <veskan/Server.h>
 #include <veskan/Url.h>
 
-#include "http/SignalPool.h"
+#include "http/ObjectPool.h"
+#include "http/Pooled.h"
 #include "net/Connection.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
@@ -59,7 +60,14 @@ struct Client::Signals {
 };
 
 void Client::GiveBack(Signals* signals) {
-  Detail::SignalPool<Signals>::Give(signals);
+  if (signals == nullptr) return;
+  signals->DisconnectAll();  // no slot of the connection is called once it is gone
+  Detail::ObjectPool<Signals>::Give(signals);
+}
+
+Client::Signals* Client::TakeSignals() {
+  Signals* pooled = Detail::ObjectPool<Signals>::Take();
+  return pooled != nullptr ? pooled : new Signals();
 }
 
 Client::Client(bool direct, const char16_t* key, const char16_t* certificate)
@@ -70,7 +78,7 @@ Client::Client(bool direct, const char16_t* key, const char16_t* certificate)
 
 Client::Client(const std::shared_ptr<Server>& server,
                const std::shared_ptr<DaemonMarshaller>& marshaller)
-    : signals_(Detail::SignalPool<Signals>::Take(), &Client::GiveBack),
+    : signals_(TakeSignals(), &Client::GiveBack),
       StateChanged(signals_->stateChanged),
       Tick(signals_->tick),
       HeadersComplete(signals_->headersComplete),
@@ -258,7 +266,7 @@ bool Client::Send(const std::shared_ptr<Message>& message) {
       messageLock.unlock();
       message->Resend();
     } else {
-      message->Reply = std::make_shared<Body>();
+      message->Reply = Detail::NewBody();
       Header::Collection& headers = message->Request->Headers;
       if (!static_cast<const Header::Collection&>(headers).Contains(u"Host") && message->Url) {
         StringBuffer url;

@@ -2,6 +2,7 @@
 #include "net/ReplyWriter.h"
 
 #include "http/FieldSyntax.h"
+#include "http/Pooled.h"
 
 #include <veskan/Body.h>
 #include <veskan/Content.h>
@@ -212,7 +213,7 @@ WireMessage FormatReply(Message& message, bool keepAlive) {
         << " status code out of range, sent as 500: " << status;
     status = StatusCodes::InternalServerError;
   }
-  if (!message.Reply) message.Reply = std::make_shared<Body>();
+  if (!message.Reply) message.Reply = Detail::NewBody();
   AppendLiteral(out, "HTTP/1.1 ");
   AppendInteger(out, status);
   out.push_back(' ');
@@ -236,7 +237,7 @@ WireMessage FormatRequest(Message& message) {
     out.push_back('/');
   }
   AppendLiteral(out, " HTTP/1.1\r\n");
-  if (!message.Request) message.Request = std::make_shared<Body>();
+  if (!message.Request) message.Request = Detail::NewBody();
   AppendEntity(wire, *message.Request, Header::Cookie, nullptr, false);
   return wire;
 }

@@ -4,6 +4,7 @@
 
 #include "foundation/Utf.h"
 #include "http/FieldSyntax.h"
+#include "http/Pooled.h"
 
 #include <veskan/Body.h>
 #include <veskan/Content.h>
@@ -356,7 +357,7 @@ class Reader {
     }
     auto lock = current_->Lock();
     current_->StatusCode = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
-    current_->Reply = std::make_shared<Body>();
+    current_->Reply = Detail::NewBody();
     return true;
   }
 
@@ -394,11 +395,10 @@ class Reader {
     // field sent behind the body must not change, after the fact, how the message was framed,
     // routed or authorised (RFC 9112 section 7.1.2, RFC 9110 section 6.5.1).
     if (parse_.Chunked) return Step::Continue;
-    Header field;
+    auto lock = current_->Lock();
+    Header& field = BodyOf(current_, serverSide_)->Headers.Append();
     DecodeInto(line, nameLength, field.Name);
     DecodeInto(line + valueStart, valueEnd - valueStart, field.Value);
-    auto lock = current_->Lock();
-    BodyOf(current_, serverSide_)->Headers.Add(std::move(field));
     return Step::Continue;
   }
 
@@ -519,7 +519,7 @@ class Reader {
 
     if (!serverSide_ && current_->StatusCode / 100 == 1 && current_->StatusCode != 101) {
       // An interim reply ("100 Continue"): the final one follows (RFC 9110 section 15.2).
-      current_->Reply = std::make_shared<Body>();
+      current_->Reply = Detail::NewBody();
       parse_.HeaderBytes = 0;
       parse_.State = States::Waiting;
       return Step::Continue;

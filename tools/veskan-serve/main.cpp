@@ -191,7 +191,7 @@ class Routes {
     ++served_;
     std::unique_lock<std::recursive_mutex> lock = message->Lock();
     const StringBuffer& path = message->Url->Path;
-    if (path == StringBuffer(u"/hello")) {
+    if (path == u"/hello") {
       Reply(*message, 200, Content::Types::TextPlain, hello_);
     } else if (path.startsWith(StringBuffer(u"/private/")) && privateServed_) {
       lock.unlock();
@@ -199,15 +199,15 @@ class Routes {
         lock.lock();
         Reply(*message, 200, Content::Types::TextPlain, hello_);
       }
-    } else if (path == StringBuffer(u"/echo")) {
+    } else if (path == u"/echo") {
       lock.unlock();
       Echo(message);
     } else if (path.startsWith(StringBuffer(u"/files/"))) {
       File(*message, StringBuffer(path.tempSubString(7)));
-    } else if (path == StringBuffer(u"/status")) {
+    } else if (path == u"/status") {
       lock.unlock();
       Status(server, message);
-    } else if (path == StringBuffer(u"/broadcast") && message->Method == Methods::POST) {
+    } else if (path == u"/broadcast" && message->Method == Methods::POST) {
       lock.unlock();
       Broadcast(message);
     } else {
@@ -248,7 +248,7 @@ class Routes {
   static void Reply(Message& message, int status, const char16_t* type,
                     const std::shared_ptr<Content>& content) {
     message.StatusCode = status;
-    message.Reply->Headers.Add(Header(StringBuffer(u"Content-Type"), StringBuffer(type)));
+    message.Reply->Headers[Header::ContentType] = type;
     message.Reply->Content = content;
   }
 

@@ -1,0 +1,104 @@
+// A pool of objects that are costly to build and are made and dropped once per request or per
+// connection: a message with its bodies, the signal sets of messages and connections. A busy
+// server then builds them once and renews them, instead of allocating and constructing their
+// strings, vectors and signals for every request.
+#ifndef VESKAN_HTTP_OBJECTPOOL_H
+#define VESKAN_HTTP_OBJECTPOOL_H
+
+#include <cstddef>
+#include <mutex>
+#include <vector>
+
+namespace Veskan {
+namespace Detail {
+
+// Objects given back must be renewed by the giver: the pool hands them out again as they are.
+// Each thread keeps up to `Local` objects of its own, taken and given without a lock (a worker
+// makes and drops a message per request, usually on its own thread); beyond that they go to a
+// list shared by all threads of at most `Kept`, and more are destroyed. A thread's own objects
+// are destroyed when it ends.
+//
+// Thread safety: Take and Give may be called from any thread, also while the calling thread's
+// own objects are being destroyed.
+template <typename T, std::size_t Local = 16, std::size_t Kept = 256>
+class ObjectPool {
+ public:
+  // A pooled object, or null when there is none: the caller then makes a new one.
+  static T* Take() {
+    if (std::vector<T*>* local = Cache()) {
+      if (!local->empty()) {
+        T* object = local->back();
+        local->pop_back();
+        return object;
+      }
+    }
+    std::lock_guard<std::mutex> lock(Mutex());
+    std::vector<T*>& shared = Shared();
+    if (shared.empty()) return nullptr;
+    T* object = shared.back();
+    shared.pop_back();
+    return object;
+  }
+
+  // Takes `object`, renewed, back; destroys it when the pool is full.
+  static void Give(T* object) {
+    if (object == nullptr) return;
+    if (std::vector<T*>* local = Cache()) {
+      if (local->size() < Local) {
+        local->push_back(object);
+        return;
+      }
+    }
+    {
+      std::lock_guard<std::mutex> lock(Mutex());
+      std::vector<T*>& shared = Shared();
+      if (shared.size() < Kept) {
+        shared.push_back(object);
+        return;
+      }
+    }
+    delete object;
+  }
+
+ private:
+  // Owns the thread's objects; while it lives, `cache` points at them. The pointer itself is
+  // trivially destructible, so a Give from a destructor that runs after the owner's sees null
+  // rather than a destroyed vector.
+  struct ThreadObjects {
+    ThreadObjects() {
+      objects.reserve(Local);
+      cache = &objects;
+    }
+    ~ThreadObjects() {
+      cache = nullptr;
+      for (T* object : objects)
+        delete object;
+    }
+    std::vector<T*> objects;
+  };
+
+  static std::vector<T*>* Cache() {
+    thread_local ThreadObjects owner;
+    return cache;
+  }
+
+  // Leaked on purpose, like the shared list: objects may come back from static destructors.
+  static std::mutex& Mutex() {
+    static std::mutex* const mutex = new std::mutex;
+    return *mutex;
+  }
+  static std::vector<T*>& Shared() {
+    static std::vector<T*>* const shared = new std::vector<T*>();
+    return *shared;
+  }
+
+  static thread_local std::vector<T*>* cache;
+};
+
+template <typename T, std::size_t Local, std::size_t Kept>
+thread_local std::vector<T*>* ObjectPool<T, Local, Kept>::cache = nullptr;
+
+}  // namespace Detail
+}  // namespace Veskan
+
+#endif
