@@ -6,6 +6,8 @@
 #include <veskan/Header.h>
 #include <veskan/StringBuffer.h>
 
+#include <memory>
+
 namespace Veskan {
 
 // A URL parsed by the library's own small parser: request targets, client addresses, "file://"
@@ -25,6 +27,9 @@ class VESKAN_API Url {
   static constexpr int UrnScheme = 3;
 
   explicit Url(const char16_t* text);
+  // A shared Url of `text`, as std::make_shared<Url>(text) would make it. A server makes one per
+  // request: these are renewed from a pool rather than built.
+  static std::shared_ptr<Url> New(const char16_t* text);
   Url(const Url& other);
   Url& operator=(const Url& other);
   virtual ~Url();
@@ -62,6 +67,9 @@ class VESKAN_API Url {
 
  private:
   Url();
+  static void Recycle(Url* url);
+  // Sets the text and parses it; the object holds the values of Url() before.
+  void Assign(const char16_t* text);
   void Parse();
   // The part of the text behind the authority: the path with its query.
   void ParsePathAndQuery(const StringBuffer& rest);

@@ -89,7 +89,7 @@ void Message::Restart(std::unique_lock<std::recursive_mutex>& lock) {
 void Message::Open(Methods::Enumeration method, const char16_t* url) {
   std::unique_lock<std::recursive_mutex> lock(mutex_);
   method_ = method;
-  url_ = std::make_shared<Veskan::Url>(url);
+  url_ = Veskan::Url::New(url);
   // Both texts are cut from the new URL's copy of `url`, which may point into one of them.
   const StringBuffer& text = url_->Text;
   int32_t length = text.length();

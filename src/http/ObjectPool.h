@@ -61,9 +61,9 @@ class ObjectPool {
   }
 
  private:
-  // Owns the thread's objects; while it lives, `cache` points at them. The pointer itself is
-  // trivially destructible, so a Give from a destructor that runs after the owner's sees null
-  // rather than a destroyed vector.
+  // Owns the thread's objects; while it lives, `cache` points at them. The pointer and the flag
+  // are trivially destructible, so a Give from a destructor that runs after the owner's sees
+  // null rather than a destroyed vector.
   struct ThreadObjects {
     ThreadObjects() {
       objects.reserve(Local);
@@ -71,6 +71,7 @@ class ObjectPool {
     }
     ~ThreadObjects() {
       cache = nullptr;
+      ended = true;
       for (T* object : objects)
         delete object;
     }
@@ -78,7 +79,9 @@ class ObjectPool {
   };
 
   static std::vector<T*>* Cache() {
-    thread_local ThreadObjects owner;
+    if (cache == nullptr && !ended) {
+      thread_local ThreadObjects owner;  // made on the thread's first use only
+    }
     return cache;
   }
 
@@ -92,11 +95,16 @@ class ObjectPool {
     return *shared;
   }
 
-  static thread_local std::vector<T*>* cache;
+  // The fast model, without a look-up call at every use; a library loaded by dlopen still finds
+  // room for these few bytes in the static reserve the loader keeps.
+  [[gnu::tls_model("initial-exec")]] static thread_local std::vector<T*>* cache;
+  [[gnu::tls_model("initial-exec")]] static thread_local bool ended;
 };
 
 template <typename T, std::size_t Local, std::size_t Kept>
 thread_local std::vector<T*>* ObjectPool<T, Local, Kept>::cache = nullptr;
+template <typename T, std::size_t Local, std::size_t Kept>
+thread_local bool ObjectPool<T, Local, Kept>::ended = false;
 
 }  // namespace Detail
 }  // namespace Veskan

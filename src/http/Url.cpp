@@ -4,6 +4,7 @@
 #include <veskan/Vocabulary.h>
 
 #include "foundation/Utf.h"
+#include "http/ObjectPool.h"
 #include "sys/Path.h"
 
 #include <unicode/ustring.h>
@@ -102,7 +103,34 @@ Url::Url()
       Query(query_) {}
 
 Url::Url(const char16_t* text) : Url() {
-  if (text) text_.setTo(text, u_strlen(text));  // a new object: `text` cannot point into it
+  Assign(text);
+}
+
+std::shared_ptr<Url> Url::New(const char16_t* text) {
+  Url* pooled = Detail::ObjectPool<Url>::Take();
+  std::shared_ptr<Url> url(pooled != nullptr ? pooled : new Url(), &Url::Recycle);
+  url->Assign(text);
+  return url;
+}
+
+void Url::Recycle(Url* url) {
+  for (StringBuffer* text :
+       {&url->text_, &url->host_, &url->path_, &url->pathAndQuery_, &url->fragment_}) {
+    text->remove();
+    text->KeepTerminated();
+  }
+  url->scheme_ = HttpScheme;
+  url->isAbsolute_ = false;
+  url->hasHost_ = false;
+  url->port_ = 0;
+  url->hasPort_ = false;
+  url->query_.Clear();
+  Detail::ObjectPool<Url>::Give(url);
+}
+
+void Url::Assign(const char16_t* text) {
+  // Nobody else sees this object yet, so `text` cannot point into it.
+  if (text) text_.setTo(text, u_strlen(text));
   text_.KeepTerminated();
   Parse();
 }
@@ -199,7 +227,8 @@ void Url::ParsePathAndQuery(const StringBuffer& rest) {
     pathAndQuery_ = StringBuffer(u"/") + rest;
   } else {
     pathAndQuery_ = rest;
-    path_ = question < 0 ? rest : Before(rest, question);
+    path_.setTo(rest, 0, question < 0 ? rest.length() : question);
+    path_.KeepTerminated();
     if (path_[0] != u'/') path_ = StringBuffer(u"/") + path_;
   }
   if (question < 0) return;

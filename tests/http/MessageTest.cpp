@@ -54,16 +54,58 @@ class Flag {
 // ---- Operations
 // -----------------------------------------------------------------------------------
 
-TEST(MessageOperations, NewMessage) {
-  const auto message = Message::New();
-  EXPECT_EQ(message->ReadyState, ReadyStates::Uninitialized);
-  EXPECT_EQ(message->Url, nullptr);
-  EXPECT_EQ(message->Request, nullptr);
-  EXPECT_EQ(message->Reply, nullptr);
-  EXPECT_EQ(message->StatusCode, 0);
-  EXPECT_FALSE(message->ResendRequested);
-  EXPECT_TRUE(message->Ready());
-  EXPECT_TRUE(message->Failure());
+// Messages, URLs and bodies are renewed after use: a used and dropped one must come back as new,
+// with no slot, header, cookie, content or media type of its earlier life.
+TEST(MessageOperations, NewMessageEvenAfterEarlierOnesWereUsed) {
+  std::weak_ptr<Message> earlier;
+  int calls[3] = {0, 0, 0};
+  for (int round = 0; round < 3; ++round) {
+    const auto message = Message::New();
+    EXPECT_TRUE(earlier.expired());
+    EXPECT_EQ(message->ReadyState, ReadyStates::Uninitialized);
+    EXPECT_EQ(message->Url, nullptr);
+    EXPECT_EQ(message->Request, nullptr);
+    EXPECT_EQ(message->Reply, nullptr);
+    EXPECT_EQ(message->StatusCode, 0);
+    EXPECT_TRUE(message->Location.isEmpty());
+    EXPECT_FALSE(message->ResendRequested);
+    EXPECT_TRUE(message->Ready());
+    EXPECT_TRUE(message->Failure());
+
+    message->ReadyStateChanged.connect(
+        [&calls, round](const std::shared_ptr<Message>&) { ++calls[round]; });
+    message->Open(Methods::POST, u"/a/b?x=1");
+    for (int before = 0; before <= round; ++before)
+      EXPECT_EQ(calls[before], 1);  // an earlier round's slot is not called again
+    EXPECT_EQ(message->Url->Path, u"/a/b");
+    EXPECT_EQ(message->Url->Query.Count(), 1);
+    EXPECT_FALSE(message->Url->HasHost);
+    for (const std::shared_ptr<Body>& body : {message->Request, message->Reply}) {
+      EXPECT_EQ(body->Headers.Count(), 0);
+      EXPECT_EQ(body->Content, nullptr);
+      EXPECT_EQ(body->Cookies.Count(), 0);
+      EXPECT_EQ(body->MediaType.Text, u"application/octet-stream");
+      EXPECT_EQ(body->MediaType.Minor, u"octet-stream");
+      EXPECT_EQ(body->MediaType.IsXml, 0);
+      body->Headers[Header::ContentType] = u"text/xml; charset=utf-8";
+      body->MediaType.SetTo(u"text/xml; charset=utf-8");
+      body->Content = std::make_shared<Content>(u"<a/>");
+      body->Cookies[u"id"]->Value = u"1";
+    }
+    message->StatusCode = 201;
+    message->Resend();
+    earlier = message;
+  }
+  // A URL renewed after a full one keeps nothing of it.
+  { const auto full = Url::New(u"http://host:81/p?q=1#f"); }
+  const auto url = Url::New(u"/x");
+  EXPECT_EQ(url->Text, u"/x");
+  EXPECT_FALSE(url->HasHost);
+  EXPECT_FALSE(url->HasPort);
+  EXPECT_FALSE(url->IsAbsolute);
+  EXPECT_EQ(url->Port, 0);
+  EXPECT_EQ(url->Query.Count(), 0);
+  EXPECT_TRUE(url->Host.isEmpty());
 }
 
 TEST(MessageOperations, OpenSetsEverythingAndAnnounces) {
