@@ -107,8 +107,10 @@ StringBuffer& Header::Collection::operator[](const char16_t* name) {
   for (Header& header : headers_) {
     if (NameIs(header.Name, name)) return header.Value;
   }
+  // Copied before the list may move: `name` can point into one of its values.
+  StringBuffer copied(name);
   Header& added = Append();
-  added.Name = name;
+  added.Name = std::move(copied);
   return added.Value;
 }
 

@@ -48,6 +48,12 @@ TEST(HeaderCollectionTest, CreatingIndexSetsOrAppends) {
   EXPECT_EQ(headers.Count(), 4);
   EXPECT_EQ(headers(3), Header(u"X-New", u"1"));
   EXPECT_EQ(headers(1).Value, u"text/plain");
+  // A name taken from one of the collection's own values, while appending moves the list.
+  headers[u"X-Name"] = u"X-Taken";
+  while (headers.Count() < 8)
+    headers.Add(Header(u"Filler"));
+  headers[headers(4).Value.c_str()] = u"2";
+  EXPECT_EQ(headers(8), Header(u"X-Taken", u"2"));
 }
 
 TEST(HeaderCollectionTest, BadIndexesGiveTheInvalidHeader) {
