@@ -158,8 +158,7 @@ void RecycleBody(Body* body) {
 }  // namespace
 
 std::shared_ptr<Body> Detail::NewBody() {
-  Body* body = ObjectPool<Body>::Take();
-  return std::shared_ptr<Body>(body != nullptr ? body : new Body(), &RecycleBody);
+  return ObjectPool<Body>::TakeShared([] { return new Body(); }, &RecycleBody);
 }
 
 void Body::FormatMultipartMessage() {

@@ -51,10 +51,9 @@ Message::Message()
 Message::~Message() = default;
 
 // A server makes and drops a message, its URL and two bodies per request: they are renewed
-// rather than built again. Weak pointers to a dropped message expire as usual.
+// rather than built again.
 std::shared_ptr<Message> Message::New() {
-  Message* message = Detail::ObjectPool<Message>::Take();
-  return std::shared_ptr<Message>(message != nullptr ? message : new Message(), &Message::Recycle);
+  return Detail::ObjectPool<Message>::TakeShared([] { return new Message(); }, &Message::Recycle);
 }
 
 void Message::Recycle(Message* message) {

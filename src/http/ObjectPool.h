@@ -1,11 +1,12 @@
 // A pool of objects that are costly to build and are made and dropped once per request or per
-// connection: a message with its bodies, the signal sets of messages and connections. A busy
-// server then builds them once and renews them, instead of allocating and constructing their
-// strings, vectors and signals for every request.
+// connection: a message with its URL and bodies, the signal set of a connection. A busy server
+// then builds them once and renews them, instead of allocating and constructing their strings,
+// vectors and signals for every request.
 #ifndef VESKAN_HTTP_OBJECTPOOL_H
 #define VESKAN_HTTP_OBJECTPOOL_H
 
 #include <cstddef>
+#include <memory>
 #include <mutex>
 #include <vector>
 
@@ -38,6 +39,15 @@ class ObjectPool {
     T* object = shared.back();
     shared.pop_back();
     return object;
+  }
+
+  // A pooled object, or else the one `make()` returns, owned by a shared pointer whose last
+  // owner passes it to `recycle`, which renews it and gives it back. Weak pointers to it expire
+  // as usual.
+  template <typename Make>
+  static std::shared_ptr<T> TakeShared(Make make, void (*recycle)(T*)) {
+    T* object = Take();
+    return std::shared_ptr<T>(object != nullptr ? object : make(), recycle);
   }
 
   // Takes `object`, renewed, back; destroys it when the pool is full.

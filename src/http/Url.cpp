@@ -107,8 +107,8 @@ Url::Url(const char16_t* text) : Url() {
 }
 
 std::shared_ptr<Url> Url::New(const char16_t* text) {
-  Url* pooled = Detail::ObjectPool<Url>::Take();
-  std::shared_ptr<Url> url(pooled != nullptr ? pooled : new Url(), &Url::Recycle);
+  std::shared_ptr<Url> url =
+      Detail::ObjectPool<Url>::TakeShared([] { return new Url(); }, &Url::Recycle);
   url->Assign(text);
   return url;
 }

@@ -60,7 +60,6 @@ struct Client::Signals {
 };
 
 void Client::GiveBack(Signals* signals) {
-  if (signals == nullptr) return;
   signals->DisconnectAll();  // no slot of the connection is called once it is gone
   Detail::ObjectPool<Signals>::Give(signals);
 }
