@@ -97,12 +97,13 @@ class VESKAN_API Header::Collection {
   int Write(ByteBuffer& buffer, int offset, bool grow) const;
 
   std::vector<Header>::const_iterator begin() const { return headers_.begin(); }
-  std::vector<Header>::const_iterator end() const { return headers_.end(); }
+  std::vector<Header>::const_iterator end() const { return headers_.begin() + count_; }
 
  private:
-  void Recount() { count_ = static_cast<int>(headers_.size()); }
   const Header* Find(const char16_t* name) const;
 
+  // The first `count_` are the collection's headers; those behind them are spares, emptied when
+  // taken, so that a message renewed for the next request fills in the texts of its last one.
   std::vector<Header> headers_;
   int count_ = 0;
 };

@@ -8,6 +8,7 @@
 
 #include <unicode/ustring.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -33,6 +34,9 @@ constexpr char16_t UserAgentText[] = u"User-Agent";
 constexpr char16_t AcceptText[] = u"Accept";
 constexpr char16_t XCalvorcoVeskanEndpointText[] = u"X-Calvorco-Veskan-Endpoint";
 constexpr char16_t InvalidHeaderText[] = u"##invalid header##";
+
+// A spare header (one cleared and kept for reuse) keeps the room of texts up to this many units.
+constexpr int32_t LongestSpareText = 256;
 
 // Whole-name, case-sensitive comparison; a null name is the empty name.
 bool NameIs(const StringBuffer& stored, const char16_t* name) {
@@ -83,16 +87,15 @@ Header::Collection& Header::Collection::operator=(const Collection& other) {
 
 Header::Collection& Header::Collection::operator=(Collection&& other) noexcept {
   headers_ = std::move(other.headers_);
+  count_ = std::exchange(other.count_, 0);
   other.headers_.clear();
-  Recount();
-  other.Recount();
   return *this;
 }
 
 Header::Collection::~Collection() = default;
 
 const Header* Header::Collection::Find(const char16_t* name) const {
-  for (const Header& header : headers_) {
+  for (const Header& header : *this) {
     if (NameIs(header.Name, name)) return &header;
   }
   return nullptr;
@@ -104,7 +107,8 @@ StringBuffer Header::Collection::operator[](const char16_t* name) const {
 }
 
 StringBuffer& Header::Collection::operator[](const char16_t* name) {
-  for (Header& header : headers_) {
+  for (int i = 0; i < count_; ++i) {
+    Header& header = headers_[static_cast<std::size_t>(i)];
     if (NameIs(header.Name, name)) return header.Value;
   }
   // Copied before the list may move: `name` can point into one of its values.
@@ -125,7 +129,7 @@ bool Header::Collection::Contains(const char16_t* name) const {
 }
 
 void Header::Collection::AddAnother(const Header& header) {
-  for (const Header& present : headers_) {
+  for (const Header& present : *this) {
     if (present == header) return;
   }
   Add(header);
@@ -136,49 +140,60 @@ void Header::Collection::Add(Header header) {
 }
 
 Header& Header::Collection::Append() {
+  if (static_cast<std::size_t>(count_) < headers_.size()) {
+    Header& spare = headers_[static_cast<std::size_t>(count_++)];
+    spare.Name.remove();
+    spare.Value.remove();
+    return spare;
+  }
   // Room for a typical request's fields at once, rather than moving them at every doubling.
   if (headers_.capacity() == 0) headers_.reserve(8);
   headers_.emplace_back();
-  Recount();
+  ++count_;
   return headers_.back();
 }
 
 void Header::Collection::Remove(const char16_t* name) {
-  for (std::size_t i = headers_.size(); i-- > 0;) {
-    if (NameIs(headers_[i].Name, name)) headers_.erase(headers_.begin() + static_cast<long>(i));
+  for (int i = count_; i-- > 0;) {
+    if (NameIs(headers_[static_cast<std::size_t>(i)].Name, name)) RemoveAt(i);
   }
-  Recount();
 }
 
 void Header::Collection::RemoveAt(int index) {
   if (index < 0 || index >= count_) return;
-  headers_.erase(headers_.begin() + index);
-  Recount();
+  // The removed header moves behind the others and stays as a spare.
+  std::rotate(headers_.begin() + index, headers_.begin() + index + 1, headers_.begin() + count_);
+  --count_;
 }
 
 void Header::Collection::Clear() {
-  // A typical block's room is kept for the next one; a long block's is given back.
+  // A typical block's headers stay for the next one, as spares; a long block's are given back,
+  // and so is the room of a long text.
   if (headers_.capacity() > 16) {
     std::vector<Header>().swap(headers_);
   } else {
-    headers_.clear();
+    for (Header& header : headers_) {
+      if (header.Name.getCapacity() > LongestSpareText ||
+          header.Value.getCapacity() > LongestSpareText) {
+        header = Header();
+      }
+    }
   }
-  Recount();
+  count_ = 0;
 }
 
 void Header::Collection::Copy(const Collection& other) {
   // Reserving first keeps `other` valid when it is this collection.
-  const std::size_t copies = other.headers_.size();
-  headers_.reserve(headers_.size() + copies);
+  const std::size_t copies = static_cast<std::size_t>(other.count_);
+  headers_.reserve(std::max(headers_.size(), static_cast<std::size_t>(count_) + copies));
   for (std::size_t i = 0; i < copies; ++i)
-    headers_.push_back(other.headers_[i]);
-  Recount();
+    Append() = other.headers_[i];
 }
 
 int Header::Collection::Write(ByteBuffer& buffer, int offset, bool grow) const {
   int total = 0;
   std::u16string line;
-  for (const Header& header : headers_) {
+  for (const Header& header : *this) {
     // A line break in a value, or a name that is no token, would print a line that reads as other
     // headers or as the end of the block (header injection); a value without a UTF-8 form would
     // print nothing at all. Such a header is left out, never silently.

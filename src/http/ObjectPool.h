@@ -45,10 +45,7 @@ class ObjectPool {
   // owner passes it to `recycle`, which renews it and gives it back. Weak pointers to it expire
   // as usual.
   template <typename Make>
-  static std::shared_ptr<T> TakeShared(Make make, void (*recycle)(T*)) {
-    T* object = Take();
-    return std::shared_ptr<T>(object != nullptr ? object : make(), recycle);
-  }
+  static std::shared_ptr<T> TakeShared(Make make, void (*recycle)(T*));
 
   // Takes `object`, renewed, back; destroys it when the pool is full.
   static void Give(T* object) {
@@ -100,8 +97,13 @@ class ObjectPool {
     static std::mutex* const mutex = new std::mutex;
     return *mutex;
   }
+  // Its room is made at once, so that giving back never allocates.
   static std::vector<T*>& Shared() {
-    static std::vector<T*>* const shared = new std::vector<T*>();
+    static std::vector<T*>* const shared = [] {
+      auto* list = new std::vector<T*>();
+      list->reserve(Kept);
+      return list;
+    }();
     return *shared;
   }
 
@@ -110,6 +112,49 @@ class ObjectPool {
   [[gnu::tls_model("initial-exec")]] static thread_local std::vector<T*>* cache;
   [[gnu::tls_model("initial-exec")]] static thread_local bool ended;
 };
+
+// Allocates the control blocks of pooled objects' shared pointers from a pool of their own, one
+// pool per block type: handing out a pooled object then allocates nothing either.
+template <typename U>
+class BlockAllocator {
+ public:
+  using value_type = U;
+
+  BlockAllocator() = default;
+  template <typename V>
+  BlockAllocator(const BlockAllocator<V>&) noexcept {}
+
+  U* allocate(std::size_t count) {
+    if (count != 1) return std::allocator<U>().allocate(count);
+    Block* block = ObjectPool<Block>::Take();
+    return reinterpret_cast<U*>(block != nullptr ? block : new Block);
+  }
+  void deallocate(U* pointer, std::size_t count) noexcept {
+    if (count != 1) return std::allocator<U>().deallocate(pointer, count);
+    ObjectPool<Block>::Give(reinterpret_cast<Block*>(pointer));
+  }
+
+  template <typename V>
+  bool operator==(const BlockAllocator<V>&) const noexcept {
+    return true;
+  }
+  template <typename V>
+  bool operator!=(const BlockAllocator<V>&) const noexcept {
+    return false;
+  }
+
+ private:
+  struct Block {
+    alignas(U) unsigned char bytes[sizeof(U)];
+  };
+};
+
+template <typename T, std::size_t Local, std::size_t Kept>
+template <typename Make>
+std::shared_ptr<T> ObjectPool<T, Local, Kept>::TakeShared(Make make, void (*recycle)(T*)) {
+  T* object = Take();
+  return std::shared_ptr<T>(object != nullptr ? object : make(), recycle, BlockAllocator<T>());
+}
 
 template <typename T, std::size_t Local, std::size_t Kept>
 thread_local std::vector<T*>* ObjectPool<T, Local, Kept>::cache = nullptr;

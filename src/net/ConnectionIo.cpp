@@ -14,6 +14,8 @@
 #include "net/websocket/WebSocketSupport.h"
 #include "sys/Socket.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <cstring>
 
 namespace Veskan {
@@ -350,15 +352,22 @@ std::vector<std::shared_ptr<Message>> Daemon::FormatAnswered(
     // Only this thread formats for the connection, so the order of the queue is kept while the
     // message is formatted under its own lock alone.
     lock.unlock();
-    Detail::WireMessage wire = connection.serverSide
-                                   ? Detail::FormatReply(*exchange.message, exchange.keepAlive)
-                                   : Detail::FormatRequest(*exchange.message);
+    // The thread's head buffer: its room serves every reply this thread formats. A large body
+    // stays referenced only until queued.
+    static thread_local Detail::WireMessage wire;
+    if (connection.serverSide) {
+      Detail::FormatReply(*exchange.message, exchange.keepAlive, wire);
+    } else {
+      Detail::FormatRequest(*exchange.message, wire);
+    }
     lock.lock();
+    std::shared_ptr<const Content> body = std::move(wire.body);
     if (connection.closing) break;
     connection.Queue(wire.head.data(), wire.head.size());
-    if (wire.body) {
-      const char* bytes = reinterpret_cast<const char*>(wire.body->Data());
-      connection.Queue(wire.body, bytes, static_cast<std::size_t>(wire.body->Size()));
+    if (body) {
+      const char* bytes = reinterpret_cast<const char*>(body->Data());
+      const auto size = static_cast<std::size_t>(body->Size());
+      connection.Queue(std::move(body), bytes, size);
     }
     if (connection.serverSide) {
       if (!exchange.keepAlive) {
@@ -389,7 +398,7 @@ bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
     return false;
   }
 
-  std::vector<std::shared_ptr<Message>> sent;
+  boost::container::small_vector<std::shared_ptr<Message>, 4> sent;
   while (!connection.written.empty() && connection.HasSent(connection.written.front().end)) {
     sent.push_back(std::move(connection.written.front().message));
     connection.written.erase(connection.written.begin());

@@ -12,6 +12,7 @@ void OutputQueue::Append(const char* data, std::size_t length) {
       segments_.back().bytes.size() + length >
           std::max(BlockBytes, segments_.back().bytes.size())) {
     segments_.emplace_back();
+    segments_.back().bytes.swap(spare_);
   }
   Segment& last = segments_.back();
   last.bytes.insert(last.bytes.end(), data, data + length);
@@ -73,6 +74,7 @@ void OutputQueue::Consume(std::size_t count) {
       return;
     }
     count -= left;
+    KeepSpare(front);
     front = Segment();  // its memory goes now, not when the queue empties
     ++first_;
     frontOffset_ = 0;
@@ -87,8 +89,17 @@ void OutputQueue::Consume(std::size_t count) {
   }
 }
 
+void OutputQueue::KeepSpare(Segment& spent) {
+  if (spent.referenced == nullptr && spent.bytes.capacity() <= SpareBytes &&
+      spent.bytes.capacity() > spare_.capacity()) {
+    spent.bytes.clear();
+    spent.bytes.swap(spare_);
+  }
+}
+
 void OutputQueue::Clear() {
   std::vector<Segment>().swap(segments_);
+  std::vector<char>().swap(spare_);
   first_ = 0;
   frontOffset_ = 0;
   unsent_ = 0;

@@ -15,7 +15,7 @@ namespace Detail {
 // A queue of byte segments. Small pieces (reply heads, short bodies, frames) are copied into
 // shared blocks; a large body is referenced rather than copied, kept alive by its owner, so that
 // a reply holding a large file costs its head however often it is queued. Memory is given back
-// as the bytes leave.
+// as the bytes leave, but for one small block kept for the next reply.
 //
 // Positions count every byte ever appended, so that a writer can tell when the bytes up to a
 // given position have left.
@@ -41,7 +41,7 @@ class OutputQueue {
   std::size_t Front(Sys::ByteSpan* spans, std::size_t count) const;
   // Removes `count` bytes from the front (at most Unsent()).
   void Consume(std::size_t count);
-  // Drops everything and gives the memory back; positions stay.
+  // Drops everything and gives all memory back; positions stay.
   void Clear();
 
  private:
@@ -57,9 +57,17 @@ class OutputQueue {
     const char* Data() const { return referenced != nullptr ? referenced : bytes.data(); }
   };
 
-  // Segments from first_ on are unsent; an empty queue allocates nothing (most connections are
-  // idle most of the time).
+  // A spent block of copied bytes is kept for the next reply when its room is at most this: a
+  // keep-alive connection then queues reply after reply without allocating, and an idle one
+  // holds no more than this.
+  static constexpr std::size_t SpareBytes = 2 * 1024;
+
+  // Takes the room of a spent segment's copied bytes as the spare when it is small.
+  void KeepSpare(Segment& spent);
+
+  // Segments from first_ on are unsent.
   std::vector<Segment> segments_;
+  std::vector<char> spare_;  // empty, with room or without
   std::size_t first_ = 0;
   std::size_t frontOffset_ = 0;  // bytes of the first unsent segment already consumed
   std::size_t unsent_ = 0;

@@ -146,6 +146,16 @@ constexpr std::size_t HeadBytesReserved = 512;
 // Bodies up to this size are copied behind the head, so that a small reply leaves in one piece.
 constexpr int InlineBodyBytes = 4096;
 
+// Empties `wire` for a new message and returns its head, with room for a usual one; the room of
+// a head far above that is given back.
+std::vector<char>& Renew(WireMessage& wire) {
+  wire.body.reset();
+  if (wire.head.capacity() > 16 * HeadBytesReserved) std::vector<char>().swap(wire.head);
+  wire.head.clear();
+  wire.head.reserve(HeadBytesReserved);
+  return wire.head;
+}
+
 // Headers, cookies as `cookieHeader` lines, the length and the body of `body`.
 void AppendEntity(WireMessage& wire, Body& body, const char16_t* cookieHeader,
                   const char* connection, bool alwaysLength) {
@@ -202,10 +212,8 @@ void AppendEntity(WireMessage& wire, Body& body, const char16_t* cookieHeader,
 
 }  // namespace
 
-WireMessage FormatReply(Message& message, bool keepAlive) {
-  WireMessage wire;
-  std::vector<char>& out = wire.head;
-  out.reserve(HeadBytesReserved);
+void FormatReply(Message& message, bool keepAlive, WireMessage& wire) {
+  std::vector<char>& out = Renew(wire);
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   int status = message.StatusCode == 0 ? StatusCodes::NotFound : message.StatusCode;
   if (status < 100 || status > 999) {  // the status is three digits (RFC 9112 section 4)
@@ -221,13 +229,10 @@ WireMessage FormatReply(Message& message, bool keepAlive) {
   AppendLiteral(out, "\r\n");
   AppendEntity(wire, *message.Reply, Header::SetCookie,
                keepAlive ? "Connection: keep-alive\r\n" : "Connection: close\r\n", true);
-  return wire;
 }
 
-WireMessage FormatRequest(Message& message) {
-  WireMessage wire;
-  std::vector<char>& out = wire.head;
-  out.reserve(HeadBytesReserved);
+void FormatRequest(Message& message, WireMessage& wire) {
+  std::vector<char>& out = Renew(wire);
   std::unique_lock<std::recursive_mutex> lock = message.Lock();
   AppendVocabulary(out, Methods::ToString(message.Method));
   out.push_back(' ');
@@ -239,7 +244,6 @@ WireMessage FormatRequest(Message& message) {
   AppendLiteral(out, " HTTP/1.1\r\n");
   if (!message.Request) message.Request = Detail::NewBody();
   AppendEntity(wire, *message.Request, Header::Cookie, nullptr, false);
-  return wire;
 }
 
 }  // namespace Detail

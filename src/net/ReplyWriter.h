@@ -20,6 +20,8 @@ namespace Detail {
 // A message ready for the wire: its head as bytes, and its body, which is copied behind the head
 // when it is short and otherwise left in its content (`body`, null when copied or empty), so
 // that a large reply is sent from the host's own object rather than copied for each request.
+// Formatting replaces what a WireMessage held and reuses its head's room, so that a writer that
+// keeps one formats request after request without allocating.
 struct WireMessage {
   std::vector<char> head;
   std::shared_ptr<const Content> body;
@@ -30,11 +32,11 @@ struct WireMessage {
 // 0 (nobody answered) is sent as 404, one outside 100 to 999 as 500. The body is sealed and
 // multipart bodies are joined first. The "Connection" the host may have set is replaced by the
 // true one.
-WireMessage FormatReply(Message& message, bool keepAlive);
+void FormatReply(Message& message, bool keepAlive, WireMessage& wire);
 
 // The request of `message`: "METHOD target HTTP/1.1", its headers, "Content-Length" when it has
 // a body, and the body. Blanks and controls in the target are percent-encoded.
-WireMessage FormatRequest(Message& message);
+void FormatRequest(Message& message, WireMessage& wire);
 
 }  // namespace Detail
 }  // namespace Veskan

@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
 #include <string>
 #include <vector>
 
@@ -72,8 +73,23 @@ TEST(HeaderCollectionTest, AddAnotherRemoveAndRemoveAt) {
   headers.RemoveAt(1);
   headers.RemoveAt(-1);
   EXPECT_EQ(headers.Count(), 1);
+  // Removed headers are gone from every view, also while the collection keeps their room.
+  EXPECT_EQ(std::distance(headers.begin(), headers.end()), 1);
+  EXPECT_FALSE(headers.Contains(Header::SetCookie));
+  ByteBuffer block;
+  headers.Write(block, 0, true);
+  EXPECT_EQ(Bytes(block), "Content-Type: text/xml\r\n\r\n");
   headers.RemoveAt(0);
   EXPECT_EQ(headers.Count(), 0);
+  EXPECT_EQ(headers.begin(), headers.end());
+  // Headers added into that room carry nothing of the removed ones.
+  EXPECT_TRUE(headers.Append().Value.isEmpty());
+  headers.Add(Header(u"B"));
+  headers[u"C"];
+  EXPECT_EQ(headers.Count(), 3);
+  EXPECT_EQ(headers(0), Header());
+  EXPECT_EQ(headers(1), Header(u"B"));
+  EXPECT_EQ(headers(2), Header(u"C"));
 }
 
 TEST(HeaderCollectionTest, CopyAppendsAndCopyingOntoItselfDoubles) {
@@ -86,6 +102,17 @@ TEST(HeaderCollectionTest, CopyAppendsAndCopyingOntoItselfDoubles) {
   headers.Clear();
   EXPECT_EQ(headers.Count(), 0);
   EXPECT_EQ(copy.Count(), 6);
+  // Cleared and filled again, shorter, it copies and doubles only what it holds now.
+  headers.Add(Header(u"X", std::u16string(1000, u'x').c_str()));
+  headers.Copy(headers);
+  ASSERT_EQ(headers.Count(), 2);
+  EXPECT_EQ(headers(1), headers(0));
+  Header::Collection moved(std::move(headers));
+  EXPECT_EQ(moved.Count(), 2);
+  EXPECT_EQ(headers.Count(), 0);
+  headers = std::move(copy);
+  EXPECT_EQ(headers.Count(), 6);
+  EXPECT_EQ(std::distance(headers.begin(), headers.end()), 6);
 }
 
 TEST(HeaderCollectionWriteTest, PrintsLinesAndTheEmptyLineLeavingOutThoseThatWouldSplitIt) {

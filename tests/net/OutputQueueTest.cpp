@@ -41,10 +41,12 @@ TEST(OutputQueueTest, CopiesSmallPiecesReferencesLargeOnesAndCountsPositions) {
   queue.Consume(1000);  // more than there is
   EXPECT_TRUE(queue.Empty());
   EXPECT_EQ(0u, queue.Front(spans, 8));
-  queue.Append("x", 1);
+  queue.Append("next", 4);  // into the room of a spent block, none of whose bytes remain
+  ASSERT_EQ(1u, queue.Front(spans, 8));
+  EXPECT_EQ("next", Text(spans[0]));
   queue.Clear();
   EXPECT_TRUE(queue.Empty());
-  EXPECT_EQ(100017u, queue.End()) << "positions go on across Clear";
+  EXPECT_EQ(100020u, queue.End()) << "positions go on across Clear";
 }
 
 }  // namespace
