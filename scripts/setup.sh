@@ -24,6 +24,8 @@ packages=(
   libxml2-utils libxml2-dev
   # the RDF and SPARQL reference tools (rapper, roqet) of the graph tests and benchmark
   raptor2-utils rasqal-utils
+  # the Debian packages: dpkg-shlibdeps works out their dependencies, lintian checks them
+  dpkg-dev lintian
 )
 
 missing=()
