@@ -3,6 +3,7 @@
 # Idempotent: when everything is present it does nothing, and it refreshes the package
 # lists only when something has to be installed.
 set -euo pipefail
+cd "$(dirname "$0")/.."
 
 packages=(
   # toolchain
@@ -26,6 +27,7 @@ packages=(
   raptor2-utils rasqal-utils
   # the Debian packages: dpkg-shlibdeps works out their dependencies, lintian checks them
   dpkg-dev lintian
+  nodejs  # runs the classroom's browser test (tests/classroom), with puppeteer-core from npm
 )
 
 missing=()
@@ -34,7 +36,21 @@ for package in "${packages[@]}"; do
   [ "$status" = "installed" ] || missing+=("$package")
 done
 
+# npm comes with some builds of nodejs and as a package of its own in Debian's.
+command -v npm >/dev/null 2>&1 || missing+=(npm)
+
+# The browser test's JavaScript packages, exactly as package-lock.json records them.
+install_node_modules() {
+  local folder=tests/classroom
+  if [ ! -d "$folder/node_modules/puppeteer-core" ] ||
+    [ "$folder/package-lock.json" -nt "$folder/node_modules/.package-lock.json" ]; then
+    echo "setup: installing the browser test's npm packages"
+    (cd "$folder" && npm ci --no-audit --no-fund --loglevel=error)
+  fi
+}
+
 if [ ${#missing[@]} -eq 0 ]; then
+  install_node_modules
   exit 0
 fi
 
@@ -47,3 +63,4 @@ echo "setup: installing ${missing[*]}"
 export DEBIAN_FRONTEND=noninteractive
 "${sudo_cmd[@]}" apt-get update -qq
 "${sudo_cmd[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}"
+install_node_modules
