@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # Checks the library as other projects get it. Builds the packages (scripts/package.sh), installs
 # the build into a temporary prefix, builds examples/hello-host against it through find_package
-# and through pkg-config, and runs both against the installed veskan-serve. Then unpacks the
+# and through pkg-config, runs both against the installed veskan-serve, and starts the installed
+# veskan-classroom on its installed pages and sample quiz. Then unpacks the
 # .deb packages into an empty folder and builds hello-host against that tree, checks each
 # package's dependencies and files, and runs lintian on them when it is installed.
 set -euo pipefail
@@ -11,8 +12,10 @@ build="${BUILD_DIR:-build-package}"
 scripts/package.sh
 work=$(mktemp -d)
 serve_pid=""
+classroom_pid=""
 cleanup() {
   [ -n "$serve_pid" ] && kill "$serve_pid" 2>/dev/null || true
+  [ -n "$classroom_pid" ] && kill "$classroom_pid" 2>/dev/null || true
   rm -rf "$work"
 }
 trap cleanup EXIT
@@ -61,6 +64,24 @@ done
 kill "$serve_pid"
 wait "$serve_pid" 2>/dev/null || true
 serve_pid=""
+
+echo "== the installed veskan-classroom on its installed pages and sample quiz"
+VESKAN_USER_REGISTRY="$work/user.db" VESKAN_MACHINE_REGISTRY="$work/machine.db" \
+  VESKAN_NAMESPACE="check-install-$$" "$prefix/bin/veskan-classroom" --port 0 \
+  --listen 127.0.0.1 --password check --results "$work/results" >"$work/classroom.log" 2>&1 &
+classroom_pid=$!
+students=""
+for _ in $(seq 100); do
+  students=$(sed -n 's|^students: \(http://[^ ]*\)$|\1|p' "$work/classroom.log" | head -1)
+  [ -n "$students" ] && break
+  sleep 0.1
+done
+[ -n "$students" ] || fail "veskan-classroom did not start: $(cat "$work/classroom.log")"
+grep -q "^quiz: Europe warm-up (3 questions)$" "$work/classroom.log" || fail "no sample quiz"
+curl -sf "$students" | grep -q "Join the class" || fail "the installed classroom serves no page"
+kill "$classroom_pid"
+wait "$classroom_pid" 2>/dev/null || true
+classroom_pid=""
 unset LD_LIBRARY_PATH
 
 echo "== the Debian packages"
@@ -88,6 +109,8 @@ holds "$dev" "/usr/include/veskan/Server.h$" || fail "libveskan-dev lacks the he
 holds "$dev" "/VeskanConfig.cmake$" || fail "libveskan-dev lacks the CMake package"
 holds "$dev" "/pkgconfig/veskan.pc$" || fail "libveskan-dev lacks veskan.pc"
 holds "$tools" "/usr/bin/veskan-serve$" || fail "veskan-tools lacks veskan-serve"
+holds "$tools" "/usr/share/veskan/classroom/pages/student.html$" ||
+  fail "veskan-tools lacks the classroom's pages"
 if objdump -p "$root/usr/bin/veskan-serve" | grep -q "RUNPATH\|RPATH"; then
   fail "packaged programs carry a library search path"
 fi

@@ -4,7 +4,8 @@
 // the CSV and the saved results must hold exactly those 150 answers. Along the way: a student
 // who reloads keeps one answer per question, a student whose connection drops comes back by
 // itself, the teacher page wants the password, a second start hands its quiz to the running
-// copy, "Run again" clears the answers, and a shutdown request closes everything cleanly.
+// copy (a start without one changes nothing), "Run again" clears the answers, and a shutdown
+// request closes everything cleanly.
 //
 // Environment: CLASSROOM (the program), SHUTDOWN (veskan-shutdown), CHROMIUM (default
 // /usr/bin/chromium), SCREENSHOTS (a folder for the README's pictures; none when unset).
@@ -233,6 +234,13 @@ async function main() {
     assert.match(table.header, /^Participant,What is the capital of Portugal\?,/);
     assert.equal(table.rows.length, STUDENTS);
     assert.equal(table.answers, STUDENTS * QUESTIONS);
+
+    // A second start without a quiz file leaves the running lesson as it is.
+    const idle = startClassroom([]);
+    assert.equal(await idle.exited, 0);
+    assert.match(idle.output, /runs already/);
+    await new Promise((resolve) => setTimeout(resolve, 300));
+    assert.equal(await teacher.$eval('#total', (total) => total.textContent), '150');
 
     await teacher.click('#end');
     await Promise.all(students.map((page) => page.waitForFunction(() =>

@@ -86,6 +86,7 @@ void Site::Answer(const std::shared_ptr<Client>& client, const std::shared_ptr<M
     path = message->Url->Path;
     if (message->Method != Methods::GET) {
       message->StatusCode = 405;
+      message->Reply->Headers[u"Allow"] = u"GET";
       return;
     }
   }

@@ -37,6 +37,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cctype>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
@@ -79,6 +80,7 @@ int IntegerSetting(const char16_t* name, int fallback) {
 
 struct Options {
   std::string quiz;
+  bool quizGiven = false;  // on the command line, rather than from the settings
   int port = -1;
   std::string listen = "*";
   std::string room = "default";
@@ -114,6 +116,7 @@ bool ParseOptions(const std::vector<std::string>& arguments, Options& options) {
       options.results = arguments[++i];
     } else if (!argument.empty() && argument[0] != '-' && options.quiz.empty()) {
       options.quiz = argument;
+      options.quizGiven = true;
     } else {
       return false;
     }
@@ -175,9 +178,9 @@ void SaveResults(Classroom::Quiz& quiz, const Options& options) {
   std::error_code error;
   fs::create_directories(options.results, error);
   StringBuffer stamp = CurrentTimestamp();  // "2026-11-24T08:15:30.123456Z"
-  std::string name = options.room + "-" + stamp.ToUTF8().substr(0, 19);
+  std::string name = options.room + "-" + stamp.ToUTF8().substr(0, 23);
   for (char& c : name) {
-    if (c == ':' || c == '/') c = '-';
+    if (c == ':' || c == '.' || c == '/') c = '-';
   }
   fs::path base = fs::path(options.results) / name;
   std::ofstream csv(base.string() + ".csv", std::ios::binary);
@@ -191,11 +194,12 @@ void SaveResults(Classroom::Quiz& quiz, const Options& options) {
   }
 }
 
+// The language of the quiz texts to prefer: the first part of $LANG ("de" of "de_AT.UTF-8").
 StringBuffer Language() {
   const char* lang = std::getenv("LANG");
-  std::string text = lang && *lang ? lang : "en";
-  std::size_t end = text.find_first_of("_.@");
-  text = text.substr(0, end);
+  std::string text;
+  for (const char* c = lang ? lang : ""; std::isalpha(static_cast<unsigned char>(*c)); ++c)
+    text += *c;
   if (text.empty() || text == "C" || text == "POSIX") text = "en";
   return UTF8to16(text.c_str());
 }
@@ -216,14 +220,17 @@ int main(int argc, char** argv) {
   }
   CompleteOptions(options);
 
-  // A second start for the same room hands its quiz file to the copy that runs, on that copy's
-  // host thread, and is done.
-  std::vector<std::u16string> handed{u"veskan-classroom",
-                                     UTF8to16(options.quiz.c_str()).getTerminatedBuffer()};
-  const char16_t* handedArgv[] = {handed[0].c_str(), handed[1].c_str()};
+  // A second start for the same room hands the quiz file it was given to the copy that runs, on
+  // that copy's host thread, and is done. A second start without one changes nothing there.
+  StringBuffer quizArgument = UTF8to16(options.quiz.c_str());
+  const char16_t* handed[] = {u"veskan-classroom", quizArgument.getTerminatedBuffer()};
   SingleInstanceCLI instance(UTF8to16(("Veskan.Classroom." + options.room).c_str()),
-                             SingleInstanceCLI::JoinArguments(2, handedArgv));
+                             SingleInstanceCLI::JoinArguments(options.quizGiven ? 2 : 1, handed));
   if (!instance.IsFirst()) {
+    if (!options.quizGiven) {
+      std::cout << "the classroom of room \"" << options.room << "\" runs already" << std::endl;
+      return 0;
+    }
     if (!instance.Delivered()) {
       std::cerr << "veskan-classroom: the running classroom did not take " << options.quiz << "\n";
       return 1;
