@@ -12,7 +12,9 @@
 import assert from 'node:assert/strict';
 import {spawn} from 'node:child_process';
 import fs from 'node:fs';
+import {execFileSync} from 'node:child_process';
 import http from 'node:http';
+import https from 'node:https';
 import net from 'node:net';
 import os from 'node:os';
 import path from 'node:path';
@@ -62,8 +64,9 @@ async function waitFor(test, what) {
 }
 
 function get(url, headers = {}) {
+  const client = url.startsWith('https:') ? https : http;
   return new Promise((resolve, reject) => {
-    http.get(url, {headers}, (reply) => {
+    client.get(url, {headers, rejectUnauthorized: false}, (reply) => {
       let body = '';
       reply.on('data', (chunk) => { body += chunk; });
       reply.on('end', () => resolve({status: reply.statusCode, headers: reply.headers, body}));
@@ -130,7 +133,30 @@ function answerCells(csv) {
     (sum, row) => sum + row.slice(1, 1 + QUESTIONS).filter((cell) => cell !== '').length, 0)};
 }
 
+// With a certificate the classroom speaks HTTPS only, and says so in the addresses it prints.
+async function checkHttps() {
+  const certificate = path.join(work, 'cert.pem');
+  const key = path.join(work, 'key.pem');
+  execFileSync('openssl', ['req', '-x509', '-newkey', 'ec', '-pkeyopt', 'ec_paramgen_curve:prime256v1',
+    '-nodes', '-keyout', key, '-out', certificate, '-subj', '/CN=127.0.0.1', '-days', '1'],
+  {stdio: 'ignore'});
+  const secure = startClassroom(['--room', 'e2e-tls', '--cert', certificate, '--key', key]);
+  try {
+    const printed = await waitFor(() => /students: (https:\/\/[^\s]+)/.exec(secure.output),
+      'the https addresses');
+    assert.match(secure.output, /teacher: +https:\/\/127\.0\.0\.1:\d+\/teacher/);
+    const page = await get(printed[1]);
+    assert.equal(page.status, 200);
+    assert.match(page.body, /Join the class/);
+    assert.equal((await get(printed[1] + 'teacher')).status, 401);
+  } finally {
+    secure.kill('SIGTERM');
+    assert.equal(await secure.exited, 0);
+  }
+}
+
 async function main() {
+  await checkHttps();
   const classroom = startClassroom([]);
   const printed = await waitFor(() => /students: (http:\/\/[^\s]+)/.exec(classroom.output),
     'the addresses');
