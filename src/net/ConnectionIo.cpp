@@ -570,7 +570,14 @@ void Daemon::FeedWebSocket(const ConnectionPointer& pointer,
     connection.readStopped = true;
   }
   if (events.empty()) return;
-  if (events.front()->Method == Methods::WEBSOCKETCONNECT) connection.webSocketAnnounced = true;
+  if (events.front()->Method == Methods::WEBSOCKETCONNECT) {
+    connection.webSocketAnnounced = true;
+    // Frames are small and leave one by one, when the host writes them: with Nagle's algorithm a
+    // frame that follows another unacknowledged one would wait for the peer's delayed
+    // acknowledgement, up to 40 ms, on every live update.
+    int error = 0;
+    Sys::SocketCalls::SetNoDelay(connection.socket, true, error);
+  }
   HandToHost(HostDelivery{pointer, nullptr, nullptr, {}, std::move(events)}, lock);
 }
 

@@ -130,9 +130,14 @@ void Lesson::Connected(const std::shared_ptr<Client>& client, Role role) {
 void Lesson::Disconnected(const std::shared_ptr<Client>& client) {
   auto found = pages_.find(client->Id());
   if (found == pages_.end()) return;
-  bool joined = !found->second.key.empty();
+  const std::string& key = found->second.key;
+  if (!key.empty()) {
+    auto student = pagesOf_.find(key);
+    student->second.erase(client->Id());
+    if (student->second.empty()) pagesOf_.erase(student);
+    teachersBehind_ = true;  // maybe one student fewer on the teacher's count
+  }
   pages_.erase(found);
-  if (joined) teachersBehind_ = true;  // one student fewer on the teacher's count
 }
 
 void Lesson::Received(const std::shared_ptr<Client>& client, const StringBuffer& text) {
@@ -177,6 +182,7 @@ void Lesson::Join(Page& page, const std::string& key, const std::string& wanted)
     }
   }
   page.key = known->first;
+  pagesOf_[page.key].insert(page.client->Id());
   page.client->WriteThroughWebSocket(
       UTF8to16(("{\"type\":\"welcome\",\"key\":" + JsonString(page.key) +
                 ",\"name\":" + JsonString(known->second.name) + "}")
@@ -209,9 +215,8 @@ void Lesson::Answer(Page& page, int number, int choice) {
     teachersBehind_ = true;
   }
   // Every page of this student shows the answer that counts: the first one.
-  for (auto& entry : pages_) {
-    if (entry.second.key == page.key) SendStudentState(entry.second);
-  }
+  for (std::uint64_t id : pagesOf_[page.key])
+    SendStudentState(pages_[id]);
 }
 
 void Lesson::Command(const std::string& command) {
@@ -286,10 +291,6 @@ void Lesson::SendStudentState(const Page& page) {
 void Lesson::SendTeacherState(const Page& page) {
   const Question& question = quiz_->Questions()[current_];
   std::vector<int> counts = quiz_->Tally(current_);
-  std::set<std::string> present;
-  for (const auto& entry : pages_) {
-    if (!entry.second.key.empty()) present.insert(entry.second.key);
-  }
   std::string json = "{\"type\":\"state\",\"title\":" + JsonString(quiz_->Title().ToUTF8()) +
                      ",\"phase\":\"" + PhaseName(phase_) +
                      "\",\"number\":" + std::to_string(current_ + 1) +
@@ -303,7 +304,7 @@ void Lesson::SendTeacherState(const Page& page) {
   }
   json += "],\"answers\":" + std::to_string(std::accumulate(counts.begin(), counts.end(), 0)) +
           ",\"total\":" + std::to_string(answers_) +
-          ",\"students\":" + std::to_string(present.size()) + "}";
+          ",\"students\":" + std::to_string(pagesOf_.size()) + "}";
   page.client->WriteThroughWebSocket(UTF8to16(json.c_str()));
 }
 

@@ -86,6 +86,9 @@ class Lesson {
   std::map<std::string, Student> students_;  // by key
   std::set<std::string> names_;              // of every student, each once
   std::map<std::uint64_t, Page> pages_;      // by connection id
+  // The connections of each student present, so that an answer reaches a student's pages and
+  // the teacher's count needs no walk over the whole class.
+  std::map<std::string, std::set<std::uint64_t>> pagesOf_;
 };
 
 // `text` (UTF-8) as a JSON string, quotes included.
