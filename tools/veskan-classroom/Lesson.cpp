@@ -162,30 +162,30 @@ void Lesson::Received(const std::shared_ptr<Client>& client, const StringBuffer&
 }
 
 void Lesson::Join(Page& page, const std::string& key, const std::string& wanted) {
-  auto known = students_.find(key);
-  if (known == students_.end() || !IsKeyText(key)) {
-    // A page that joined already keeps its key; anyone else becomes a new student.
-    known = students_.find(page.key);
-    if (known == students_.end()) {
-      std::string name = CleanName(wanted);
-      if (name.empty()) {
-        SendError(page, "Please type your name.");
-        return;
-      }
-      if (static_cast<int>(students_.size()) >= MaxStudents) {
-        SendError(page, "This class is full.");
-        return;
-      }
-      name = UniqueName(name);
-      names_.insert(name);
-      known = students_.emplace(NewId().ToUTF8(), Student{name}).first;
+  // A page stays the student it joined as; a key this lesson gave out rejoins as that student
+  // (a reload, a reconnection); anyone else becomes a new student.
+  std::string chosen = page.key;
+  if (chosen.empty() && IsKeyText(key) && students_.count(key) != 0) chosen = key;
+  if (chosen.empty()) {
+    std::string name = CleanName(wanted);
+    if (name.empty()) {
+      SendError(page, "Please type your name.");
+      return;
     }
+    if (static_cast<int>(students_.size()) >= MaxStudents) {
+      SendError(page, "This class is full.");
+      return;
+    }
+    name = UniqueName(name);
+    names_.insert(name);
+    chosen = NewId().ToUTF8();
+    students_.emplace(chosen, Student{name});
   }
-  page.key = known->first;
-  pagesOf_[page.key].insert(page.client->Id());
+  page.key = chosen;
+  pagesOf_[chosen].insert(page.client->Id());
   page.client->WriteThroughWebSocket(
-      UTF8to16(("{\"type\":\"welcome\",\"key\":" + JsonString(page.key) +
-                ",\"name\":" + JsonString(known->second.name) + "}")
+      UTF8to16(("{\"type\":\"welcome\",\"key\":" + JsonString(chosen) +
+                ",\"name\":" + JsonString(students_.at(chosen).name) + "}")
                    .c_str()));
   SendStudentState(page);
   teachersBehind_ = true;
@@ -209,14 +209,15 @@ void Lesson::Answer(Page& page, int number, int choice) {
     SendStudentState(page);
     return;
   }
-  if (quiz_->RecordAnswer(current_, page.key, UTF8to16(students_[page.key].name.c_str()), choice)) {
+  const std::string& name = students_.at(page.key).name;
+  if (quiz_->RecordAnswer(current_, page.key, UTF8to16(name.c_str()), choice)) {
     ++answers_;
     unsaved_ = true;
     teachersBehind_ = true;
   }
   // Every page of this student shows the answer that counts: the first one.
-  for (std::uint64_t id : pagesOf_[page.key])
-    SendStudentState(pages_[id]);
+  for (std::uint64_t id : pagesOf_.at(page.key))
+    SendStudentState(pages_.at(id));
 }
 
 void Lesson::Command(const std::string& command) {
