@@ -24,6 +24,17 @@ fail() {
   exit 1
 }
 
+# Waits up to 10 s for the sed expression $2 to print something from the log $1, and prints it.
+wait_for_line() {
+  local found=""
+  for _ in $(seq 100); do
+    found=$(sed -n "$2" "$1" | head -1)
+    [ -n "$found" ] && break
+    sleep 0.1
+  done
+  echo "$found"
+}
+
 # Builds hello-host against the tree under $1 both ways, into $2/cmake and $2/pc.
 build_example() {
   local prefix=$1 out=$2 pcdir
@@ -48,12 +59,7 @@ echo "== hello-host against the installed veskan-serve"
 export LD_LIBRARY_PATH="$libdir"  # built for /usr: the programs carry no search path
 "$prefix/bin/veskan-serve" --port 0 --direct >"$work/serve.log" 2>&1 &
 serve_pid=$!
-base=""
-for _ in $(seq 100); do
-  base=$(sed -n 's|^listening on \(http://[^ ]*[0-9]\)/*.*$|\1|p' "$work/serve.log" | head -1)
-  [ -n "$base" ] && break
-  sleep 0.1
-done
+base=$(wait_for_line "$work/serve.log" 's|^listening on \(http://[^ ]*[0-9]\)/*.*$|\1|p')
 [ -n "$base" ] || fail "veskan-serve did not start: $(cat "$work/serve.log")"
 for way in cmake pc; do
   output=$("$work/example/$way/hello-host" "$base") || fail "hello-host ($way) failed: $output"
@@ -70,12 +76,7 @@ VESKAN_USER_REGISTRY="$work/user.db" VESKAN_MACHINE_REGISTRY="$work/machine.db" 
   VESKAN_NAMESPACE="check-install-$$" "$prefix/bin/veskan-classroom" --port 0 \
   --listen 127.0.0.1 --password check --results "$work/results" >"$work/classroom.log" 2>&1 &
 classroom_pid=$!
-students=""
-for _ in $(seq 100); do
-  students=$(sed -n 's|^students: \(http://[^ ]*\)$|\1|p' "$work/classroom.log" | head -1)
-  [ -n "$students" ] && break
-  sleep 0.1
-done
+students=$(wait_for_line "$work/classroom.log" 's|^students: \(http://[^ ]*\)$|\1|p')
 [ -n "$students" ] || fail "veskan-classroom did not start: $(cat "$work/classroom.log")"
 grep -q "^quiz: Europe warm-up (3 questions)$" "$work/classroom.log" || fail "no sample quiz"
 curl -sf "$students" | grep -q "Join the class" || fail "the installed classroom serves no page"

@@ -17,6 +17,7 @@
 // graph with its answers as RDF/XML) are saved when the teacher ends the quiz and when the
 // program stops with answers not yet saved. Stops on SIGINT or SIGTERM and when a shutdown is
 // requested (veskan-shutdown).
+#include "../common/HostProcess.h"
 #include "Lesson.h"
 #include "Quiz.h"
 #include "Site.h"
@@ -33,12 +34,7 @@
 #include <veskan/Shutdowner.h>
 #include <veskan/Timepoint.h>
 
-#include <sys/resource.h>
-#include <unistd.h>
-
-#include <atomic>
 #include <cctype>
-#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -50,12 +46,6 @@ namespace {
 
 using namespace Veskan;
 namespace fs = std::filesystem;
-
-std::atomic<bool> stopRequested{false};
-
-void RequestStop(int) {
-  stopRequested = true;
-}
 
 const char16_t* const SettingsKey = u"Software\\Calvor Technologies\\Tallyo\\Classroom";
 constexpr int DefaultPort = 23460;
@@ -239,13 +229,8 @@ int main(int argc, char** argv) {
     return 0;
   }
 
-  rlimit files{};  // a school's worth of phones needs more than the usual 1024 descriptors
-  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
-  }
-  std::signal(SIGINT, RequestStop);
-  std::signal(SIGTERM, RequestStop);
+  Tools::RaiseOpenFileLimit();
+  std::shared_ptr<Shutdowner> stopWatch = Tools::WatchForStop();
 
   Globals globals;
   const StringBuffer language = Language();
@@ -295,15 +280,7 @@ int main(int argc, char** argv) {
       (std::string(scheme) + "://" + options.listen + ":" + std::to_string(options.port) + "/")
           .c_str());
   std::string errors;
-  Server::Log::SetAlertHandler(
-      [&errors](const char16_t*, const char16_t* text, Server::Log::Enumeration) {
-        errors += StringBuffer(text).ToUTF8() + "\n";
-      });
-  Server::Log::Start(u"MessageBox", Server::Log::Error);
-  bool started = server->Start(base.getTerminatedBuffer(), false);
-  Server::Log::Stop();
-  Server::Log::SetAlertHandler(nullptr);
-  if (!started) {
+  if (!Tools::StartServer(*server, base, errors)) {
     std::cerr << "veskan-classroom: cannot listen on port " << options.port << "\n" << errors;
     return 1;
   }
@@ -315,18 +292,11 @@ int main(int argc, char** argv) {
             << "teacher:  " << address << "/teacher (user teacher, password " << options.password
             << ")" << std::endl;
 
-  auto shutdowner = Shutdowner::Create();
-  shutdowner->ShutdownRequested.connect([] {
-    stopRequested = true;
-    DaemonMarshaller::PostQuit();
-  });
-  shutdowner->Start();
-
-  while (!stopRequested) {
+  while (!Tools::StopRequested()) {
     DaemonMarshaller::RunEventLoopOnce();
     lesson.Flush();
   }
-  shutdowner->Stop();
+  stopWatch->Stop();
   lesson.SaveResults();
   lesson.CloseAll(1001);  // going away: the pages say the classroom has closed
   server->Stop(1000);

@@ -18,6 +18,8 @@
 // is 404. With --user, /private/ answers "Hello, world!" to that user only (Basic or Digest
 // authentication; anyone else gets 401 and the challenges). Stops on SIGINT or SIGTERM, and
 // when a shutdown is requested (veskan-shutdown).
+#include "../common/HostProcess.h"
+
 #include <veskan/Body.h>
 #include <veskan/ByteBuffer.h>
 #include <veskan/Content.h>
@@ -33,10 +35,7 @@
 #include <veskan/WSData.h>
 #include <veskan/XmlSchema.h>
 
-#include <sys/resource.h>
-
 #include <atomic>
-#include <csignal>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -48,12 +47,6 @@
 namespace {
 
 using namespace Veskan;
-
-std::atomic<bool> stopRequested{false};
-
-void RequestStop(int) {
-  stopRequested = true;
-}
 
 struct Options {
   int port = -1;  // none given: the software service's HttpPort setting
@@ -403,15 +396,9 @@ int main(int argc, char** argv) {
                  "FILE]] [--user NAME:PASSWORD]\n";
     return 2;
   }
-  // Every connection is a descriptor: a school's worth of browsers needs more than the usual
-  // soft limit of 1024.
-  rlimit files{};
-  if (getrlimit(RLIMIT_NOFILE, &files) == 0 && files.rlim_cur < files.rlim_max) {
-    files.rlim_cur = files.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &files);
-  }
-  std::signal(SIGINT, RequestStop);
-  std::signal(SIGTERM, RequestStop);
+  Tools::RaiseOpenFileLimit();
+  // Any process of any user may ask every program of the system to close (veskan-shutdown).
+  std::shared_ptr<Shutdowner> stopWatch = Tools::WatchForStop();
 
   Globals globals;  // the XML engines, for /echo and /status
   Routes routes(options.root, !options.user.empty());
@@ -445,15 +432,7 @@ int main(int argc, char** argv) {
   // The server's own errors (a certificate that cannot be used, a taken port) are shown as they
   // are logged.
   std::string errors;
-  Server::Log::SetAlertHandler(
-      [&errors](const char16_t*, const char16_t* text, Server::Log::Enumeration) {
-        errors += StringBuffer(text).ToUTF8() + "\n";
-      });
-  Server::Log::Start(u"MessageBox", Server::Log::Error);
-  bool started = server->Start(base.getTerminatedBuffer(), false);
-  Server::Log::Stop();
-  Server::Log::SetAlertHandler(nullptr);
-  if (!started) {
+  if (!Tools::StartServer(*server, base, errors)) {
     // The engine's errors are on stderr already when the library's log shows errors.
     if (errors.empty()) {
       std::cerr << "veskan-serve: cannot listen on port " << options.port << "\n";
@@ -470,19 +449,11 @@ int main(int argc, char** argv) {
   std::cout << "listening on " << (server->IsSecure() ? "https" : "http")
             << "://127.0.0.1:" << server->Port() << "/" << std::endl;
 
-  // Any process of any user may ask every program of the system to close (veskan-shutdown).
-  auto shutdowner = Shutdowner::Create();
-  shutdowner->ShutdownRequested.connect([] {
-    stopRequested = true;
-    DaemonMarshaller::PostQuit();
-  });
-  shutdowner->Start();
-
-  while (!stopRequested) {
+  while (!Tools::StopRequested()) {
     // In window mode the handlers run here; in direct mode this only watches for the stop.
     DaemonMarshaller::RunEventLoopOnce();
   }
-  shutdowner->Stop();
+  stopWatch->Stop();
   server->Stop(1000);
   Daemon::WaitForAllThreads(5);
   return 0;
