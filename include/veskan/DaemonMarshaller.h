@@ -3,11 +3,10 @@
 #ifndef VESKAN_DAEMONMARSHALLER_H
 #define VESKAN_DAEMONMARSHALLER_H
 
+#include <veskan/EngineSignal.h>
 #include <veskan/Export.h>
 #include <veskan/Message.h>
 #include <veskan/StringBuffer.h>
-
-#include <boost/signals2/signal.hpp>
 
 #include <memory>
 #include <thread>
@@ -18,11 +17,6 @@ class Server;
 class Client;
 class Part;
 class WSData;
-
-// Engine signals: no result, slots ordered by int groups, arguments by reference.
-template <typename... Arguments>
-using EngineSignal =
-    boost::signals2::signal<void(Arguments...), boost::signals2::optional_last_value<void>, int>;
 
 namespace Detail {
 class EventQueue;

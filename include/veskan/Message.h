@@ -5,13 +5,13 @@
 #define VESKAN_MESSAGE_H
 
 #include <veskan/Body.h>
+#include <veskan/EngineSignal.h>
 #include <veskan/Export.h>
 #include <veskan/StringBuffer.h>
 #include <veskan/Url.h>
 #include <veskan/Vocabulary.h>
 
 #include <boost/container/small_vector.hpp>
-#include <boost/signals2/signal.hpp>
 
 #include <condition_variable>
 #include <memory>
@@ -36,7 +36,7 @@ class ReadyStateDelivery;
 // marshaller's thread. ConnectionEvent is emitted by the connection layer on its worker thread.
 class VESKAN_API Message : public std::enable_shared_from_this<Message> {
  public:
-  using Signal = boost::signals2::signal<void(const std::shared_ptr<Message>&)>;
+  using Signal = EngineSignal<const std::shared_ptr<Message>&>;
 
   // A new message: Uninitialized, no URL, no bodies, status code 0. Messages live in shared
   // pointers only, so that deliveries can hand themselves on.

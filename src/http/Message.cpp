@@ -28,9 +28,9 @@ ReadyStateDelivery::~ReadyStateDelivery() = default;
 struct Message::Signals {
   Signal readyStateChanged;
   Signal connectionEvent;
-  void DisconnectAll() {
-    readyStateChanged.disconnect_all_slots();
-    connectionEvent.disconnect_all_slots();
+  void Forget() {
+    readyStateChanged.Forget();
+    connectionEvent.Forget();
   }
 };
 
@@ -62,7 +62,7 @@ void Message::Recycle(Message* message) {
 }
 
 void Message::Renew() {
-  signals_->DisconnectAll();
+  signals_->Forget();
   method_ = Methods::GET;
   url_.reset();
   request_.reset();
@@ -188,6 +188,14 @@ void Message::UnlockAndNotifyReadyStateChanged(ReadyStateDelivery* marshaller,
                                                std::unique_lock<std::recursive_mutex>& lock) {
   Message& self = *message;
   const bool delivering = !self.pending_.empty();
+  if (!delivering && !self.signals_->readyStateChanged.Heard()) {
+    // Nobody listens (a server's requests, mostly): only the waiters are told.
+    self.readyState_ = state;
+    const bool waited = self.waiters_ > 0;
+    lock.unlock();
+    if (waited) self.wakeUp_->notify_all();
+    return;
+  }
   self.pending_.push_back(state);
   if (!delivering) self.readyState_ = state;
   // Read with the state set under the lock: a thread that begins to wait later sees the state.

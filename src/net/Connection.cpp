@@ -29,6 +29,7 @@ constexpr std::size_t TlsRecordBytes = 16 * 1024;
 std::int64_t MonotonicNanoseconds() {
   static const std::int64_t perSecond = Sys::MonotonicTicksPerSecond();
   std::int64_t ticks = Sys::MonotonicTicks();
+  if (perSecond == NanosecondsPerSecond) return ticks;  // no divisions on every event
   return ticks / perSecond * NanosecondsPerSecond +
          (ticks % perSecond) * NanosecondsPerSecond / perSecond;
 }
@@ -117,10 +118,20 @@ bool Connection::Flush(std::int64_t now, int& error) {
   }
 }
 
-void Connection::AfterHost(const std::shared_ptr<Connection>& connection) {
+void Connection::MarkAnswered(const AnsweredRequests& answered) {
+  for (const Message* request : answered) {
+    for (Exchange& exchange : exchanges) {
+      if (exchange.message.get() == request) exchange.answered = true;
+    }
+  }
+}
+
+void Connection::AfterHost(const std::shared_ptr<Connection>& connection,
+                           const AnsweredRequests& answered) {
   std::shared_ptr<Daemon> worker;
   {
     std::lock_guard<std::recursive_mutex> lock(connection->mutex);
+    connection->MarkAnswered(answered);
     worker = connection->daemon;
   }
   if (worker && !worker->ProcessOut(connection)) {

@@ -9,6 +9,8 @@
 
 #include "net/OutputQueue.h"
 
+#include <boost/container/small_vector.hpp>
+
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -29,6 +31,9 @@ struct Exchange {
   bool keepAlive = true;
   bool answered = false;  // ready to be written
 };
+
+// Received requests whose slots have run: ready to be written once marked so.
+using AnsweredRequests = boost::container::small_vector<const Message*, 4>;
 
 // The bytes of a written message end at `end` (a position of the queue its plaintext went to).
 struct WrittenMark {
@@ -71,10 +76,13 @@ class Connection {
   // system's error number in `error`.
   bool Flush(std::int64_t now, int& error);
 
-  // On the host's thread, once the slots of a delivery have run: what they answered leaves now,
-  // rather than at the worker's next turn; then the connection reads again and its worker is
-  // woken. Takes the lock.
-  static void AfterHost(const std::shared_ptr<Connection>& connection);
+  // Marks the exchanges of `answered` ready to be written; the lock is held.
+  void MarkAnswered(const AnsweredRequests& answered);
+  // On the host's thread, once the slots of a delivery have run: marks `answered`, and what is
+  // answered leaves now, rather than at the worker's next turn; then the connection reads again
+  // and its worker is woken. Takes the lock.
+  static void AfterHost(const std::shared_ptr<Connection>& connection,
+                        const AnsweredRequests& answered);
 
   // Requests received and not yet answered by the host.
   int Unanswered() const;

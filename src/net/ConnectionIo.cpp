@@ -41,17 +41,12 @@ struct HostDelivery {
   std::shared_ptr<Client> owner;
   ReaderEvents reader;
   std::vector<std::shared_ptr<WSData>> frames;
+  // The requests the slots have answered (404 when nobody did), marked under the connection's
+  // lock by whoever takes it next.
+  Detail::AnsweredRequests answered;
 };
 
-// Marks a received request ready to be written (404 when nobody answered).
-void MarkAnswered(Connection& connection, const std::shared_ptr<Message>& request) {
-  std::lock_guard<std::recursive_mutex> lock(connection.mutex);
-  for (Detail::Exchange& exchange : connection.exchanges) {
-    if (exchange.message == request) exchange.answered = true;
-  }
-}
-
-void RunReaderEvent(const HostDelivery& delivery, const ReaderEvent& event) {
+void RunReaderEvent(HostDelivery& delivery, const ReaderEvent& event) {
   Connection& connection = *delivery.connection;
   const std::shared_ptr<Server>& server = delivery.server;
   const std::shared_ptr<Client>& owner = delivery.owner;
@@ -90,7 +85,7 @@ void RunReaderEvent(const HostDelivery& delivery, const ReaderEvent& event) {
       }
       if (connection.serverSide) {
         bool answerLater = false;
-        if (server && !server->MessageReceived.empty()) {
+        if (server && server->MessageReceived.Heard()) {
           marshaller.Marshal_ServerClientMessage(server->MessageReceived, server, owner,
                                                  event.Subject);
         }
@@ -99,8 +94,8 @@ void RunReaderEvent(const HostDelivery& delivery, const ReaderEvent& event) {
                                                      owner, event.Subject, answerLater);
         }
         // Written once the slots have returned, unless a slot answers later itself.
-        if (!answerLater) MarkAnswered(connection, event.Subject);
-      } else if (owner && !owner->MessageReceived.empty()) {
+        if (!answerLater) delivery.answered.push_back(event.Subject.get());
+      } else if (owner && owner->MessageReceived.Heard()) {
         marshaller.Marshal_ClientMessage(owner->MessageReceived, owner, event.Subject);
       }
       return;
@@ -114,7 +109,9 @@ void RunDelivery(HostDelivery& delivery, bool run) {
   Connection& connection = *delivery.connection;
   if (!run) {
     for (const ReaderEvent& event : delivery.reader) {
-      if (event.What == ReaderEvent::Kind::MessageComplete) MarkAnswered(connection, event.Subject);
+      if (event.What == ReaderEvent::Kind::MessageComplete) {
+        delivery.answered.push_back(event.Subject.get());
+      }
     }
     return;
   }
@@ -124,7 +121,7 @@ void RunDelivery(HostDelivery& delivery, bool run) {
     if (frame->Method == Methods::WEBSOCKETMESSAGE) {
       Detail::CountEvent(Counters::WebSocketMessages, static_cast<int>(frame->Messages.size()));
     }
-    if (delivery.server && !delivery.server->WebSocketMessage.empty()) {
+    if (delivery.server && delivery.server->WebSocketMessage.Heard()) {
       connection.marshaller->Marshal_ServerWebSocketMessage(delivery.server->WebSocketMessage,
                                                             delivery.server, delivery.owner, frame);
     }
@@ -151,11 +148,12 @@ void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>&
         [](void* context, bool run) {
           std::unique_ptr<HostDelivery> posted(static_cast<HostDelivery*>(context));
           RunDelivery(*posted, run);
-          Connection::AfterHost(posted->connection);
+          Connection::AfterHost(posted->connection, posted->answered);
         },
         new HostDelivery(std::move(delivery)));
   }
   lock.lock();
+  if (!queued) connection.MarkAnswered(delivery.answered);
 }
 
 }  // namespace
@@ -323,7 +321,7 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
     }
     if (outcome == ReadOutcome::Stop) connection.readStopped = true;
     if (!events.empty()) {
-      HandToHost(HostDelivery{pointer, nullptr, nullptr, std::move(events), {}}, lock);
+      HandToHost(HostDelivery{pointer, nullptr, nullptr, std::move(events), {}, {}}, lock);
     }
     if (serverSide) FormatAnswered(connection, lock);
     if (connection.closing) return true;
@@ -578,7 +576,7 @@ void Daemon::FeedWebSocket(const ConnectionPointer& pointer,
     int error = 0;
     Sys::SocketCalls::SetNoDelay(connection.socket, true, error);
   }
-  HandToHost(HostDelivery{pointer, nullptr, nullptr, {}, std::move(events)}, lock);
+  HandToHost(HostDelivery{pointer, nullptr, nullptr, {}, std::move(events), {}}, lock);
 }
 
 void Daemon::CloseClient(const ConnectionPointer& pointer, SocketExceptions::Enumeration reason,

@@ -339,6 +339,7 @@ class Reader {
       StringBuffer target = TextOf(line + form.prefixLength, targetLength);
       current_ = Message::New();
       current_->Open(form.method, target);
+      Hold();
       Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessIn")
           << " Allocated new message size: " << static_cast<int>(sizeof(Message));
       return true;
@@ -355,7 +356,7 @@ class Reader {
         !IsFieldValue(line + 12, static_cast<std::size_t>(length - 12))) {  // RFC 9112 section 4
       return false;
     }
-    auto lock = current_->Lock();
+    Hold();
     current_->StatusCode = (code[0] - '0') * 100 + (code[1] - '0') * 10 + (code[2] - '0');
     current_->Reply = Detail::NewBody();
     return true;
@@ -395,7 +396,7 @@ class Reader {
     // field sent behind the body must not change, after the fact, how the message was framed,
     // routed or authorised (RFC 9112 section 7.1.2, RFC 9110 section 6.5.1).
     if (parse_.Chunked) return Step::Continue;
-    auto lock = current_->Lock();
+    Hold();
     Header& field = BodyOf(current_, serverSide_)->Headers.Append();
     DecodeInto(line, nameLength, field.Name);
     DecodeInto(line + valueStart, valueEnd - valueStart, field.Value);
@@ -414,7 +415,7 @@ class Reader {
     while (end > start && IsBlank(line[end - 1]))
       --end;
     if (!IsFieldValue(line + start, static_cast<std::size_t>(end - start))) return Step::Violation;
-    auto lock = current_->Lock();
+    Hold();
     Header::Collection& headers = BodyOf(current_, serverSide_)->Headers;
     if (headers.Count() == 0) return Step::Violation;
     if (start == end) return Step::Continue;
@@ -488,7 +489,7 @@ class Reader {
   }
 
   Step HeadersComplete() {
-    auto lock = current_->Lock();
+    Hold();
     std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
     Framing framing = FindFraming(body->Headers);
     if (framing.cookies) {
@@ -530,7 +531,7 @@ class Reader {
       // request by its framing fields: an upgrade request that declares a body is refused.
       if (framing.transferEncoding || length != 0) return Step::Violation;
       // The WebSocket handshake takes over from here; the request never becomes an exchange.
-      lock.unlock();
+      Release();
       events_.push_back(
           ReaderEvent{ReaderEvent::Kind::UpgradeRequested, current_, nullptr, 0, true});
       current_.reset();
@@ -547,7 +548,6 @@ class Reader {
       parse_.Chunked = true;
       parse_.ContentLength = -1;
       parse_.State = States::ReadingChunkSize;
-      lock.unlock();
       events_.push_back(
           ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, -1, false});
       if (continueExpected) {
@@ -561,7 +561,6 @@ class Reader {
       length = -1;
     }
     parse_.ContentLength = length;
-    lock.unlock();
     events_.push_back(
         ReaderEvent{ReaderEvent::Kind::HeadersComplete, current_, nullptr, length, false});
     if (length == 0) return CompleteMessage();
@@ -722,16 +721,15 @@ class Reader {
   }
 
   Step CompleteMessage() {
-    {
-      auto lock = current_->Lock();
-      std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
-      if (parse_.ContentReceived > 0) {
-        body->Content =
-            std::make_shared<Content>(parse_.ContentBuffer.Data(), parse_.ContentReceived);
-      }
-      for (const auto& entry : parse_.Parts)
-        body->Parts.Add(entry.second);
+    Hold();
+    std::shared_ptr<Body>& body = BodyOf(current_, serverSide_);
+    if (parse_.ContentReceived > 0) {
+      body->Content =
+          std::make_shared<Content>(parse_.ContentBuffer.Data(), parse_.ContentReceived);
     }
+    for (const auto& entry : parse_.Parts)
+      body->Parts.Add(entry.second);
+    Release();
     bool keepAlive = parse_.KeepAlive;
     events_.push_back(ReaderEvent{ReaderEvent::Kind::MessageComplete, current_, nullptr,
                                   parse_.ContentReceived, keepAlive});
@@ -753,8 +751,23 @@ class Reader {
     return Step::Wait;  // the message is handed over before the next one is read
   }
 
+  // Takes the current message's lock unless this reader holds it already: it is kept while the
+  // reader fills the message, so that a header block costs one lock, not one per field.
+  void Hold() {
+    if (held_.owns_lock() && held_.mutex() == &current_->Mutex()) return;
+    Release();
+    held_ = current_->Lock();
+  }
+  // Before the message is let go: a lock must not outlive the message it belongs to.
+  void Release() {
+    if (held_.owns_lock()) held_.unlock();
+    held_ = std::unique_lock<std::recursive_mutex>();
+  }
+
   Client::ParseData& parse_;
   std::shared_ptr<Message>& current_;
+  // The current message's lock while this reader fills it; released when Run returns.
+  std::unique_lock<std::recursive_mutex> held_;
   bool serverSide_;
   bool final_;
   const Server::Limits& limits_;

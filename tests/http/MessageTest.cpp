@@ -345,6 +345,35 @@ TEST(MessageDelivery, StateAnnouncedByListenerFollowsItsReturn) {
   EXPECT_EQ(CurrentState(message), ReadyStates::Receiving);
 }
 
+// Announcements skip the delivery machinery while nobody has listened: a listener connected late,
+// or one that has gone, must not change what the others see.
+TEST(MessageDelivery, ListenersConnectedLateOrGoneEarly) {
+  const auto message = Message::New();
+  EXPECT_FALSE(message->ReadyStateChanged.Heard());
+  EXPECT_TRUE(message->ReadyStateChanged.empty());
+  message->Open(Methods::GET, u"http://h/a");
+
+  std::vector<State> seen;
+  boost::signals2::connection connection = message->ReadyStateChanged.connect(
+      [&seen](const std::shared_ptr<Message>& m) { seen.push_back(m->ReadyState); });
+  EXPECT_TRUE(message->ReadyStateChanged.Heard());
+  EXPECT_FALSE(message->ReadyStateChanged.empty());
+  Announce(message, ReadyStates::Sent);
+  connection.disconnect();
+  EXPECT_TRUE(message->ReadyStateChanged.Heard());  // heard once, asked the slow way from now
+  EXPECT_TRUE(message->ReadyStateChanged.empty());
+  Announce(message, ReadyStates::Loaded);
+  EXPECT_EQ(seen, std::vector<State>{ReadyStates::Sent});
+  EXPECT_EQ(CurrentState(message), ReadyStates::Loaded);
+
+  message->ReadyStateChanged.Forget();
+  EXPECT_FALSE(message->ReadyStateChanged.Heard());
+  message->ReadyStateChanged.connect(
+      0, [&seen](const std::shared_ptr<Message>& m) { seen.push_back(m->ReadyState); });
+  Announce(message, ReadyStates::Uninitialized);
+  EXPECT_EQ(seen, (std::vector<State>{ReadyStates::Sent, ReadyStates::Uninitialized}));
+}
+
 TEST(MessageDelivery, ListenersRunWithoutTheLock) {
   const auto message = Message::New();
   bool lockedElsewhere = false;
