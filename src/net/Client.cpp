@@ -358,7 +358,7 @@ bool Client::WriteWebSocketFrame(const char* data, std::size_t length, bool bina
   // each worker to wake up. What the socket does not take now the worker sends when writable.
   if (wasIdle) {
     int error = 0;
-    if (connection->Flush(Detail::MonotonicNanoseconds(), error) && !connection->HasOutput()) {
+    if (connection->Flush(Detail::EventNanoseconds(), error) && !connection->HasOutput()) {
       return true;
     }
   }

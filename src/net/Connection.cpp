@@ -34,6 +34,10 @@ std::int64_t MonotonicNanoseconds() {
          (ticks % perSecond) * NanosecondsPerSecond / perSecond;
 }
 
+std::int64_t EventNanoseconds() {
+  return Sys::CoarseMonotonicNanoseconds();
+}
+
 Connection::Connection(const std::shared_ptr<Client>& client, int socketHandle,
                        const std::shared_ptr<Server>& owningServer,
                        const std::shared_ptr<DaemonMarshaller>& deliverer,
@@ -45,7 +49,7 @@ Connection::Connection(const std::shared_ptr<Client>& client, int socketHandle,
       limits(connectionLimits),
       owner(client),
       socket(socketHandle),
-      lastActivity(MonotonicNanoseconds()) {}
+      lastActivity(EventNanoseconds()) {}
 
 Connection::~Connection() {
   // The worker closes sockets; this one never reached a daemon, or the daemon ended before.
@@ -53,13 +57,13 @@ Connection::~Connection() {
 }
 
 void Connection::Queue(const char* data, std::size_t length) {
-  if (!HasOutput()) lastSendProgress = MonotonicNanoseconds();
+  if (!HasOutput()) lastSendProgress = EventNanoseconds();
   (tls ? plain : out).Append(data, length);
 }
 
 void Connection::Queue(std::shared_ptr<const void> bytesOwner, const char* data,
                        std::size_t length) {
-  if (!HasOutput()) lastSendProgress = MonotonicNanoseconds();
+  if (!HasOutput()) lastSendProgress = EventNanoseconds();
   (tls ? plain : out).Append(std::move(bytesOwner), data, length);
 }
 

@@ -24,7 +24,7 @@ namespace {
 
 using Counters = NetworkPerformanceMonitor::Counters;
 using Detail::Connection;
-using Detail::MonotonicNanoseconds;
+using Detail::EventNanoseconds;
 using Detail::ReaderEvent;
 using Detail::ReaderEvents;
 using Detail::ReadOutcome;
@@ -163,7 +163,7 @@ void Daemon::ProcessSocketReadable(const ConnectionPointer& pointer) {
   std::unique_lock<std::recursive_mutex> lock(connection.mutex);
   for (int round = 0; round < ReceivesPerEvent; ++round) {
     if (connection.closing || connection.socket < 0) return;
-    std::int64_t now = MonotonicNanoseconds();
+    std::int64_t now = EventNanoseconds();
     connection.lastActivity = now;
     int error = 0;
     if (connection.ReadPaused()) {
@@ -328,7 +328,7 @@ bool Daemon::ProcessIn(const ConnectionPointer& pointer,
     if (outcome == ReadOutcome::Violation) return false;
     if (outcome != ReadOutcome::NeedMore || !progressed || connection.Unread() == 0) break;
   }
-  connection.UpdateRequestClocks(MonotonicNanoseconds());
+  connection.UpdateRequestClocks(EventNanoseconds());
   return true;
 }
 
@@ -390,7 +390,7 @@ bool Daemon::ProcessOut(const ConnectionPointer& pointer) {
   std::vector<std::shared_ptr<Message>> requestsWritten = FormatAnswered(connection, lock);
   if (connection.closing) return true;
   int error = 0;
-  if (!connection.Flush(MonotonicNanoseconds(), error)) {
+  if (!connection.Flush(EventNanoseconds(), error)) {
     Logger::Line(Logger::Severity::Debug, "Veskan::Daemon::ProcessOut")
         << " send: out_octetStreamSize = " << connection.Unsent() << ", lastError = " << error;
     return false;
@@ -450,7 +450,7 @@ void Daemon::ProcessSocketWritable(const ConnectionPointer& pointer) {
   Connection& connection = *pointer;
   std::unique_lock<std::recursive_mutex> lock(connection.mutex);
   if (connection.closing || connection.socket < 0) return;
-  connection.lastActivity = MonotonicNanoseconds();
+  connection.lastActivity = EventNanoseconds();
   Detail::CountEvent(Counters::WritableEvents, 1);
   if (connection.connecting) {
     int error = Sys::SocketCalls::PendingError(connection.socket);
@@ -540,7 +540,7 @@ bool Daemon::UpgradeToWebSocket(const ConnectionPointer& pointer,
   parse.ReadPosition = parse.WritePosition;
   connection.webSocket = std::make_shared<Detail::WebSocketSupport>(
       static_cast<std::size_t>(connection.limits.MaxWebSocketFrameBytes));
-  connection.UpdateRequestClocks(MonotonicNanoseconds());
+  connection.UpdateRequestClocks(EventNanoseconds());
   FeedWebSocket(pointer, lock, rest.data(), rest.size(), &upgrade);
   return true;
 }

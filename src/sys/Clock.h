@@ -15,6 +15,11 @@ std::int64_t MonotonicTicks();
 // The number of MonotonicTicks per second; constant for the life of the process.
 std::int64_t MonotonicTicksPerSecond();
 
+// The monotonic clock in nanoseconds, on the same scale as MonotonicTicks turned into
+// nanoseconds, read more cheaply and lagging it by up to a few milliseconds (a scheduler tick):
+// for time-outs counted in seconds that are read on every event.
+std::int64_t CoarseMonotonicNanoseconds();
+
 // The wall-clock time in microseconds since 1970-01-01 00:00:00 UTC; 0 when the clock is set
 // before that.
 std::uint64_t RealTimeMicroseconds();

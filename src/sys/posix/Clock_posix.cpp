@@ -41,6 +41,12 @@ std::int64_t MonotonicTicks() {
   return static_cast<std::int64_t>(now.tv_sec) * NanosecondsPerSecond + now.tv_nsec;
 }
 
+std::int64_t CoarseMonotonicNanoseconds() {
+  struct timespec now;
+  ::clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
+  return static_cast<std::int64_t>(now.tv_sec) * NanosecondsPerSecond + now.tv_nsec;
+}
+
 std::int64_t MonotonicTicksPerSecond() {
   return NanosecondsPerSecond;
 }
