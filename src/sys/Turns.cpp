@@ -1,4 +1,4 @@
-// The turn gate: a counter of free turns and a list of waiters, each with its own condition
+// The turn gate: a counter of free turns and a line of waiters, each with its own condition
 // variable, so that a turn goes to exactly the longest waiter.
 #include "sys/Turns.h"
 
@@ -22,28 +22,27 @@ TurnGate& TurnGate::Workers() {
   return gate;
 }
 
+const std::shared_ptr<TurnGate::Waiter>& TurnGate::WaiterOfThisThread() {
+  thread_local const std::shared_ptr<Waiter> waiter = std::make_shared<Waiter>();
+  return waiter;
+}
+
 bool TurnGate::Take(std::chrono::steady_clock::duration patience) {
   if (heldGate == this) return true;
+  const std::shared_ptr<Waiter>& waiter = WaiterOfThisThread();
   std::unique_lock<std::mutex> lock(mutex_);
-  if (free_ > 0 && first_ == nullptr) {
+  if (free_ > 0 && line_.empty()) {
     --free_;
     heldGate = this;
     return true;
   }
-  Waiter waiter;
-  if (last_ == nullptr) {
-    first_ = &waiter;
-  } else {
-    last_->next = &waiter;
-  }
-  last_ = &waiter;
-  if (!waiter.granted.wait_for(lock, patience, [&waiter] { return waiter.turn; })) {
-    // Out of patience: off the list, without a turn.
-    Waiter* previous = nullptr;
-    for (Waiter* at = first_; at != nullptr; previous = at, at = at->next) {
-      if (at != &waiter) continue;
-      (previous == nullptr ? first_ : previous->next) = waiter.next;
-      if (last_ == &waiter) last_ = previous;
+  waiter->turn = false;
+  line_.push_back(waiter);
+  if (!waiter->granted.wait_for(lock, patience, [&waiter] { return waiter->turn; })) {
+    // Out of patience: off the line, without a turn.
+    for (auto at = line_.begin(); at != line_.end(); ++at) {
+      if (*at != waiter) continue;
+      line_.erase(at);
       break;
     }
     return false;
@@ -55,16 +54,18 @@ bool TurnGate::Take(std::chrono::steady_clock::duration patience) {
 bool TurnGate::Give() {
   if (heldGate != this) return false;
   heldGate = nullptr;
-  std::lock_guard<std::mutex> lock(mutex_);
-  Waiter* next = first_;
-  if (next == nullptr) {
-    ++free_;
-    return false;
+  std::shared_ptr<Waiter> next;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (line_.empty()) {
+      ++free_;
+      return false;
+    }
+    next = std::move(line_.front());
+    line_.pop_front();
+    next->turn = true;
   }
-  first_ = next->next;
-  if (first_ == nullptr) last_ = nullptr;
-  next->turn = true;
-  next->granted.notify_one();  // under the lock: the waiter's stack frame lives until it sees it
+  next->granted.notify_one();
   return true;
 }
 
@@ -74,10 +75,7 @@ bool TurnGate::Held() const {
 
 int TurnGate::Waiting() const {
   std::lock_guard<std::mutex> lock(mutex_);
-  int count = 0;
-  for (const Waiter* at = first_; at != nullptr; at = at->next)
-    ++count;
-  return count;
+  return static_cast<int>(line_.size());
 }
 
 TurnAway::TurnAway() : gate_(heldGate) {
