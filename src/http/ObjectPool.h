@@ -15,29 +15,35 @@ namespace Detail {
 
 // Objects given back must be renewed by the giver: the pool hands them out again as they are.
 // Each thread keeps up to `Local` objects of its own, taken and given without a lock (a worker
-// makes and drops a message per request, usually on its own thread); beyond that they go to a
-// list shared by all threads of at most `Kept`, and more are destroyed. A thread's own objects
+// makes and drops a message per request, usually on its own thread). Objects made on one thread
+// and dropped on another (a window-mode host drops what the workers made) pass through a list
+// shared by all threads of at most `Kept`, half a thread's share at a time, so that the lock is
+// taken once per batch rather than once per object; more are destroyed. A thread's own objects
 // are destroyed when it ends.
 //
 // Thread safety: Take and Give may be called from any thread, also while the calling thread's
 // own objects are being destroyed.
 template <typename T, std::size_t Local = 16, std::size_t Kept = 256>
 class ObjectPool {
+  static_assert(Local >= 2, "a batch is half of a thread's share");
+  static constexpr std::size_t Batch = Local / 2;
+
  public:
   // A pooled object, or null when there is none: the caller then makes a new one.
   static T* Take() {
-    if (std::vector<T*>* local = Cache()) {
-      if (!local->empty()) {
-        T* object = local->back();
-        local->pop_back();
-        return object;
-      }
+    std::vector<T*>* local = Cache();
+    if (local == nullptr) {  // the thread is ending: straight from the shared list
+      std::lock_guard<std::mutex> lock(Mutex());
+      std::vector<T*>& shared = Shared();
+      if (shared.empty()) return nullptr;
+      T* object = shared.back();
+      shared.pop_back();
+      return object;
     }
-    std::lock_guard<std::mutex> lock(Mutex());
-    std::vector<T*>& shared = Shared();
-    if (shared.empty()) return nullptr;
-    T* object = shared.back();
-    shared.pop_back();
+    if (local->empty()) Refill(*local);
+    if (local->empty()) return nullptr;
+    T* object = local->back();
+    local->pop_back();
     return object;
   }
 
@@ -50,24 +56,55 @@ class ObjectPool {
   // Takes `object`, renewed, back; destroys it when the pool is full.
   static void Give(T* object) {
     if (object == nullptr) return;
-    if (std::vector<T*>* local = Cache()) {
-      if (local->size() < Local) {
-        local->push_back(object);
-        return;
+    std::vector<T*>* local = Cache();
+    if (local == nullptr) {
+      {
+        std::lock_guard<std::mutex> lock(Mutex());
+        std::vector<T*>& shared = Shared();
+        if (shared.size() < Kept) {
+          shared.push_back(object);
+          return;
+        }
       }
+      delete object;
+      return;
     }
-    {
-      std::lock_guard<std::mutex> lock(Mutex());
-      std::vector<T*>& shared = Shared();
-      if (shared.size() < Kept) {
-        shared.push_back(object);
-        return;
-      }
-    }
-    delete object;
+    if (local->size() >= Local) Spill(*local);
+    local->push_back(object);
   }
 
  private:
+  // Moves up to a batch from the shared list to an empty thread's list.
+  static void Refill(std::vector<T*>& local) {
+    std::lock_guard<std::mutex> lock(Mutex());
+    std::vector<T*>& shared = Shared();
+    const std::size_t count = shared.size() < Batch ? shared.size() : Batch;
+    local.insert(local.end(), shared.end() - static_cast<std::ptrdiff_t>(count), shared.end());
+    shared.resize(shared.size() - count);
+  }
+
+  // Moves a batch from a full thread's list to the shared list; what does not fit there is
+  // destroyed, outside the lock (a destructor may give objects of other pools back).
+  static void Spill(std::vector<T*>& local) {
+    T* excess[Batch];
+    std::size_t excessCount = 0;
+    {
+      std::lock_guard<std::mutex> lock(Mutex());
+      std::vector<T*>& shared = Shared();
+      for (std::size_t moved = 0; moved < Batch; ++moved) {
+        T* object = local.back();
+        local.pop_back();
+        if (shared.size() < Kept) {
+          shared.push_back(object);
+        } else {
+          excess[excessCount++] = object;
+        }
+      }
+    }
+    for (std::size_t i = 0; i < excessCount; ++i)
+      delete excess[i];
+  }
+
   // Owns the thread's objects; while it lives, `cache` points at them. The pointer and the flag
   // are trivially destructible, so a Give from a destructor that runs after the owner's sees
   // null rather than a destroyed vector.
