@@ -34,8 +34,10 @@ constexpr int AcceptsPerEvent = 64;
 // turns of a busy server, shorter than anything a person would notice; it only matters when a
 // worker holding a turn blocks on another.
 constexpr auto TurnPatience = std::chrono::milliseconds(100);
-// How long a worker runs cycles without waiting before it yields the processor.
-constexpr std::int64_t YieldAfter = 500 * 1000;
+// How long a worker runs cycles without waiting before it yields the processor. A worker woken
+// from its poll cannot take its turn before it runs: this bounds how long its connections wait
+// for a busy one (at 0.5 ms, the p99 of 50 busy connections on one processor was twice this).
+constexpr std::int64_t YieldAfter = 100 * 1000;
 // How long listening sockets rest after accepting failed (out of descriptors, usually).
 constexpr std::int64_t AcceptPause = 100 * 1000000;
 
@@ -251,7 +253,9 @@ void Daemon::RunCycle(Cycle& cycle, std::unique_lock<std::recursive_mutex>& lock
   if (ready == 0 && timeout > 0) {
     turns.Give();
     ready = cycle.poller.Wait(timeout);
-    if (ready > 0) turns.Take(TurnPatience);
+    // Its connections had nothing when its turn came: now that they have, they are served next
+    // rather than a whole round of the other workers later.
+    if (ready > 0) turns.Take(TurnPatience, true);
   }
 
   if (ready > 0) {

@@ -27,7 +27,7 @@ const std::shared_ptr<TurnGate::Waiter>& TurnGate::WaiterOfThisThread() {
   return waiter;
 }
 
-bool TurnGate::Take(std::chrono::steady_clock::duration patience) {
+bool TurnGate::Take(std::chrono::steady_clock::duration patience, bool returning) {
   if (heldGate == this) return true;
   const std::shared_ptr<Waiter>& waiter = WaiterOfThisThread();
   std::unique_lock<std::mutex> lock(mutex_);
@@ -37,11 +37,17 @@ bool TurnGate::Take(std::chrono::steady_clock::duration patience) {
     return true;
   }
   waiter->turn = false;
-  line_.push_back(waiter);
+  if (returning) {
+    line_.insert(line_.begin() + static_cast<std::ptrdiff_t>(returning_), waiter);
+    ++returning_;
+  } else {
+    line_.push_back(waiter);
+  }
   if (!waiter->granted.wait_for(lock, patience, [&waiter] { return waiter->turn; })) {
     // Out of patience: off the line, without a turn.
     for (auto at = line_.begin(); at != line_.end(); ++at) {
       if (*at != waiter) continue;
+      if (static_cast<std::size_t>(at - line_.begin()) < returning_) --returning_;
       line_.erase(at);
       break;
     }
@@ -63,6 +69,7 @@ bool TurnGate::Give() {
     }
     next = std::move(line_.front());
     line_.pop_front();
+    if (returning_ > 0) --returning_;
     next->turn = true;
   }
   next->granted.notify_one();

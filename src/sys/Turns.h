@@ -34,7 +34,11 @@ class TurnGate {
   // Waits for a turn at most `patience`: a thread holding a turn that blocks on something else
   // must not stop the others for longer. False when the patience ran out; the caller then goes
   // on without a turn. True at once when the current thread holds a turn already.
-  bool Take(std::chrono::steady_clock::duration patience);
+  //
+  // `returning`: the thread gave its last turn back early, having had nothing to do, and now
+  // has work. It waits ahead of the threads that used their turns in full, behind others
+  // returning like it; at the end of the line it would wait a whole round for the turn it left.
+  bool Take(std::chrono::steady_clock::duration patience, bool returning = false);
   // Gives the current thread's turn to the thread that has waited longest, or back to the gate.
   // Nothing when the thread holds none. True when a waiting thread got it.
   bool Give();
@@ -55,7 +59,9 @@ class TurnGate {
 
   mutable std::mutex mutex_;
   int free_;
-  std::deque<std::shared_ptr<Waiter>> line_;  // the longest waiting first
+  // The returning waiters first, each part the longest waiting first.
+  std::deque<std::shared_ptr<Waiter>> line_;
+  std::size_t returning_ = 0;  // how many of the line are returning
 };
 
 // While alive, the current thread's turn, if it holds one, is given back; it is taken again at

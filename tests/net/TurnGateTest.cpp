@@ -1,5 +1,6 @@
-// The workers' turn gate: turns go to waiters first come, first served; a waiter out of patience
-// leaves the line; a thread waiting on others gives its turn away meanwhile.
+// The workers' turn gate: turns go to waiters first come, first served, those returning from
+// having had nothing to do first; a waiter out of patience leaves the line; a thread waiting on
+// others gives its turn away meanwhile.
 #include "sys/Turns.h"
 
 #include <gtest/gtest.h>
@@ -32,9 +33,10 @@ TEST(TurnGateTest, TurnsGoToWaitersInTheOrderTheyCame) {
   std::mutex mutex;
   std::vector<int> order;
   std::vector<std::thread> threads;
-  for (int i = 0; i < 4; ++i) {
+  // 0 to 3 come to wait after their turns, 4 and 5 come back from having had nothing to do.
+  for (int i = 0; i < 6; ++i) {
     threads.emplace_back([&, i] {
-      bool taken = gate.Take(Long);
+      bool taken = gate.Take(Long, i >= 4);
       {
         std::lock_guard<std::mutex> lock(mutex);
         order.push_back(taken ? i : -1);
@@ -47,7 +49,7 @@ TEST(TurnGateTest, TurnsGoToWaitersInTheOrderTheyCame) {
   EXPECT_TRUE(gate.Give()) << "handed to the first in line";
   for (std::thread& thread : threads)
     thread.join();
-  EXPECT_EQ(order, (std::vector<int>{0, 1, 2, 3}));
+  EXPECT_EQ(order, (std::vector<int>{4, 5, 0, 1, 2, 3}));
   EXPECT_FALSE(gate.Held());
   EXPECT_FALSE(gate.Give()) << "nothing to give without a turn";
   EXPECT_TRUE(gate.Take(std::chrono::milliseconds(0))) << "the turn came back to the gate";
@@ -60,7 +62,7 @@ TEST(TurnGateTest, AWaiterOutOfPatienceLeavesTheLineWithoutATurn) {
   std::thread second([&] {
     EXPECT_TRUE(gate.Take(Long)) << "two turns for two threads";
     std::thread third([&] {
-      EXPECT_FALSE(gate.Take(std::chrono::milliseconds(5)));
+      EXPECT_FALSE(gate.Take(std::chrono::milliseconds(5), true));
       EXPECT_FALSE(gate.Held());
       gate.Give();  // holds none: changes nothing
     });
