@@ -15,6 +15,9 @@ namespace Veskan {
 // signals have no slots, and the engine asks each request whether they do: Boost's empty() takes
 // the signal's mutex for that answer, Heard() reads one flag.
 //
+// Slots are connected through this type: one connected through a reference to the Boost base
+// is not seen by Heard(), and the engine may then skip its emissions.
+//
 // Thread safety: as a Boost.Signals2 signal. Heard() may be called from any thread; a slot being
 // connected while it is called may be missed, as by an emission made just before the connection.
 template <typename... Arguments>
