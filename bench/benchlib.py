@@ -1,9 +1,21 @@
-"""Helpers the benchmark scripts (bench/http/run.py, bench/ws/run.py) share. Standard library only."""
+"""Helpers the benchmark scripts (bench/http, bench/ws, bench/soak, bench/classroom) share. Standard library only."""
 
 import os
 import resource
 import shutil
 import sys
+
+
+def resident_kib(pid):
+    """VmRSS of process `pid` in KiB, or None when it cannot be read (the process is gone)."""
+    try:
+        with open(f"/proc/{pid}/status") as status:
+            for line in status:
+                if line.startswith("VmRSS:"):
+                    return int(line.split()[1])
+    except OSError:
+        pass
+    return None
 
 
 def log(message):

@@ -21,6 +21,9 @@ import sys
 import time
 import urllib.parse
 
+sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+from benchlib import resident_kib  # noqa: E402
+
 
 def frame(text):
     """A masked text frame, as a client sends it."""
@@ -133,17 +136,6 @@ def pump(selector, sockets, done, what, limit=120):
             key.data.read()
 
 
-def resident_kib(pid):
-    try:
-        with open(f"/proc/{pid}/status") as status:
-            for line in status:
-                if line.startswith("VmRSS:"):
-                    return int(line.split()[1])
-    except OSError:
-        pass
-    return 0
-
-
 def main():
     if len(sys.argv) < 4:
         sys.exit(__doc__)
@@ -151,7 +143,7 @@ def main():
     pid = int(sys.argv[4]) if len(sys.argv) > 4 else 0
     parts = urllib.parse.urlsplit(base)
     selector = selectors.DefaultSelector()
-    before = resident_kib(pid)
+    before = resident_kib(pid) or 0
 
     teacher = Socket(parts.hostname, parts.port, "/ws/teacher?token=" + teacher_token(base, password))
     selector.register(teacher.sock, selectors.EVENT_READ, teacher)
@@ -187,7 +179,7 @@ def main():
     counts = [choice["answers"] for choice in teacher.state["choices"]]
     if sum(counts) != count:
         sys.exit(f"the chart counts {sum(counts)} answers, not {count}")
-    after = resident_kib(pid)
+    after = resident_kib(pid) or 0
     print(f"students {count}: joined in {joined * 1000:.0f} ms, all answers received in "
           f"{answered * 1000:.0f} ms ({count / answered:.0f} answers/s), chart complete after "
           f"{charted * 1000:.0f} ms; classroom memory {before / 1024:.1f} -> {after / 1024:.1f} MiB")

@@ -34,7 +34,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import fmt, log, pinned, raise_file_limit  # noqa: E402
+from benchlib import fmt, log, pinned, raise_file_limit, resident_kib  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -160,14 +160,7 @@ class Server:
         return self.process is not None and self.process.poll() is None
 
     def rss_kib(self):
-        try:
-            with open(f"/proc/{self.process.pid}/status") as f:
-                for line in f:
-                    if line.startswith("VmRSS:"):
-                        return int(line.split()[1])
-        except OSError:
-            pass
-        return None
+        return resident_kib(self.process.pid)
 
     def fd_count(self):
         try:

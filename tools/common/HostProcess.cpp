@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <csignal>
+#include <cstdlib>
 
 namespace Veskan::Tools {
 
@@ -23,6 +24,15 @@ void ShutdownRequested() {
 }
 
 }  // namespace
+
+bool ParsePort(const std::string& text, int& port) {
+  if (text.empty()) return false;
+  char* end = nullptr;
+  const long value = std::strtol(text.c_str(), &end, 10);
+  if (*end != '\0' || value < 0 || value > 65535) return false;
+  port = static_cast<int>(value);
+  return true;
+}
 
 void RaiseOpenFileLimit() {
   rlimit files{};

@@ -12,6 +12,10 @@
 
 namespace Veskan::Tools {
 
+// Reads a TCP port (0 to 65535, 0: any free one) from a command-line argument; false for
+// anything else.
+bool ParsePort(const std::string& text, int& port);
+
 // Raises the soft limit on open descriptors to the hard one: every connection is a descriptor,
 // and a school's worth of browsers needs more than the usual 1024.
 void RaiseOpenFileLimit();

@@ -86,10 +86,7 @@ bool ParseOptions(const std::vector<std::string>& arguments, Options& options) {
     const std::string& argument = arguments[i];
     bool hasValue = i + 1 < arguments.size();
     if (argument == "--port" && hasValue) {
-      char* end = nullptr;
-      long port = std::strtol(arguments[++i].c_str(), &end, 10);
-      if (*end != '\0' || port < 0 || port > 65535) return false;
-      options.port = static_cast<int>(port);
+      if (!Tools::ParsePort(arguments[++i], options.port)) return false;
     } else if (argument == "--listen" && hasValue) {
       options.listen = arguments[++i];
     } else if (argument == "--room" && hasValue) {

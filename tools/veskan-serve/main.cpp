@@ -36,7 +36,6 @@
 #include <veskan/XmlSchema.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
@@ -62,10 +61,7 @@ bool ParseOptions(int argc, char** argv, Options& options) {
     std::string argument = argv[i];
     bool hasValue = i + 1 < argc;
     if (argument == "--port" && hasValue) {
-      char* end = nullptr;
-      long port = std::strtol(argv[++i], &end, 10);
-      if (*end != '\0' || port < 0 || port > 65535) return false;
-      options.port = static_cast<int>(port);
+      if (!Tools::ParsePort(argv[++i], options.port)) return false;
     } else if (argument == "--root" && hasValue) {
       options.root = argv[++i];
     } else if (argument == "--direct") {
