@@ -1,9 +1,9 @@
 #!/usr/bin/env python3
 """HTTP benchmark: veskan-serve against peer "Hello, world!" servers.
 
-Builds the peers in bench/http/peers/ (into build-bench-http/ at the repository root), then for
-each server: starts it pinned to CPU 0, drives it with wrk pinned to CPU 1 on loopback, and runs
-an idle-connection test. Prints a Markdown report and writes it to bench/http/RESULTS.md.
+Builds the peers in bench/http/peers/ (into build-bench-http/ at the repository root), starts
+them all pinned to CPU 0 and drives them in turns with wrk pinned to CPU 1 on loopback, then runs
+an idle-connection test on each. Prints a Markdown report and writes it to bench/http/RESULTS.md.
 
 Standard library only. See bench/http/README.md.
 """
@@ -518,6 +518,85 @@ def median_or_none(values):
     return statistics.median(values) if values else None
 
 
+def paired_ratio(rounds, top, bottom, label, key):
+    """Top's figure ÷ bottom's within each round of a load: (median, lowest, highest), or None."""
+    pairs = zip(rounds.get(top, {}).get(label, []), rounds.get(bottom, {}).get(label, []))
+    ratios = [a[key] / b[key] for a, b in pairs if a.get(key) and b.get(key)]
+    if not ratios:
+        return None
+    return statistics.median(ratios), min(ratios), max(ratios)
+
+
+# ---------------------------------------------------------------------------------------------
+# The throughput test
+
+
+def start_servers(names, args, notes):
+    """Starts every server, checks its reply and warms it up; returns the running ones by name."""
+    running = {}
+    for name in names:
+        server = Server(name, args)
+        try:
+            server.start()
+        except (OSError, RuntimeError) as error:
+            notes.append(f"{name}: could not start: {error}")
+            log(notes[-1])
+            server.stop()
+            continue
+        running[name] = server
+        problems = check_server(server.port)
+        if problems:
+            notes.append(f"{name}: unexpected reply: {'; '.join(problems)}")
+            log(notes[-1])
+        run_wrk(server.port, 50, False, 1)  # warm-up
+    return running
+
+
+def measure_throughput(names, args, notes):
+    """Runs every load on every server. The servers run side by side, idle but for the one under
+    load, and take turns within each round of a load: a ratio then compares runs made seconds
+    apart, where runs made minutes apart would carry the drift of a shared machine's speed. The
+    first server of a round changes from round to round.
+
+    Returns (results, rounds): results[name][label] the medians and ranges over the rounds,
+    rounds[name][label] the runs in round order."""
+    running = start_servers(names, args, notes)
+    rounds = {name: {} for name in running}
+    try:
+        for label, connections, close in LOADS:
+            order = list(running)
+            for number in range(args.runs):
+                turn = number % len(order) if order else 0
+                for name in order[turn:] + order[:turn]:
+                    run = run_wrk(running[name].port, connections, close, args.duration)
+                    if "note" in run:
+                        notes.append(f"{name}, {label}: wrk gave no result: {run['note']}")
+                    rounds[name].setdefault(label, []).append(run)
+            for name in order:
+                row = summarize(rounds[name][label])
+                log(f"{name:20} {label:32} {fmt(row['rps']):>10} req/s  p99 {fmt(row['p99'], 2):>8} ms  "
+                    f"errors {fmt(row['errors'])}")
+    finally:
+        for name, server in running.items():
+            code = server.stop()
+            if code not in (0, None):
+                notes.append(f"{name}: exit status {code} after SIGTERM")
+    results = {name: {label: summarize(runs) for label, runs in loads.items()}
+               for name, loads in rounds.items()}
+    return results, rounds
+
+
+def summarize(runs):
+    rates = [run["rps"] for run in runs if run["rps"] is not None]
+    return {
+        "rps": median_or_none(rates),
+        "rps_min": min(rates) if rates else None,
+        "rps_max": max(rates) if rates else None,
+        "p99": median_or_none([run["p99"] for run in runs]),
+        "errors": median_or_none([run["errors"] for run in runs]),
+    }
+
+
 # ---------------------------------------------------------------------------------------------
 # Report
 
@@ -561,27 +640,28 @@ GOALS = [
 ]
 
 
-def render_goals(results):
+def render_goals(rounds):
     """The goal ratios, for this build and, when it ran, the earlier one."""
     lines = []
     for suffix, title in (("", "this build"), ("-before", "the earlier build (--veskan-before)")):
         rows = []
         for label, top, bottom, key, test, what in GOALS:
-            top_name = top + suffix
             bottom_name = bottom + suffix if bottom.startswith("veskan") else bottom
-            a = results.get(top_name, {}).get(label, {}).get(key)
-            b = results.get(bottom_name, {}).get(label, {}).get(key)
-            if not a or not b:
+            ratio = paired_ratio(rounds, top + suffix, bottom_name, label, key)
+            if ratio is None:
                 continue
-            ratio = a / b
-            rows.append(f"| {label} | {what} | {ratio:.2f} | {'met' if test(ratio) else 'not met'} |")
+            median, lowest, highest = ratio
+            rows.append(f"| {label} | {what} | {median:.2f} | {lowest:.2f}–{highest:.2f} | "
+                        f"{'met' if test(median) else 'not met'} |")
         if rows:
-            lines += ["", f"## Goals, {title}", "", "| load | goal | ratio | |",
-                      "| --- | --- | ---: | --- |"] + rows
+            lines += ["", f"## Goals, {title}", "", "| load | goal | ratio | range over rounds | |",
+                      "| --- | --- | ---: | ---: | --- |"] + rows
+    if lines:
+        lines += ["", "A ratio is the median over the rounds of the two servers' figures in the same round."]
     return lines
 
 
-def render(args, results, idle, notes, elapsed, facts):
+def render(args, results, rounds, idle, notes, elapsed, facts):
     nproc, model, load = facts
     lines = ["# HTTP benchmark results", ""]
     lines.append(f"- Date: {datetime.datetime.now().astimezone().strftime('%Y-%m-%d %H:%M %Z')}")
@@ -590,8 +670,9 @@ def render(args, results, idle, notes, elapsed, facts):
     script = os.path.relpath(os.path.abspath(sys.argv[0]), ROOT)
     lines.append(f"- Command: `python3 {' '.join(shlex.quote(word) for word in [script] + sys.argv[1:])}`")
     lines.append(f"- Packages: {package_versions()}")
-    lines.append(f"- Load: wrk -t1 -d{args.duration}s --latency, {args.runs} run(s) per load, medians shown; "
-                 f"server pinned to CPU {SERVER_CPU}, wrk to CPU {CLIENT_CPU}; GET {PATH} on 127.0.0.1")
+    lines.append(f"- Load: wrk -t1 -d{args.duration}s --latency, {args.runs} round(s) per load, in each round "
+                 f"every server in turn (all running, idle but for the one under load), medians shown; "
+                 f"servers pinned to CPU {SERVER_CPU}, wrk to CPU {CLIENT_CPU}; GET {PATH} on 127.0.0.1")
     lines.append(f"- Total run time: {elapsed / 60:.1f} min")
     lines.append("")
     lines.append("## Throughput and latency")
@@ -600,11 +681,10 @@ def render(args, results, idle, notes, elapsed, facts):
     header = "| load | server | requests/s | range over runs | p99 ms | errors |"
     rule = "| --- | --- | ---: | ---: | ---: | ---: |"
     if have_direct:
-        header += " veskan-direct ÷ server (req/s) |"
+        header += " veskan-direct ÷ server (req/s, median of rounds) |"
         rule += " ---: |"
     lines += [header, rule]
     for label, _, _ in LOADS:
-        direct = results.get("veskan-direct", {}).get(label, {}).get("rps")
         for name in args.servers:
             if name not in results:
                 continue
@@ -615,8 +695,8 @@ def render(args, results, idle, notes, elapsed, facts):
             line = (f"| {label} | {name} | {fmt(row['rps'])} | {spread} | {fmt(row['p99'], 2)} | "
                     f"{fmt(row['errors'])} |")
             if have_direct:
-                ratio = direct / row["rps"] if direct and row["rps"] else None
-                line += f" {fmt(ratio, 2)} |"
+                ratio = paired_ratio(rounds, "veskan-direct", name, label, "rps")
+                line += f" {fmt(ratio[0] if ratio else None, 2)} |"
             lines.append(line)
     lines.append("")
     lines.append("Errors: median per run of wrk's socket errors (connect, read, write, timeout) "
@@ -649,7 +729,7 @@ def render(args, results, idle, notes, elapsed, facts):
         lines.append("")
         lines.append("Fresh request: connect, one GET, full reply, on a new connection (median of 5). "
                      "RSS: VmRSS of the server process and its children.")
-    lines += render_goals(results)
+    lines += render_goals(rounds)
     if notes:
         lines.append("")
         lines.append("## Notes")
@@ -667,7 +747,7 @@ def main():
     parser.add_argument("--servers", default=",".join(DEFAULT_SERVERS),
                         help=f"comma-separated list out of {','.join(ALL_SERVERS)} (default: all)")
     parser.add_argument("--duration", type=int, default=8, help="seconds per wrk run (default 8)")
-    parser.add_argument("--runs", type=int, default=3, help="wrk runs per load; medians are shown (default 3)")
+    parser.add_argument("--runs", type=int, default=3, help="rounds per load, each running every server once; medians are shown (default 3)")
     parser.add_argument("--quick", action="store_true", help="smoke test: 1 run of 3 s per load")
     parser.add_argument("--veskan", default=os.path.join(ROOT, "build", "tools", "veskan-serve"),
                         help="path to the veskan-serve binary (default: build/tools/veskan-serve)")
@@ -727,66 +807,30 @@ def main():
     per_server = len(LOADS) * args.runs * (args.duration + 0.5) + 1 + (15 if args.idle_connections else 0)
     log(f"servers: {', '.join(servers)}; about {len(servers) * per_server / 60:.1f} min")
 
-    results, idle = {}, {}
-    for name in servers:
+    results, rounds = measure_throughput(servers, args, notes)
+    idle = {}
+    for name in servers if args.idle_connections else []:
+        # A fresh process, so "before" is the memory of a server at rest.
         server = Server(name, args)
         try:
             server.start()
+            idle[name] = idle_test(server, args.idle_connections, args.hold)
+            row = idle[name]
+            log(f"{name:14} idle: served {row['served']}, open after {args.hold:g} s {row.get('held')}, "
+                f"RSS {row['rss_before'] / 1024:.1f} -> {row.get('rss_after', 0) / 1024:.1f} MiB, fresh "
+                f"{fmt(row['fresh_before'], 2)} -> {fmt(row.get('fresh_after'), 2)} ms")
+            if row["failed"] or row["unanswered"]:
+                notes.append(f"{name}: idle test: {row['failed']} connections failed, {row['unanswered']} "
+                             "got no reply before the opener gave up (5 s without progress)")
         except (OSError, RuntimeError) as error:
-            notes.append(f"{name}: could not start: {error}")
-            log(notes[-1])
-            server.stop()
-            continue
-        try:
-            problems = check_server(server.port)
-            if problems:
-                notes.append(f"{name}: unexpected reply: {'; '.join(problems)}")
-                log(notes[-1])
-            run_wrk(server.port, 50, False, 1)  # warm-up
-            results[name] = {}
-            for label, connections, close in LOADS:
-                runs = [run_wrk(server.port, connections, close, args.duration) for _ in range(args.runs)]
-                for run in runs:
-                    if "note" in run:
-                        notes.append(f"{name}, {label}: wrk gave no result: {run['note']}")
-                rates = [run["rps"] for run in runs if run["rps"] is not None]
-                row = {
-                    "rps": median_or_none(rates),
-                    "rps_min": min(rates) if rates else None,
-                    "rps_max": max(rates) if rates else None,
-                    "p99": median_or_none([run["p99"] for run in runs]),
-                    "errors": median_or_none([run["errors"] for run in runs]),
-                }
-                results[name][label] = row
-                log(f"{name:14} {label:32} {fmt(row['rps']):>10} req/s  p99 {fmt(row['p99'], 2):>8} ms  "
-                    f"errors {fmt(row['errors'])}")
+            idle[name] = {"error": f"failed: {error}"}
+            notes.append(f"{name}: idle test failed: {error}")
         finally:
             code = server.stop()
             if code not in (0, None):
-                notes.append(f"{name}: exit status {code} after SIGTERM")
+                notes.append(f"{name}: exit status {code} after SIGTERM (idle test)")
 
-        if args.idle_connections:
-            # A fresh process, so "before" is the memory of a server at rest.
-            server = Server(name, args)
-            try:
-                server.start()
-                idle[name] = idle_test(server, args.idle_connections, args.hold)
-                row = idle[name]
-                log(f"{name:14} idle: served {row['served']}, open after {args.hold:g} s {row.get('held')}, "
-                    f"RSS {row['rss_before'] / 1024:.1f} -> {row.get('rss_after', 0) / 1024:.1f} MiB, fresh "
-                    f"{fmt(row['fresh_before'], 2)} -> {fmt(row.get('fresh_after'), 2)} ms")
-                if row["failed"] or row["unanswered"]:
-                    notes.append(f"{name}: idle test: {row['failed']} connections failed, {row['unanswered']} "
-                                 "got no reply before the opener gave up (5 s without progress)")
-            except (OSError, RuntimeError) as error:
-                idle[name] = {"error": f"failed: {error}"}
-                notes.append(f"{name}: idle test failed: {error}")
-            finally:
-                code = server.stop()
-                if code not in (0, None):
-                    notes.append(f"{name}: exit status {code} after SIGTERM (idle test)")
-
-    report = render(args, results, idle, notes, time.monotonic() - started, facts)
+    report = render(args, results, rounds, idle, notes, time.monotonic() - started, facts)
     print(report)
     with open(args.output, "w") as f:
         f.write(report)
