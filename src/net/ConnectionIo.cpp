@@ -6,6 +6,7 @@
 #include <veskan/Server.h>
 #include <veskan/WSData.h>
 
+#include "http/ObjectPool.h"
 #include "net/Connection.h"
 #include "net/EngineCounters.h"
 #include "net/EngineLog.h"
@@ -132,6 +133,33 @@ void RunDelivery(HostDelivery& delivery, bool run) {
 // exit). In direct mode the slots run now. Otherwise the delivery is queued for the host's thread
 // and the worker goes on with its other connections; this connection reads no further until the
 // host has run it, which keeps its events in order and its requests answered one at a time.
+// A delivery queued for the host's thread comes from a pool: a worker in window mode queues one
+// per batch of bytes read, and the host's thread drops it.
+struct RecycleDelivery {
+  void operator()(HostDelivery* delivery) const {
+    delivery->connection.reset();
+    delivery->server.reset();
+    delivery->owner.reset();
+    delivery->reader.clear();
+    delivery->frames.clear();
+    delivery->answered.clear();
+    // A pipelined batch may have grown them: what stays pooled keeps only its inline room.
+    if (delivery->reader.capacity() > ReaderEvents::static_capacity)
+      ReaderEvents().swap(delivery->reader);
+    if (delivery->frames.capacity() > 0)
+      std::vector<std::shared_ptr<WSData>>().swap(delivery->frames);
+    Detail::ObjectPool<HostDelivery>::Give(delivery);
+  }
+};
+using PostedDelivery = std::unique_ptr<HostDelivery, RecycleDelivery>;
+
+HostDelivery* NewPostedDelivery(HostDelivery&& delivery) {
+  HostDelivery* posted = Detail::ObjectPool<HostDelivery>::Take();
+  if (posted == nullptr) return new HostDelivery(std::move(delivery));
+  *posted = std::move(delivery);
+  return posted;
+}
+
 void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>& lock) {
   Connection& connection = *delivery.connection;
   delivery.server = connection.server.lock();
@@ -146,11 +174,11 @@ void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>&
   } else {
     marshaller.Post(
         [](void* context, bool run) {
-          std::unique_ptr<HostDelivery> posted(static_cast<HostDelivery*>(context));
+          PostedDelivery posted(static_cast<HostDelivery*>(context));
           RunDelivery(*posted, run);
           Connection::AfterHost(posted->connection, posted->answered);
         },
-        new HostDelivery(std::move(delivery)));
+        NewPostedDelivery(std::move(delivery)));
   }
   lock.lock();
   if (!queued) connection.MarkAnswered(delivery.answered);

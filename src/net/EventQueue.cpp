@@ -48,7 +48,15 @@ EventQueue::~EventQueue() {
     Record* record = head_;
     head_ = record->next;
     // A waiting caller holds the queue alive, so only posted calls can be left here.
-    if (record->work != nullptr) RunPosted(record, false);
+    if (record->work != nullptr) {
+      record->work(record->context, false);
+      delete record;
+    }
+  }
+  while (spare_ != nullptr) {
+    Record* record = spare_;
+    spare_ = record->next;
+    delete record;
   }
 }
 
@@ -63,9 +71,14 @@ void EventQueue::Append(Record& record) {
   ++pending_;
 }
 
-void EventQueue::RunPosted(Record* posted, bool run) {
-  std::unique_ptr<Record> owned(posted);  // the queue's own record, made by Post
-  owned->work(owned->context, run);
+void EventQueue::Recycle(Record* posted) {
+  if (spareCount_ >= MaxSpare) {
+    delete posted;
+    return;
+  }
+  posted->next = spare_;
+  spare_ = posted;
+  ++spareCount_;
 }
 
 bool EventQueue::Call(void (*run)(void* context), void* context, const void* source) {
@@ -87,12 +100,19 @@ bool EventQueue::Call(void (*run)(void* context), void* context, const void* sou
 }
 
 void EventQueue::Post(void (*work)(void* context, bool run), void* context, const void* source) {
-  auto record = std::make_unique<Record>();
+  std::lock_guard<std::mutex> lock(mutex_);
+  Record* record = spare_;
+  if (record != nullptr) {
+    spare_ = record->next;
+    --spareCount_;
+    record->next = nullptr;
+  } else {
+    record = new Record();
+  }
   record->work = work;
   record->context = context;
   record->source = source;
-  std::lock_guard<std::mutex> lock(mutex_);
-  Append(*record.release());
+  Append(*record);
   unannounced_ = true;
 }
 
@@ -123,8 +143,9 @@ bool EventQueue::Run(std::chrono::steady_clock::duration timeout, const bool* st
 
     lock.unlock();
     if (record->work != nullptr) {
-      RunPosted(record, true);
+      record->work(record->context, true);
       lock.lock();
+      Recycle(record);
       continue;
     }
     record->run(record->context);
@@ -170,8 +191,10 @@ std::size_t EventQueue::Release(const void* source) {
     record->finishedChanged.notify_one();
   }
   lock.unlock();
-  for (Record* record : posted)
-    RunPosted(record, false);
+  for (Record* record : posted) {
+    record->work(record->context, false);
+    delete record;
+  }
   return released;
 }
 

@@ -20,7 +20,8 @@ namespace Detail {
 // A call is posted with Call, which blocks the posting thread until the owner thread has run it
 // (in Run) or until the posting marshaller has given it up (Release); such a call allocates
 // nothing, as it lives on the stack of the thread that waits for it. Post queues a call without
-// waiting for it. Calls run in the order of posting, whichever way they came.
+// waiting for it, in a record the queue keeps for reuse once the call has run. Calls run in the
+// order of posting, whichever way they came.
 //
 // Thread safety: Call may be used from any thread but the owner's (the owner would wait for
 // itself); Run and Release belong to the owner thread; SetAndWakeOwner and Pending may be used
@@ -94,8 +95,11 @@ class EventQueue {
 
  private:
   void Append(Record& record);  // under the lock
-  // Runs (`run`) or gives up a record made by Post, and frees it.
-  static void RunPosted(Record* posted, bool run);
+  // Keeps a record made by Post, once run, for the next Post; under the lock.
+  void Recycle(Record* posted);
+
+  // Records kept for reuse: a busy host runs a posted call per request.
+  static constexpr std::size_t MaxSpare = 256;
 
   mutable std::mutex mutex_;
   std::condition_variable posted_;  // the owner waits here in Run
@@ -104,6 +108,8 @@ class EventQueue {
   std::size_t pending_ = 0;
   bool unannounced_ = false;  // calls were posted since the owner was last woken
   std::uint64_t nextSequence_ = 0;
+  Record* spare_ = nullptr;  // run records of Post, linked through `next`
+  std::size_t spareCount_ = 0;
 };
 
 }  // namespace Detail

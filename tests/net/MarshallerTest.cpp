@@ -235,6 +235,17 @@ TEST(DaemonMarshallerTest, PostedCallsKeepTheirPlaceAmongHandOversAndGoWithTheir
     ASSERT_TRUE(PumpUntil([&worker] { return worker.Finished(); }));
   }
   EXPECT_EQ((std::vector<std::intptr_t>{0, 9, 1, 3, 4}), seen);
+  // The queue reuses the records of calls that ran: the next batch keeps its order too.
+  {
+    Worker worker([&] {
+      for (std::intptr_t value = 5; value < 8; ++value)
+        PostedCall::Post(marshaller, seen, value, givenUp);
+      marshaller.WakeOwner();
+      marshaller.Marshal_VoidPointer(signal, PointerFor(8));
+    });
+    ASSERT_TRUE(PumpUntil([&worker] { return worker.Finished(); }));
+  }
+  EXPECT_EQ((std::vector<std::intptr_t>{0, 9, 1, 3, 4, 5, 6, 7, 8}), seen);
   EXPECT_EQ(0u, PendingHandOvers());
 }
 
