@@ -18,6 +18,16 @@ def resident_kib(pid):
     return None
 
 
+def cpu_seconds(pid):
+    """User plus system CPU time of a process (all its threads), or None when it is gone."""
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            fields = f.read().rsplit(")", 1)[1].split()
+        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    except (OSError, IndexError, ValueError):
+        return None
+
+
 def log(message):
     print(message, file=sys.stderr, flush=True)
 

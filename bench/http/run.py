@@ -13,6 +13,7 @@ import datetime
 import errno
 import os
 import platform
+import resource
 import select
 import selectors
 import shlex
@@ -26,7 +27,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import fmt, log, pinned, raise_file_limit  # noqa: E402
+from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -104,6 +105,11 @@ def process_tree(pid):
         except OSError:
             pass
     return pids
+
+
+def tree_cpu_seconds(pid):
+    """CPU time of the process and all its descendants."""
+    return sum(cpu_seconds(member) or 0.0 for member in process_tree(pid))
 
 
 def rss_kib(pid):
@@ -492,6 +498,9 @@ def parse_wrk(output):
             in_distribution = False
         elif words[0] == "Requests/sec:":
             result["rps"] = float(words[1])
+        elif len(words) > 3 and words[1:3] == ["requests", "in"]:
+            # 2000000 requests in 8.00s, 194.55MB read
+            result["requests"] = int(words[0])
         elif line.strip().startswith("Socket errors:"):
             # Socket errors: connect 0, read 0, write 0, timeout 0
             numbers = [int(word.strip(",")) for word in words if word.strip(",").isdigit()]
@@ -501,15 +510,26 @@ def parse_wrk(output):
     return result
 
 
-def run_wrk(port, connections, close, duration):
+def run_wrk(server, connections, close, duration):
+    """One wrk run against `server`. Besides wrk's figures: the server's CPU time per request
+    ("server_us") and the share of its CPU that wrk used ("wrk_cpu"). When wrk uses all of its
+    CPU, it is what limits the rate, and the server's CPU time per request tells servers apart."""
     command = ["wrk", "-t1", f"-c{connections}", f"-d{duration}s", "--latency", "--timeout", "5s"]
     command += ["-H", "Connection: close" if close else "Connection: keep-alive"]
-    command.append(f"http://127.0.0.1:{port}{PATH}")
+    command.append(f"http://127.0.0.1:{server.port}{PATH}")
+    server_before = tree_cpu_seconds(server.process.pid)
+    children = resource.getrusage(resource.RUSAGE_CHILDREN)
     completed = subprocess.run(pinned(CLIENT_CPU, command), capture_output=True, text=True,
                                timeout=duration + 60)
+    server_cpu = tree_cpu_seconds(server.process.pid) - server_before
+    after = resource.getrusage(resource.RUSAGE_CHILDREN)
+    wrk_cpu = (after.ru_utime + after.ru_stime) - (children.ru_utime + children.ru_stime)
     parsed = parse_wrk(completed.stdout)
     if parsed["rps"] is None:
         parsed["note"] = (completed.stdout + completed.stderr).strip()[-300:]
+    if parsed.get("requests"):
+        parsed["server_us"] = server_cpu * 1e6 / parsed["requests"]
+        parsed["wrk_cpu"] = wrk_cpu / duration
     return parsed
 
 
@@ -548,7 +568,7 @@ def start_servers(names, args, notes):
         if problems:
             notes.append(f"{name}: unexpected reply: {'; '.join(problems)}")
             log(notes[-1])
-        run_wrk(server.port, 50, False, 1)  # warm-up
+        run_wrk(server, 50, False, 1)  # warm-up
     return running
 
 
@@ -568,7 +588,7 @@ def measure_throughput(names, args, notes):
             for number in range(args.runs):
                 turn = number % len(order) if order else 0
                 for name in order[turn:] + order[:turn]:
-                    run = run_wrk(running[name].port, connections, close, args.duration)
+                    run = run_wrk(running[name], connections, close, args.duration)
                     if "note" in run:
                         notes.append(f"{name}, {label}: wrk gave no result: {run['note']}")
                     rounds[name].setdefault(label, []).append(run)
@@ -594,6 +614,8 @@ def summarize(runs):
         "rps_max": max(rates) if rates else None,
         "p99": median_or_none([run["p99"] for run in runs]),
         "errors": median_or_none([run["errors"] for run in runs]),
+        "server_us": median_or_none([run.get("server_us") for run in runs]),
+        "wrk_cpu": median_or_none([run.get("wrk_cpu") for run in runs]),
     }
 
 
@@ -637,6 +659,11 @@ GOALS = [
      "direct mode p99 ÷ libmicrohttpd's ≤ 1.5"),
     ("keep-alive, 500 conns", "veskan-window", "mhd", "p99", lambda r: r <= 1.5,
      "window mode p99 ÷ libmicrohttpd's ≤ 1.5"),
+    # Not goals: what the rates are made of when wrk is the limit.
+    ("keep-alive, 50 conns", "veskan-direct", "mhd", "server_us", None,
+     "direct mode server CPU per request ÷ libmicrohttpd's (lower is better)"),
+    ("keep-alive, 500 conns", "veskan-direct", "mhd", "server_us", None,
+     "direct mode server CPU per request ÷ libmicrohttpd's (lower is better)"),
 ]
 
 
@@ -651,8 +678,8 @@ def render_goals(rounds):
             if ratio is None:
                 continue
             median, lowest, highest = ratio
-            rows.append(f"| {label} | {what} | {median:.2f} | {lowest:.2f}–{highest:.2f} | "
-                        f"{'met' if test(median) else 'not met'} |")
+            verdict = "" if test is None else "met" if test(median) else "not met"
+            rows.append(f"| {label} | {what} | {median:.2f} | {lowest:.2f}–{highest:.2f} | {verdict} |")
         if rows:
             lines += ["", f"## Goals, {title}", "", "| load | goal | ratio | range over rounds | |",
                       "| --- | --- | ---: | ---: | --- |"] + rows
@@ -678,8 +705,8 @@ def render(args, results, rounds, idle, notes, elapsed, facts):
     lines.append("## Throughput and latency")
     lines.append("")
     have_direct = "veskan-direct" in results
-    header = "| load | server | requests/s | range over runs | p99 ms | errors |"
-    rule = "| --- | --- | ---: | ---: | ---: | ---: |"
+    header = "| load | server | requests/s | range over runs | p99 ms | errors | server CPU µs/request | wrk CPU |"
+    rule = "| --- | --- | ---: | ---: | ---: | ---: | ---: | ---: |"
     if have_direct:
         header += " veskan-direct ÷ server (req/s, median of rounds) |"
         rule += " ---: |"
@@ -692,15 +719,18 @@ def render(args, results, rounds, idle, notes, elapsed, facts):
             if row is None:
                 continue
             spread = f"{fmt(row['rps_min'])}–{fmt(row['rps_max'])}" if args.runs > 1 and row["rps"] else ""
+            wrk_cpu = f"{row['wrk_cpu'] * 100:.0f} %" if row.get("wrk_cpu") is not None else "—"
             line = (f"| {label} | {name} | {fmt(row['rps'])} | {spread} | {fmt(row['p99'], 2)} | "
-                    f"{fmt(row['errors'])} |")
+                    f"{fmt(row['errors'])} | {fmt(row.get('server_us'), 2)} | {wrk_cpu} |")
             if have_direct:
                 ratio = paired_ratio(rounds, "veskan-direct", name, label, "rps")
                 line += f" {fmt(ratio[0] if ratio else None, 2)} |"
             lines.append(line)
     lines.append("")
     lines.append("Errors: median per run of wrk's socket errors (connect, read, write, timeout) "
-                 "plus non-2xx replies.")
+                 "plus non-2xx replies. Server CPU: the CPU time of the server's processes per request "
+                 "served. wrk CPU: the share of its CPU that wrk used; near 100 % wrk limits the rate, "
+                 "and servers that reach that limit are told apart by their CPU per request.")
     if idle:
         lines.append("")
         lines.append(f"## Idle connections ({args.idle_connections:,} keep-alive connections, "

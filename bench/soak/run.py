@@ -34,7 +34,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import fmt, log, pinned, raise_file_limit, resident_kib  # noqa: E402
+from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit, resident_kib  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -247,16 +247,6 @@ def tcp_states():
         except OSError:
             pass
     return states
-
-
-def cpu_seconds(pid):
-    """User plus system CPU time of a process, or None when it is gone."""
-    try:
-        with open(f"/proc/{pid}/stat") as f:
-            fields = f.read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-    except (OSError, IndexError, ValueError):
-        return None
 
 
 def kinds_text(kinds):

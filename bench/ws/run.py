@@ -27,7 +27,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import fmt, log, pinned, raise_file_limit  # noqa: E402
+from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -92,16 +92,6 @@ def build_veskan():
 
 # ---------------------------------------------------------------------------------------------
 # Processes
-
-
-def cpu_seconds(pid):
-    """User plus system CPU time of a process (all its threads), or None when it is gone."""
-    try:
-        with open(f"/proc/{pid}/stat") as f:
-            fields = f.read().rsplit(")", 1)[1].split()
-        return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
-    except (OSError, IndexError, ValueError):
-        return None
 
 
 def machine_busy_seconds():
