@@ -340,8 +340,10 @@ class Reader {
       current_ = Message::New();
       current_->Open(form.method, target);
       Hold();
-      Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessIn")
-          << " Allocated new message size: " << static_cast<int>(sizeof(Message));
+      if (Logger::IsEnabled(Logger::Severity::Trace)) {  // a line per request: not even built
+        Logger::Line(Logger::Severity::Trace, "Veskan::Daemon::ProcessIn")
+            << " Allocated new message size: " << static_cast<int>(sizeof(Message));
+      }
       return true;
     }
     return false;
