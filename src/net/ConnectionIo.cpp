@@ -129,10 +129,6 @@ void RunDelivery(HostDelivery& delivery, bool run) {
   }
 }
 
-// Hands a delivery to the host, without the connection's lock (which `lock` holds on entry and
-// exit). In direct mode the slots run now. Otherwise the delivery is queued for the host's thread
-// and the worker goes on with its other connections; this connection reads no further until the
-// host has run it, which keeps its events in order and its requests answered one at a time.
 // A delivery queued for the host's thread comes from a pool: a worker in window mode queues one
 // per batch of bytes read, and the host's thread drops it.
 struct RecycleDelivery {
@@ -160,6 +156,10 @@ HostDelivery* NewPostedDelivery(HostDelivery&& delivery) {
   return posted;
 }
 
+// Hands a delivery to the host, without the connection's lock (which `lock` holds on entry and
+// exit). In direct mode the slots run now. Otherwise the delivery is queued for the host's thread
+// and the worker goes on with its other connections; this connection reads no further until the
+// host has run it, which keeps its events in order and its requests answered one at a time.
 void HandToHost(HostDelivery&& delivery, std::unique_lock<std::recursive_mutex>& lock) {
   Connection& connection = *delivery.connection;
   delivery.server = connection.server.lock();
