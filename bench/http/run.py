@@ -551,9 +551,9 @@ def paired_ratio(rounds, top, bottom, label, key):
 # The throughput test
 
 
-def start_servers(names, args, notes):
-    """Starts every server, checks its reply and warms it up; returns the running ones by name."""
-    running = {}
+def start_servers(names, args, notes, running):
+    """Starts every server, checks its reply and warms it up; adds the running ones to `running`
+    by name as they start, so that the caller can stop them whatever happens."""
     for name in names:
         server = Server(name, args)
         try:
@@ -569,7 +569,6 @@ def start_servers(names, args, notes):
             notes.append(f"{name}: unexpected reply: {'; '.join(problems)}")
             log(notes[-1])
         run_wrk(server, 50, False, 1)  # warm-up
-    return running
 
 
 def measure_throughput(names, args, notes):
@@ -580,9 +579,10 @@ def measure_throughput(names, args, notes):
 
     Returns (results, rounds): results[name][label] the medians and ranges over the rounds,
     rounds[name][label] the runs in round order."""
-    running = start_servers(names, args, notes)
-    rounds = {name: {} for name in running}
+    running, rounds = {}, {}
     try:
+        start_servers(names, args, notes, running)
+        rounds = {name: {} for name in running}
         for label, connections, close in LOADS:
             order = list(running)
             for number in range(args.runs):
