@@ -48,15 +48,7 @@ EventQueue::~EventQueue() {
     Record* record = head_;
     head_ = record->next;
     // A waiting caller holds the queue alive, so only posted calls can be left here.
-    if (record->work != nullptr) {
-      record->work(record->context, false);
-      delete record;
-    }
-  }
-  while (spare_ != nullptr) {
-    Record* record = spare_;
-    spare_ = record->next;
-    delete record;
+    if (record->work != nullptr) GiveUpPosted(record);
   }
 }
 
@@ -71,14 +63,14 @@ void EventQueue::Append(Record& record) {
   ++pending_;
 }
 
+void EventQueue::GiveUpPosted(Record* posted) {
+  std::unique_ptr<Record> owned(posted);  // the queue's own record, made by Post
+  owned->work(owned->context, false);
+}
+
 void EventQueue::Recycle(Record* posted) {
-  if (spareCount_ >= MaxSpare) {
-    delete posted;
-    return;
-  }
-  posted->next = spare_;
-  spare_ = posted;
-  ++spareCount_;
+  std::unique_ptr<Record> owned(posted);
+  if (spare_.size() < MaxSpare) spare_.push_back(std::move(owned));
 }
 
 bool EventQueue::Call(void (*run)(void* context), void* context, const void* source) {
@@ -101,18 +93,18 @@ bool EventQueue::Call(void (*run)(void* context), void* context, const void* sou
 
 void EventQueue::Post(void (*work)(void* context, bool run), void* context, const void* source) {
   std::lock_guard<std::mutex> lock(mutex_);
-  Record* record = spare_;
-  if (record != nullptr) {
-    spare_ = record->next;
-    --spareCount_;
-    record->next = nullptr;
+  std::unique_ptr<Record> record;
+  if (spare_.empty()) {
+    record = std::make_unique<Record>();
   } else {
-    record = new Record();
+    record = std::move(spare_.back());
+    spare_.pop_back();
+    record->next = nullptr;
   }
   record->work = work;
   record->context = context;
   record->source = source;
-  Append(*record);
+  Append(*record.release());
   unannounced_ = true;
 }
 
@@ -191,10 +183,8 @@ std::size_t EventQueue::Release(const void* source) {
     record->finishedChanged.notify_one();
   }
   lock.unlock();
-  for (Record* record : posted) {
-    record->work(record->context, false);
-    delete record;
-  }
+  for (Record* record : posted)
+    GiveUpPosted(record);
   return released;
 }
 

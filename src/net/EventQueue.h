@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <vector>
 
 namespace Veskan {
 namespace Detail {
@@ -95,7 +96,9 @@ class EventQueue {
 
  private:
   void Append(Record& record);  // under the lock
-  // Keeps a record made by Post, once run, for the next Post; under the lock.
+  // Gives up a record made by Post (`work(context, false)`) and frees it.
+  static void GiveUpPosted(Record* posted);
+  // Keeps a record made by Post, once run, for the next Post, or frees it; under the lock.
   void Recycle(Record* posted);
 
   // Records kept for reuse: a busy host runs a posted call per request.
@@ -108,8 +111,7 @@ class EventQueue {
   std::size_t pending_ = 0;
   bool unannounced_ = false;  // calls were posted since the owner was last woken
   std::uint64_t nextSequence_ = 0;
-  Record* spare_ = nullptr;  // run records of Post, linked through `next`
-  std::size_t spareCount_ = 0;
+  std::vector<std::unique_ptr<Record>> spare_;  // run records of Post
 };
 
 }  // namespace Detail

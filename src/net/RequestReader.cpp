@@ -761,10 +761,7 @@ class Reader {
     held_ = current_->Lock();
   }
   // Before the message is let go: a lock must not outlive the message it belongs to.
-  void Release() {
-    if (held_.owns_lock()) held_.unlock();
-    held_ = std::unique_lock<std::recursive_mutex>();
-  }
+  void Release() { held_ = std::unique_lock<std::recursive_mutex>(); }  // unlocks what it held
 
   Client::ParseData& parse_;
   std::shared_ptr<Message>& current_;
