@@ -32,6 +32,19 @@ def log(message):
     print(message, file=sys.stderr, flush=True)
 
 
+def start_or_note(server, name, notes):
+    """Starts `server` (an object with start() and stop()); when it cannot, says why in `notes`
+    and on stderr, stops what started, and returns False."""
+    try:
+        server.start()
+        return True
+    except (OSError, RuntimeError) as error:
+        notes.append(f"{name}: could not start: {error}")
+        log(notes[-1])
+        server.stop()
+        return False
+
+
 def pinned(cpu, command):
     """`command` run on CPU `cpu` when taskset is there and the machine has two CPUs or more."""
     if shutil.which("taskset") and os.cpu_count() and os.cpu_count() >= 2:

@@ -27,7 +27,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit  # noqa: E402
+from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit, start_or_note  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -556,12 +556,7 @@ def start_servers(names, args, notes, running):
     by name as they start, so that the caller can stop them whatever happens."""
     for name in names:
         server = Server(name, args)
-        try:
-            server.start()
-        except (OSError, RuntimeError) as error:
-            notes.append(f"{name}: could not start: {error}")
-            log(notes[-1])
-            server.stop()
+        if not start_or_note(server, name, notes):
             continue
         running[name] = server
         problems = check_server(server.port)

@@ -27,7 +27,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit  # noqa: E402
+from benchlib import cpu_seconds, fmt, log, pinned, raise_file_limit, start_or_note  # noqa: E402
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 ROOT = os.path.dirname(os.path.dirname(HERE))
@@ -244,12 +244,7 @@ def bench_server(name, args, veskan, notes):
     server = Server(name, args.veskan_before if name.endswith("-before") else veskan)
     row = {"load": os.getloadavg()[0]}
     busy, own, started = machine_busy_seconds(), own_cpu_seconds(), time.monotonic()
-    try:
-        server.start()
-    except (OSError, RuntimeError) as error:
-        notes.append(f"{name}: could not start: {error}")
-        log(notes[-1])
-        server.stop()
+    if not start_or_note(server, name, notes):
         return None
     try:
         echo_limit = args.warmup + args.duration + args.timeout + 60
