@@ -1,6 +1,8 @@
 #include "rdf/RdfXmlScreen.h"
 
 #include <cstring>
+#include <string_view>
+#include <vector>
 
 namespace Veskan {
 namespace Detail {
@@ -77,10 +79,92 @@ class Scanner {
   std::size_t length_;
 };
 
+// The RDF terms raptor takes from an element's attributes, prefixed or not, keeping one value
+// per term: a second attribute for the same term overwrites the first, whose copy it never frees.
+constexpr std::string_view kRdfAttributeTerms[] = {
+    "RDF",  "Description", "li",         "about",        "aboutEach", "aboutEachPrefix",
+    "ID",   "bagID",       "resource",   "parseType",    "nodeID",    "datatype",
+    "type", "value",       "subject",    "predicate",    "object",    "first",
+    "rest", "Seq",         "Bag",        "Alt",          "Statement", "Property",
+    "List", "nil",         "XMLLiteral", "PlainLiteral", "HTML",      "langString"};
+
+bool IsRdfAttributeTerm(std::string_view name) {
+  for (std::string_view term : kRdfAttributeTerms)
+    if (name == term) return true;
+  return false;
+}
+
+bool IsSpace(char c) {
+  return c == ' ' || c == '\t' || c == '\r' || c == '\n';
+}
+
+// Finds start tags that give raptor one RDF term twice. Prefixes are gathered from every
+// declaration seen so far, unscoped, and a declaration whose value may spell the RDF namespace
+// (an entity or character reference) counts: a false alarm refuses an odd document, a miss leaks.
+class RepeatedRdfAttributes {
+ public:
+  // The term that the start tag `tag` (between '<' and '>') gives twice, or empty. Malformed
+  // attributes end the look; the parser reports them.
+  std::string_view Find(std::string_view tag) {
+    attributes_.clear();
+    std::size_t at = 0;
+    while (at < tag.size() && !IsSpace(tag[at]))
+      ++at;  // the element's name
+    for (;;) {
+      while (at < tag.size() && IsSpace(tag[at]))
+        ++at;
+      const std::size_t nameStart = at;
+      while (at < tag.size() && !IsSpace(tag[at]) && tag[at] != '=' && tag[at] != '/')
+        ++at;
+      const std::string_view name = tag.substr(nameStart, at - nameStart);
+      while (at < tag.size() && IsSpace(tag[at]))
+        ++at;
+      if (name.empty() || at + 1 >= tag.size() || tag[at] != '=') break;
+      ++at;
+      while (at < tag.size() && IsSpace(tag[at]))
+        ++at;
+      if (at >= tag.size() || (tag[at] != '"' && tag[at] != '\'')) break;
+      const std::size_t valueEnd = tag.find(tag[at], at + 1);
+      if (valueEnd == std::string_view::npos) break;
+      const std::string_view value = tag.substr(at + 1, valueEnd - at - 1);
+      at = valueEnd + 1;
+      attributes_.push_back(name);
+      if (name.substr(0, 6) == "xmlns:" && (value.find("rdf-syntax-ns") != std::string_view::npos ||
+                                            value.find('&') != std::string_view::npos))
+        rdfPrefixes_.push_back(name.substr(6));
+    }
+    terms_.clear();
+    for (std::string_view name : attributes_) {
+      if (name.substr(0, 3) == "xml") continue;  // raptor takes these out first
+      const std::size_t colon = name.find(':');
+      const std::string_view term = colon == std::string_view::npos ? name : name.substr(colon + 1);
+      if (!IsRdfAttributeTerm(term) ||
+          (colon != std::string_view::npos && !IsRdfPrefix(name.substr(0, colon))))
+        continue;
+      for (std::string_view seen : terms_)
+        if (seen == term) return term;
+      terms_.push_back(term);
+    }
+    return {};
+  }
+
+ private:
+  bool IsRdfPrefix(std::string_view prefix) const {
+    for (std::string_view known : rdfPrefixes_)
+      if (known == prefix) return true;
+    return false;
+  }
+
+  std::vector<std::string_view> attributes_;
+  std::vector<std::string_view> terms_;
+  std::vector<std::string_view> rdfPrefixes_;
+};
+
 }  // namespace
 
 bool ScreenRdfXml(const char* text, std::size_t length, std::string& reason) {
   const Scanner scan(text, length);
+  RepeatedRdfAttributes repeated;
   std::size_t depth = 0;
   std::size_t at = 0;
   while (at < length) {
@@ -106,6 +190,11 @@ bool ScreenRdfXml(const char* text, std::size_t length, std::string& reason) {
       if (end >= length) break;
       if (text[end - 1] != '/' && ++depth > kMaxRdfXmlDepth) {
         reason = "its elements nest deeper than " + std::to_string(kMaxRdfXmlDepth);
+        return false;
+      }
+      const std::string_view term = repeated.Find(std::string_view(text + at + 1, end - at - 1));
+      if (!term.empty()) {
+        reason = "an element gives the RDF attribute '" + std::string(term) + "' twice";
         return false;
       }
       at = end + 1;

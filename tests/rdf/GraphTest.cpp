@@ -115,8 +115,9 @@ TEST(RdfGraphTest, ReadsRelativeReferencesAgainstTheBaseAndWritesEveryFormat) {
 }
 
 // Raptor reads through libxml2, which would load external parameter entities and spends time
-// in the square of the nesting depth: both are refused before it reads. The hostile files of
-// tests/data/rdf/bad (malformed, entity bombs, external entities and DTDs) read as nothing.
+// in the square of the nesting depth, and leaks an RDF attribute given twice: all are refused
+// before it reads. The hostile files of tests/data/rdf/bad (malformed, entity bombs, external
+// entities and DTDs, a repeated attribute) read as nothing.
 TEST(RdfGraphTest, BadTextAddsNothing) {
   std::shared_ptr<RDF::Graph> graph = Quiz();
   RDF::Graph empty;
@@ -134,7 +135,7 @@ TEST(RdfGraphTest, BadTextAddsNothing) {
                               Bytes(std::string(kQuiz).substr(0, 300)), Bytes(nested(300))};
   for (const char* name : {"bad-rdf-syntax", "billion-laughs", "external-dtd", "external-entity",
                            "external-parameter-entity", "invalid-utf8", "not-well-formed",
-                           "parameter-entity-from-file", "truncated"}) {
+                           "parameter-entity-from-file", "repeated-rdf-attribute", "truncated"}) {
     bad.push_back(
         BytesFromFile(UTF8to16((std::string(VESKAN_RDF_DATA "/bad/") + name + ".rdf").c_str())
                           .getTerminatedBuffer()));
@@ -155,6 +156,12 @@ TEST(RdfGraphTest, BadTextAddsNothing) {
             1);
   EXPECT_TRUE(empty.FindOneTriple(u"http://x/s", u"http://x/t")->Object() == u"SYSTEM");
   EXPECT_EQ(empty.Add(Bytes(nested(200))), 1);
+  // The same local name in another namespace is a property, not the RDF attribute again.
+  EXPECT_EQ(empty.Add(Bytes(R"(<rdf:RDF xmlns:rdf="http://www.w3.org/1999/02/22-rdf-syntax-ns#" )"
+                            R"(xmlns:v="http://x/"><rdf:Description rdf:about="http://x/s" )"
+                            R"(v:about="topic"/></rdf:RDF>)")),
+            1);
+  EXPECT_TRUE(empty.FindOneTriple(u"http://x/s", u"http://x/about")->Object() == u"topic");
   EXPECT_EQ(RDF::Graph::FromFile(u"/nonexistent/quiz.rdf"), nullptr);
 }
 
