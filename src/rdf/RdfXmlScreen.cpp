@@ -1,7 +1,9 @@
 #include "rdf/RdfXmlScreen.h"
 
+#include <algorithm>
 #include <cstring>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace Veskan {
@@ -98,66 +100,101 @@ bool IsSpace(char c) {
   return c == ' ' || c == '\t' || c == '\r' || c == '\n';
 }
 
-// Finds start tags that give raptor one RDF term twice. Prefixes are gathered from every
-// declaration seen so far, unscoped, and a declaration whose value may spell the RDF namespace
-// (an entity or character reference) counts: a false alarm refuses an odd document, a miss leaks.
+// Finds start tags that give raptor one RDF term twice. raptor takes a term from an attribute
+// without a prefix, with a prefix it does not know, and with one bound to the RDF namespace; a
+// binding whose value may spell that namespace (an entity or character reference) counts as
+// one. A false alarm refuses an odd document; a miss leaks.
 class RepeatedRdfAttributes {
  public:
-  // The term that the start tag `tag` (between '<' and '>') gives twice, or empty. Malformed
-  // attributes end the look; the parser reports them.
-  std::string_view Find(std::string_view tag) {
+  // The term that the start tag `tag` (from its name to its '>', or to the end of an unfinished
+  // text) gives twice, or empty. libxml2 hands raptor what it could read of a malformed tag, so
+  // a malformed attribute is stepped over, not taken as the tag's end. The tag's bindings hold
+  // until the matching Close, or only for the tag itself when `empty` (it ends with "/>").
+  std::string_view Open(std::string_view tag, bool empty) {
+    marks_.push_back(bound_.size());
     attributes_.clear();
-    std::size_t at = 0;
-    while (at < tag.size() && !IsSpace(tag[at]))
-      ++at;  // the element's name
-    for (;;) {
-      while (at < tag.size() && IsSpace(tag[at]))
-        ++at;
+    std::size_t at = SkipToken(tag, 0);  // the element's name
+    while (at < tag.size()) {
+      at = SkipSpace(tag, at);
       const std::size_t nameStart = at;
       while (at < tag.size() && !IsSpace(tag[at]) && tag[at] != '=' && tag[at] != '/')
         ++at;
       const std::string_view name = tag.substr(nameStart, at - nameStart);
-      while (at < tag.size() && IsSpace(tag[at]))
-        ++at;
-      if (name.empty() || at + 1 >= tag.size() || tag[at] != '=') break;
-      ++at;
-      while (at < tag.size() && IsSpace(tag[at]))
-        ++at;
-      if (at >= tag.size() || (tag[at] != '"' && tag[at] != '\'')) break;
-      const std::size_t valueEnd = tag.find(tag[at], at + 1);
-      if (valueEnd == std::string_view::npos) break;
-      const std::string_view value = tag.substr(at + 1, valueEnd - at - 1);
-      at = valueEnd + 1;
+      at = SkipSpace(tag, at);
+      if (name.empty() || at >= tag.size() || tag[at] != '=') {
+        at = SkipToken(tag, at + 1);
+        continue;
+      }
+      at = SkipSpace(tag, at + 1);
+      std::string_view value;
+      if (at < tag.size() && (tag[at] == '"' || tag[at] == '\'')) {
+        const std::size_t valueEnd = std::min(tag.find(tag[at], at + 1), tag.size());
+        value = tag.substr(at + 1, valueEnd - at - 1);
+        at = valueEnd + 1;
+      } else {
+        const std::size_t valueStart = at;
+        at = SkipToken(tag, at);
+        value = tag.substr(valueStart, at - valueStart);
+      }
       attributes_.push_back(name);
-      if (name.substr(0, 6) == "xmlns:" && (value.find("rdf-syntax-ns") != std::string_view::npos ||
-                                            value.find('&') != std::string_view::npos))
-        rdfPrefixes_.push_back(name.substr(6));
+      if (name.substr(0, 6) == "xmlns:") {
+        bound_.push_back(name.substr(6));
+        bindings_[bound_.back()].push_back(value.find("rdf-syntax-ns") != std::string_view::npos ||
+                                           value.find('&') != std::string_view::npos);
+      }
     }
+    const std::string_view term = FindRepeatedTerm();
+    if (empty) Close();
+    return term;
+  }
+
+  // Ends the scope of the innermost open tag's bindings.
+  void Close() {
+    if (marks_.empty()) return;
+    for (; bound_.size() > marks_.back(); bound_.pop_back()) {
+      std::vector<bool>& values = bindings_[bound_.back()];
+      values.pop_back();
+      if (values.empty()) bindings_.erase(bound_.back());
+    }
+    marks_.pop_back();
+  }
+
+ private:
+  std::string_view FindRepeatedTerm() {
     terms_.clear();
     for (std::string_view name : attributes_) {
       if (name.substr(0, 3) == "xml") continue;  // raptor takes these out first
       const std::size_t colon = name.find(':');
       const std::string_view term = colon == std::string_view::npos ? name : name.substr(colon + 1);
-      if (!IsRdfAttributeTerm(term) ||
-          (colon != std::string_view::npos && !IsRdfPrefix(name.substr(0, colon))))
-        continue;
-      for (std::string_view seen : terms_)
-        if (seen == term) return term;
+      if (!IsRdfAttributeTerm(term)) continue;
+      if (colon != std::string_view::npos) {
+        const auto binding = bindings_.find(name.substr(0, colon));
+        if (binding != bindings_.end() && !binding->second.back()) continue;
+      }
+      if (std::find(terms_.begin(), terms_.end(), term) != terms_.end()) return term;
       terms_.push_back(term);
     }
     return {};
   }
 
- private:
-  bool IsRdfPrefix(std::string_view prefix) const {
-    for (std::string_view known : rdfPrefixes_)
-      if (known == prefix) return true;
-    return false;
+  static std::size_t SkipSpace(std::string_view tag, std::size_t at) {
+    while (at < tag.size() && IsSpace(tag[at]))
+      ++at;
+    return at;
+  }
+  static std::size_t SkipToken(std::string_view tag, std::size_t at) {
+    while (at < tag.size() && !IsSpace(tag[at]))
+      ++at;
+    return at;
   }
 
-  std::vector<std::string_view> attributes_;
-  std::vector<std::string_view> terms_;
-  std::vector<std::string_view> rdfPrefixes_;
+  std::vector<std::string_view> attributes_;  // the current tag's names
+  std::vector<std::string_view> terms_;       // at most one of each RDF term
+  // Each prefix's bindings in scope, innermost last (true: may be the RDF namespace), and the
+  // prefixes bound by open tags in order, with where each open tag's own begin.
+  std::unordered_map<std::string_view, std::vector<bool>> bindings_;
+  std::vector<std::string_view> bound_;
+  std::vector<std::size_t> marks_;
 };
 
 }  // namespace
@@ -184,17 +221,20 @@ bool ScreenRdfXml(const char* text, std::size_t length, std::string& reason) {
       }
     } else if (scan.At(at, "</")) {
       if (depth > 0) --depth;
+      repeated.Close();
       at = scan.Past(at + 2, ">");
     } else {
       const std::size_t end = scan.TagEnd(at + 1);
-      if (end >= length) break;
-      if (text[end - 1] != '/' && ++depth > kMaxRdfXmlDepth) {
-        reason = "its elements nest deeper than " + std::to_string(kMaxRdfXmlDepth);
-        return false;
-      }
-      const std::string_view term = repeated.Find(std::string_view(text + at + 1, end - at - 1));
+      const bool empty = end < length && text[end - 1] == '/';
+      const std::string_view term =
+          repeated.Open(std::string_view(text + at + 1, end - at - 1), empty);
       if (!term.empty()) {
         reason = "an element gives the RDF attribute '" + std::string(term) + "' twice";
+        return false;
+      }
+      if (end >= length) break;
+      if (!empty && ++depth > kMaxRdfXmlDepth) {
+        reason = "its elements nest deeper than " + std::to_string(kMaxRdfXmlDepth);
         return false;
       }
       at = end + 1;

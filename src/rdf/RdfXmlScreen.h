@@ -15,10 +15,10 @@ constexpr std::size_t kMaxRdfXmlDepth = 512;
 // False, with the reason, for a text whose document type names anything outside it (a SYSTEM or
 // PUBLIC identifier: libxml2 under raptor loads external parameter entities whatever raptor's
 // options say), whose elements nest deeper than kMaxRdfXmlDepth, or with an element that gives
-// one RDF attribute twice (through two prefixes, or with and without one: raptor keeps the last
-// and leaks the first). Internal entities pass: many
-// RDF/XML files name their namespaces with them, and libxml2 refuses expansion bombs itself.
-// Anything malformed is left for the parser to report.
+// one RDF attribute twice (through two prefixes, or with and without one, an undeclared prefix
+// counting as none: raptor keeps the last value and leaks the first). Internal entities pass:
+// many RDF/XML files name their namespaces with them, and libxml2 refuses expansion bombs
+// itself. Anything malformed is left for the parser to report.
 bool ScreenRdfXml(const char* text, std::size_t length, std::string& reason);
 
 }  // namespace Detail

@@ -141,6 +141,11 @@ TEST(RdfGraphTest, BadTextAddsNothing) {
                           .getTerminatedBuffer()));
     EXPECT_GT(bad.back().Size(), 0) << name;
   }
+  // raptor takes an attribute with an undeclared prefix as one without (a leak that only the
+  // sanitizer builds see: the text has an error either way).
+  bad.push_back(
+      Bytes(R"(<rdf:RDF xmlns:rdf="http://www.w3.org/1999/02/22-rdf-syntax-ns#">)"
+            R"(<rdf:Description rdf:about="http://x/a" u:about="http://x/b"/></rdf:RDF>)"));
   for (const ByteBuffer& text : bad) {
     EXPECT_EQ(graph->Add(text), 0) << UTF8to16(text).ToUTF8().substr(0, 80);
     EXPECT_EQ(graph->Size(), 12);
