@@ -176,10 +176,17 @@ StringBuffer& StringBuffer::operator+=(char16_t unit) {
   return *this;
 }
 
+// One pass that stops at the first difference, rather than measuring `text` first: hosts and
+// the engine compare against literals for every request.
 bool StringBuffer::operator==(const char16_t* text) const {
   if (!text) return isEmpty();
-  const int32_t textLength = u_strlen(text);
-  return textLength == length() && compare(text, textLength) == 0;
+  const char16_t* units = getBuffer();
+  if (!units) return false;  // bogus
+  const int32_t used = length();
+  for (int32_t i = 0; i < used; ++i) {
+    if (text[i] != units[i] || text[i] == 0) return false;  // never read past text's end
+  }
+  return text[used] == 0;
 }
 
 bool StringBuffer::operator!=(const char16_t* text) const {

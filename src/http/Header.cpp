@@ -111,6 +111,14 @@ StringBuffer& Header::Collection::operator[](const char16_t* name) {
     Header& header = headers_[static_cast<std::size_t>(i)];
     if (NameIs(header.Name, name)) return header.Value;
   }
+  if (static_cast<std::size_t>(count_) < headers_.size()) {
+    // A spare is named in place (a reply's fields, for every request): the list does not move,
+    // and the name is copied before the spare's old value goes, should it point into it.
+    Header& spare = headers_[static_cast<std::size_t>(count_++)];
+    spare.Name = name;
+    spare.Value.remove();
+    return spare.Value;
+  }
   // Copied before the list may move: `name` can point into one of its values.
   StringBuffer copied(name);
   Header& added = Append();

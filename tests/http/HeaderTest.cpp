@@ -76,6 +76,10 @@ TEST(HeaderCollectionTest, AddAnotherRemoveAndRemoveAt) {
   // Removed headers are gone from every view, also while the collection keeps their room.
   EXPECT_EQ(std::distance(headers.begin(), headers.end()), 1);
   EXPECT_FALSE(headers.Contains(Header::SetCookie));
+  // A field added into that room may be named by text of a field beside it.
+  headers[headers(0).Value.c_str()] = u"1";
+  EXPECT_EQ(headers(1), Header(u"text/xml", u"1"));
+  headers.RemoveAt(1);
   ByteBuffer block;
   headers.Write(block, 0, true);
   EXPECT_EQ(Bytes(block), "Content-Type: text/xml\r\n\r\n");
