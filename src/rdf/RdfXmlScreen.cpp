@@ -190,8 +190,8 @@ class RepeatedRdfAttributes {
 
   std::vector<std::string_view> attributes_;  // the current tag's names
   std::vector<std::string_view> terms_;       // at most one of each RDF term
-  // Each prefix's bindings in scope, innermost last (true: may be the RDF namespace), and the
-  // prefixes bound by open tags in order, with where each open tag's own begin.
+  // Each prefix's bindings in scope, innermost last (true: may be the RDF namespace); the
+  // prefixes bound by the open tags, in order; where each open tag's bindings begin in those.
   std::unordered_map<std::string_view, std::vector<bool>> bindings_;
   std::vector<std::string_view> bound_;
   std::vector<std::size_t> marks_;
