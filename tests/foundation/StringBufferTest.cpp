@@ -190,10 +190,11 @@ TEST(StringBufferComparison, EqualityIsExactAndNullIsEmpty) {
   EXPECT_TRUE(u"hello" != text);
   EXPECT_TRUE(StringBuffer() == static_cast<const char16_t*>(nullptr));
   EXPECT_FALSE(text == static_cast<const char16_t*>(nullptr));
-  // A NUL inside the buffer ends the literal there, so they differ; a bogus text equals nothing.
+  // A literal ends at its NUL, a buffer at its length; a bogus text equals nothing.
   const StringBuffer withNul(u"He\0lo", 5);
   EXPECT_FALSE(withNul == u"He");
-  EXPECT_FALSE(StringBuffer(u"He") == u"He\0lo");
+  EXPECT_FALSE(withNul == u"He\0lo");
+  EXPECT_TRUE(StringBuffer(u"He") == u"He\0lo");
   StringBuffer bogus;
   bogus.setToBogus();
   EXPECT_FALSE(bogus == u"");
